@@ -1,0 +1,117 @@
+#include "support/test_support.hpp"
+
+#include <array>
+#include <cstdio>
+#include <fstream>
+#include <random>
+#include <sstream>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "run/text_io.hpp"
+
+namespace qt {
+
+scratch_dir::scratch_dir(const std::string& tag) {
+  std::random_device rd;
+  for (;;) {
+    path = std::filesystem::temp_directory_path() /
+           (tag + "-" + std::to_string(getpid()) + "-" + std::to_string(rd()));
+    if (std::filesystem::create_directory(path)) break;
+  }
+}
+
+scratch_dir::~scratch_dir() {
+  std::error_code ec;
+  if (!old_cwd.empty()) std::filesystem::current_path(old_cwd, ec);
+  std::filesystem::remove_all(path, ec);
+}
+
+void scratch_dir::cd() {
+  if (old_cwd.empty()) old_cwd = std::filesystem::current_path();
+  std::filesystem::current_path(path);
+}
+
+void write_file(const std::string& path, const std::string& text) {
+  std::ofstream f(path, std::ios::binary);
+  f << text;
+}
+
+std::string read_file(const std::string& path) {
+  std::ifstream f(path, std::ios::binary);
+  std::stringstream ss;
+  ss << f.rdbuf();
+  return ss.str();
+}
+
+std::vector<std::string> read_lines(const std::string& path) {
+  std::vector<std::string> lines;
+  std::ifstream f(path);
+  std::string l;
+  while (std::getline(f, l)) lines.push_back(l);
+  return lines;
+}
+
+program_run run_program(const std::string& dir, const std::vector<std::string>& args) {
+  program_run r;
+  const std::string out = dir + "/.screen.txt";
+  const std::string err = dir + "/.errors.txt";
+  const pid_t pid = fork();
+  if (pid == 0) {
+    if (chdir(dir.c_str()) != 0) _exit(127);
+    if (!freopen(out.c_str(), "w", stdout)) _exit(127);
+    if (!freopen(err.c_str(), "w", stderr)) _exit(127);
+    std::vector<char*> argv;
+    std::string exe = QUOLVENT_EXE;
+    argv.push_back(exe.data());
+    std::vector<std::string> copy(args);
+    for (auto& a : copy) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    execv(exe.c_str(), argv.data());
+    _exit(127);
+  }
+  int st = 0;
+  waitpid(pid, &st, 0);
+  r.status = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+  r.screen = read_file(out);
+  r.errors = read_file(err);
+  std::remove(out.c_str());
+  std::remove(err.c_str());
+  return r;
+}
+
+namespace {
+void throw_stop() { throw stop_caught{}; }
+}  // namespace
+
+capture::capture() : screen_f(std::tmpfile()), log_f(std::tmpfile()) {
+  set_screen(screen_f);
+  set_log(log_f);
+  set_stop_handler(&throw_stop);
+}
+
+capture::~capture() {
+  set_screen(nullptr);
+  set_log(nullptr);
+  set_stop_handler(nullptr);
+  std::fclose(screen_f);
+  std::fclose(log_f);
+}
+
+namespace {
+std::string slurp(std::FILE* f) {
+  std::fflush(f);
+  const long here = std::ftell(f);
+  std::rewind(f);
+  std::string s(static_cast<std::size_t>(here), '\0');
+  const std::size_t got = std::fread(s.data(), 1, s.size(), f);
+  s.resize(got);
+  std::fseek(f, 0, SEEK_END);
+  return s;
+}
+}  // namespace
+
+std::string capture::screen() { return slurp(screen_f); }
+std::string capture::log() { return slurp(log_f); }
+
+}  // namespace qt
