@@ -1,0 +1,277 @@
+// KERNEL2_MOD: the regular-grid row loop.
+#include "sens/kernel2_mod.hpp"
+
+#include <omp.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstddef>
+#include <cstdlib>
+#include <new>
+
+#include "model/model.hpp"
+#include "run/text_io.hpp"
+#include "sens/calc_arctangents_mod.hpp"
+#include "sens/gsus_no_atan_mod.hpp"
+#include "sens/kernel_mod.hpp"
+#include "wavelet/compression.hpp"
+
+namespace {
+
+// The cube's positions are 32-bit signed integers.
+constexpr int64_t cube_limit = int64_t{1} << 31;
+
+// A shift beyond this many cells can't fit the cube anyway; checking it
+// before the conversion keeps the conversion defined.
+constexpr double shift_limit = 1073741824.0;  // 2^30
+
+// half_extension: ny / 2 rounded up, computed in 32-bit floats.
+int32_t half_extension(int32_t m) {
+  return static_cast<int32_t>(static_cast<float>(m) * 0.5f + 0.5f);
+}
+
+// shift_plan: the shift of every datum's sub-block, in cells, and the growth
+// of the mesh on each side that keeps every sub-block inside the cube.
+struct shift_plan {
+  std::vector<int32_t> iy, ix;
+  int32_t hy = 0, hx = 0;
+  int32_t ny2 = 0, nx2 = 0;
+  std::size_t cube = 0;  // nz * ny2 * nx2
+};
+
+enum class plan_status { ok, unusable, too_large };
+
+// plan_shifts: unusable when the arguments give no shift to work with,
+// too_large when the cube would need 2^31 positions or more; in both cases
+// the general loop runs instead.
+plan_status plan_shifts(int32_t ref_datum, double cell_dy, double cell_dx, shift_plan& p) {
+  const int32_t nd = obs.ndata;
+  if (ref_datum < 1 || ref_datum > nd) return plan_status::unusable;
+  if (!(cell_dy > 0.0) || !(cell_dx > 0.0) || !std::isfinite(cell_dy) ||
+      !std::isfinite(cell_dx))
+    return plan_status::unusable;
+
+  const double oy = obs.obs_y[static_cast<std::size_t>(ref_datum) - 1];
+  const double ox = obs.obs_x[static_cast<std::size_t>(ref_datum) - 1];
+  p.iy.resize(static_cast<std::size_t>(nd));
+  p.ix.resize(static_cast<std::size_t>(nd));
+  // Data reach the mesh edges and the reference may lie off the centre, so a
+  // shift can pass ny / 2: the mesh grows by the largest shift where needed.
+  int64_t hy = half_extension(mesh.ny);
+  int64_t hx = half_extension(mesh.nx);
+  for (int32_t i = 0; i < nd; ++i) {
+    const double sy = (oy - obs.obs_y[static_cast<std::size_t>(i)]) / cell_dy;
+    const double sx = (ox - obs.obs_x[static_cast<std::size_t>(i)]) / cell_dx;
+    if (!(std::fabs(sy) < shift_limit) || !(std::fabs(sx) < shift_limit))
+      return plan_status::too_large;
+    const int32_t iy = grid_shift(sy);
+    const int32_t ix = grid_shift(sx);
+    p.iy[static_cast<std::size_t>(i)] = iy;
+    p.ix[static_cast<std::size_t>(i)] = ix;
+    hy = std::max<int64_t>(hy, std::abs(static_cast<int64_t>(iy)));
+    hx = std::max<int64_t>(hx, std::abs(static_cast<int64_t>(ix)));
+  }
+
+  const int64_t ny2 = mesh.ny + 2 * hy;
+  const int64_t nx2 = mesh.nx + 2 * hx;
+  // Each factor is below 2^32, so the test needs no product that overflows.
+  if (ny2 >= cube_limit || nx2 >= cube_limit || ny2 * nx2 >= cube_limit)
+    return plan_status::too_large;
+  if (static_cast<int64_t>(mesh.nz) * ny2 * nx2 >= cube_limit) return plan_status::too_large;
+  p.hy = static_cast<int32_t>(hy);
+  p.hx = static_cast<int32_t>(hx);
+  p.ny2 = static_cast<int32_t>(ny2);
+  p.nx2 = static_cast<int32_t>(nx2);
+  p.cube = static_cast<std::size_t>(mesh.nz) * static_cast<std::size_t>(ny2) *
+           static_cast<std::size_t>(nx2);
+  return plan_status::ok;
+}
+
+// rows_fit: the column tops lie within 0..nz and leave exactly n cells, so
+// the copy neither writes past g nor reads past a column of the cube.
+bool rows_fit(int32_t n, const std::vector<int32_t>& top) {
+  const std::size_t ncol = static_cast<std::size_t>(mesh.ny) * static_cast<std::size_t>(mesh.nx);
+  if (top.size() < ncol) return false;
+  int64_t cells = 0;
+  for (std::size_t c = 0; c < ncol; ++c) {
+    if (top[c] < 0 || top[c] > mesh.nz) return false;
+    cells += mesh.nz - top[c];
+  }
+  return cells == n;
+}
+
+}  // namespace
+
+int32_t grid_shift(double cells) {
+  return static_cast<int32_t>(cells >= 0.0 ? cells + 0.5 : cells - 0.5);
+}
+
+void KERNEL2(int32_t n, const std::vector<double>& wtz, const std::vector<int32_t>& top_index,
+             const std::vector<int32_t>& obs_type, int32_t ref_datum, double cell_dy,
+             double cell_dx, std::vector<double>& sens_sq, std::vector<double>& sens_avg) {
+  const int32_t ndata = obs.ndata;
+  const int32_t ny = mesh.ny, nx = mesh.nx, nz = mesh.nz;
+  const std::size_t nn = static_cast<std::size_t>(std::max(n, 0));
+
+  shift_plan plan;
+  const plan_status st = plan_shifts(ref_datum, cell_dy, cell_dx, plan);
+  if (st != plan_status::ok) {
+    if (st == plan_status::too_large)
+      report_log({"", " Regular survey: the extended mesh would reach 2**31 cells,",
+                  " so the rows are computed datum by datum.", ""});
+    else
+      report_log({"", " Regular survey without a usable reference datum or cell width,",
+                  " so the rows are computed datum by datum.", ""});
+    KERNEL(n, wtz, top_index, obs_type, sens_sq, sens_avg);
+    return;
+  }
+  if (!rows_fit(n, top_index)) stop_text("indx /= size(g)");
+  const std::size_t nd = static_cast<std::size_t>(ndata);
+  if (compressed ? g_compressed.size() < nd : g_full.size() < nn * nd)
+    stop_text("kernel2: matrix store not set up");
+
+  // 1. The cube and the extended mesh.
+  const int32_t hy = plan.hy, hx = plan.hx, ny2 = plan.ny2, nx2 = plan.nx2;
+  std::vector<double> gbig, yn2, xn2;
+  std::vector<int32_t> top2;
+  try {
+    gbig.resize(plan.cube);
+    yn2.resize(static_cast<std::size_t>(ny2) + 1);
+    xn2.resize(static_cast<std::size_t>(nx2) + 1);
+    top2.resize(static_cast<std::size_t>(ny2) * static_cast<std::size_t>(nx2));
+  } catch (const std::bad_alloc&) {
+    alloc_failed("kernel2");
+  }
+
+  // 2. Extended nodes at the mean width throughout, accumulated like the
+  // model's nodes.
+  yn2[0] = mesh.yn[0] - hy * cell_dy;
+  for (std::size_t k = 1; k < yn2.size(); ++k) yn2[k] = yn2[k - 1] + cell_dy;
+  xn2[0] = mesh.xn[0] - hx * cell_dx;
+  for (std::size_t k = 1; k < xn2.size(); ++k) xn2[k] = xn2[k - 1] + cell_dx;
+
+  // 3. Every column of the extended mesh is full.
+  std::fill(top2.begin(), top2.end(), 0);
+  sens_avg.assign(nn, 0.0);
+  sens_sq.assign(nn, 0.0);
+
+  // 4. The test model of the compression check.
+  std::vector<double> model, data_full, data_comp;
+  if (compressed) {
+    model.assign(nn, 0.01);
+    data_full.assign(static_cast<std::size_t>(ndata), 0.0);
+    data_comp.assign(static_cast<std::size_t>(ndata), 0.0);
+    transform_test_model(model, wtz);
+  }
+
+  // 5.
+  if (log_out() != nullptr) std::fflush(log_out());
+  say_screen(" Calculating sensitivity matrix ...");
+  say_screen(" % done:");
+  int32_t count = 0;
+  int64_t nnz = 0;
+
+  // 6, 7. The reference row over the extended mesh, on this thread alone.
+  // The cache left here by the threshold estimate is too small for it.
+  const std::size_t r = static_cast<std::size_t>(ref_datum) - 1;
+  const double oy = obs.obs_y[r];
+  const double ox = obs.obs_x[r];
+  const double oz = mesh.z0 - obs.obs_z[r];
+  DEALLOC_AT();
+  sens_row(yn2.data(), xn2.data(), mesh.zn.data(), ny2, nx2, nz, top2.data(), ref_datum, oy, ox,
+           oz, gbig.data(), gbig.size());
+
+  // 8. Every row a shifted, weighted sub-block of the cube.
+  const double* cube = gbig.data();
+  const std::size_t col_stride = static_cast<std::size_t>(nz);
+  const std::size_t line_stride = static_cast<std::size_t>(nx2) * col_stride;
+#pragma omp parallel default(shared)
+  {
+    std::vector<double> g, my_avg, my_sq;
+    int64_t my_nnz = 0;
+    try {
+      g.resize(nn);
+      my_avg.assign(nn, 0.0);
+      my_sq.assign(nn, 0.0);
+    } catch (const std::bad_alloc&) {
+      alloc_failed("kernel2 g");
+    }
+    if (compressed) ALLOC_WORK();
+
+#pragma omp for schedule(static) nowait
+    for (int32_t i = 0; i < ndata; ++i) {
+      const std::size_t id = static_cast<std::size_t>(i);
+      // 1-3. The sub-block of this datum: a datum north of the reference
+      // reads the cube further south.
+      const std::size_t base =
+          (static_cast<std::size_t>(plan.iy[id] + hy) * static_cast<std::size_t>(nx2) +
+           static_cast<std::size_t>(plan.ix[id] + hx)) *
+          col_stride;
+
+      // 4. Copy the active cells, weighted.
+      std::size_t indx = 0;
+      for (int32_t j = 0; j < ny; ++j) {
+        const double* line = cube + base + static_cast<std::size_t>(j) * line_stride;
+        for (int32_t ip = 0; ip < nx; ++ip) {
+          const int32_t t = top_index[static_cast<std::size_t>(j) +
+                                      static_cast<std::size_t>(ip) * static_cast<std::size_t>(ny)];
+          const double* col = line + static_cast<std::size_t>(ip) * col_stride;
+          for (int32_t k = t; k < nz; ++k) {
+            g[indx] = col[k] / wtz[indx];
+            ++indx;
+          }
+        }
+      }
+
+      // 5. Store the row.
+      if (compressed) {
+        double full = 0.0;
+        for (std::size_t k = 0; k < nn; ++k) full += model[k] * g[k] * wtz[k];
+        data_full[id] = full;
+        COMPRESS_ROW(g.data(), n, g_compressed[id], my_nnz, obs_type[id]);
+        data_comp[id] = dot_compressed(g_compressed[id]);
+      } else {
+        float* column = g_full.data() + id * nn;
+        for (std::size_t k = 0; k < nn; ++k) column[k] = static_cast<float>(g[k]);
+      }
+
+      // 6, 7. The sums, sens_avg on the unweighted row.
+      for (std::size_t k = 0; k < nn; ++k) {
+        my_avg[k] += std::fabs(g[k] * wtz[k]);
+        my_sq[k] += g[k] * g[k];
+      }
+
+      // 8.
+#pragma omp critical(kernel2_progress)
+      {
+        ++count;
+        report_progress(count, ndata);
+      }
+    }
+
+#pragma omp barrier
+    std::vector<double>().swap(g);
+    if (compressed) DEALLOC_WORK();
+
+#pragma omp critical(kernel2_sums)
+    {
+      for (std::size_t k = 0; k < nn; ++k) {
+        sens_sq[k] += my_sq[k];
+        sens_avg[k] += my_avg[k];
+      }
+      nnz += my_nnz;
+    }
+  }
+
+  // 9.
+  for (std::size_t k = 0; k < nn; ++k) sens_avg[k] /= ndata;
+  std::vector<double>().swap(gbig);
+  std::vector<double>().swap(yn2);
+  std::vector<double>().swap(xn2);
+  std::vector<int32_t>().swap(top2);
+
+  // 10.
+  if (compressed) {
+    report_compression(n, ndata, nnz, data_full.data(), data_comp.data());
+  }
+}
