@@ -1,0 +1,92 @@
+// The control file.
+#include "run/control_file.hpp"
+
+#include <cstddef>
+
+#include "model/model.hpp"
+#include "run/text_io.hpp"
+
+namespace {
+
+constexpr std::size_t field_width = 500;
+constexpr std::size_t echo_width = 200;
+
+const char* const sample_lines[] = {
+    "",
+    "Sample quolvent input file: (! must precede comments)",
+    "",
+    "mesh         ! mesh file",
+    "obs.mag      ! data file",
+    "topo.dat     ! topography",
+    "distance_weight.txt  ! weight file",
+    "daub2        ! wavelet: daubx, symmx, NONE",
+    "1  0.05      ! itol, eps | null",
+    "0-not output, 1-output diagnostic files",
+    "",
+};
+
+void put_rule() {
+  say_log("");
+  say_log(std::string(64, '-'));
+  say_log("");
+}
+
+// echo_file: the control file, as it stands, into the log between two rules.
+void echo_file(text_file& t) {
+  say_log("");
+  say_log("Reading input file: " + t.name);
+  put_rule();
+  std::string line;
+  while (read_line(t, line, echo_width) == 0) say_log(rtrim(line));
+  put_rule();
+  text_rewind(t);
+}
+
+[[noreturn]] void control_failure(const std::string& name, bool bad_flag) {
+  if (bad_flag) {
+    for (const char* l : {"", "ERROR: enter 0 to not output, or 1 to output average uncompressed",
+                          "sensitivity model file.", ""})
+      say_screen(l);
+  }
+  say_screen("ERROR reading sensitivity input file " + rtrim(name));
+  print_sample();
+  stop_plain();
+}
+
+}  // namespace
+
+void print_sample() {
+  for (const char* l : sample_lines) say_screen(l);
+  for (const char* l : sample_lines) say_log(l);
+}
+
+void read_control_file(const std::string& name) {
+  if (rtrim(name) == "-inp") {
+    print_sample();
+    stop_plain();
+  }
+  text_file t;
+  if (!text_open(t, name)) file_not_found("input", name);
+  echo_file(t);
+
+  std::string field[6];
+  for (int i = 0; i < 6; ++i) {
+    if (read_line(t, field[i], field_width) != 0) control_failure(name, false);
+    if (i != 4) cut_comment(field[i]);
+  }
+  int32_t flag = -1;
+  if (ff_read(t, {flag}) != 0) control_failure(name, false);
+  if (flag != 0 && flag != 1) control_failure(name, true);
+  text_close(t);
+
+  params.mesh_file = rtrim(field[0]);
+  params.obs_file = rtrim(field[1]);
+  params.topo_file = rtrim(field[2]);
+  params.weight_file = rtrim(field[3]);
+  std::string wavelet = field[4].substr(0, 5);
+  wavelet.resize(5, ' ');
+  if (is_null_name(wavelet)) wavelet = "daub2";
+  params.wavelet = wavelet;
+  params.eps_line = rtrim(field[5]);
+  params.diag_flag = flag == 1;
+}

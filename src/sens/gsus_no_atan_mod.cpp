@@ -1,0 +1,197 @@
+// GSUS_NO_ATAN_MOD: the prism formula for one cell, from the cached corner
+// values, and the walk over the cells of one datum.
+#include "sens/gsus_no_atan_mod.hpp"
+
+#include <algorithm>
+#include <cmath>
+#include <string>
+
+#include "model/model.hpp"
+#include "run/format.hpp"
+#include "run/text_io.hpp"
+#include "sens/calc_arctangents_mod.hpp"
+#include "sens/gsus_mod.hpp"
+
+namespace {
+
+const double four_pi = 12.566370614359172;
+
+// The guard distance: squared distance from the point's line along an axis to
+// a cell edge parallel to it, below which the logarithm has no value.
+const double edge_sq = 1e-6;
+
+// cache_view: the calling thread's cache as plain pointers and strides.
+struct cache_view {
+  const double* r;
+  const double* ax;
+  const double* ay;
+  std::size_t sx;  // stride of the x index
+  std::size_t sy;  // stride of the y index
+};
+
+cache_view view_of(const arctangent_cache& c) {
+  const std::size_t sx = static_cast<std::size_t>(c.ez);
+  return {c.r_node.data(), c.at_x.data(), c.at_y.data(), sx, sx * static_cast<std::size_t>(c.ex)};
+}
+
+// gsus_cell: GSUS on a given cache and given products.
+inline double gsus_cell(const cache_view& cv, const dir_products& d, int32_t sy, int32_t sx,
+                        int32_t sz, int32_t& edge_flag, double y1, double y2, double x1,
+                        double x2, double z1, double z2, double y1sq, double y2sq, double x1sq,
+                        double x2sq, double z1sq, double z2sq, int32_t j, int32_t i, int32_t k) {
+  edge_flag = 1;
+  const std::size_t b111 = static_cast<std::size_t>(k - 1) +
+                           cv.sx * static_cast<std::size_t>(i - 1) +
+                           cv.sy * static_cast<std::size_t>(j - 1);
+  const std::size_t b112 = b111 + 1;
+  const std::size_t b121 = b111 + cv.sx, b122 = b121 + 1;
+  const std::size_t b211 = b111 + cv.sy, b212 = b211 + 1;
+  const std::size_t b221 = b211 + cv.sx, b222 = b221 + 1;
+  const double* r = cv.r;
+  const double R111 = r[b111], R112 = r[b112], R121 = r[b121], R122 = r[b122];
+  const double R211 = r[b211], R212 = r[b212], R221 = r[b221], R222 = r[b222];
+
+  // The point on the node (2, 2, 2) of this cell: every other cell around that
+  // node is caught by the guard below, and this one has no value either.
+  if (R222 == 0.0) return 0.0;
+
+  // Each logarithm: one quotient of products, each factor a sum of two
+  // numbers of one sign, then one logarithm.
+  double Ly, Lx, Lz;
+  if (sy > 0) {
+    Ly = std::log(((R222 + y2) * (R121 + y1) * (R112 + y1) * (R211 + y2)) /
+                  ((R122 + y1) * (R221 + y2) * (R212 + y2) * (R111 + y1)));
+  } else if (sy < 0) {
+    Ly = std::log(((R122 - y1) * (R221 - y2) * (R212 - y2) * (R111 - y1)) /
+                  ((R222 - y2) * (R121 - y1) * (R112 - y1) * (R211 - y2)));
+  } else {
+    const double q1 = x2sq + z2sq, q2 = x2sq + z1sq, q3 = x1sq + z2sq, q4 = x1sq + z1sq;
+    if (!(q1 > edge_sq) || !(q2 > edge_sq) || !(q3 > edge_sq) || !(q4 > edge_sq)) return 0.0;
+    Ly = std::log(((R222 + y2) * (R122 - y1) * q2 * q3 * (R111 - y1) * (R211 + y2)) /
+                  (q1 * (R121 - y1) * (R221 + y2) * (R112 - y1) * (R212 + y2) * q4));
+  }
+  if (sx > 0) {
+    Lx = std::log(((R222 + x2) * (R211 + x1) * (R112 + x1) * (R121 + x2)) /
+                  ((R212 + x1) * (R221 + x2) * (R122 + x2) * (R111 + x1)));
+  } else if (sx < 0) {
+    Lx = std::log(((R212 - x1) * (R221 - x2) * (R122 - x2) * (R111 - x1)) /
+                  ((R222 - x2) * (R211 - x1) * (R112 - x1) * (R121 - x2)));
+  } else {
+    const double q1 = y2sq + z2sq, q2 = y2sq + z1sq, q3 = y1sq + z2sq, q4 = y1sq + z1sq;
+    if (!(q1 > edge_sq) || !(q2 > edge_sq) || !(q3 > edge_sq) || !(q4 > edge_sq)) return 0.0;
+    Lx = std::log(((R222 + x2) * (R212 - x1) * q2 * q3 * (R121 + x2) * (R111 - x1)) /
+                  (q1 * (R221 + x2) * (R211 - x1) * (R122 + x2) * (R112 - x1) * q4));
+  }
+  if (sz > 0) {
+    Lz = std::log(((R222 + z2) * (R211 + z1) * (R121 + z1) * (R112 + z2)) /
+                  ((R221 + z1) * (R212 + z2) * (R122 + z2) * (R111 + z1)));
+  } else if (sz < 0) {
+    Lz = std::log(((R221 - z1) * (R212 - z2) * (R122 - z2) * (R111 - z1)) /
+                  ((R222 - z2) * (R211 - z1) * (R121 - z1) * (R112 - z2)));
+  } else {
+    const double q1 = x2sq + y2sq, q2 = y2sq + x1sq, q3 = x2sq + y1sq, q4 = x1sq + y1sq;
+    if (!(q1 > edge_sq) || !(q2 > edge_sq) || !(q3 > edge_sq) || !(q4 > edge_sq)) return 0.0;
+    Lz = std::log(((R222 + z2) * (R221 - z1) * q2 * q3 * (R112 + z2) * (R111 - z1)) /
+                  (q1 * (R212 + z2) * (R211 - z1) * (R122 + z2) * (R121 - z1) * q4));
+  }
+  edge_flag = 0;
+
+  // Arctangent sums over the two planes of the y and the x axis.
+  const double* ay = cv.ay;
+  const double* ax = cv.ax;
+  double P1 = ay[b111] - ay[b112] + ay[b122] - ay[b121];
+  double P2 = ay[b212] - ay[b211] - ay[b222] + ay[b221];
+  double Q1 = ax[b111] - ax[b112] + ax[b212] - ax[b211];
+  double Q2 = ax[b122] - ax[b121] - ax[b222] + ax[b221];
+
+  // A plane at offset 0 was cached as if at +0.001; it stands for the side
+  // of the plane the cell's value needs.
+  const bool inside = sy == 0 && sx == 0 && sz == 0;
+  if (y1 == 0.0 && !inside) P1 = -P1;
+  if (y2 == 0.0 && inside) P2 = -P2;
+  if (x1 == 0.0 && !inside) Q1 = -Q1;
+  if (x2 == 0.0 && inside) Q2 = -Q2;
+
+  const double Sy = P1 + P2;
+  const double Sx = Q1 + Q2;
+  // The three diagonal terms add up to -4 pi at a point within the source.
+  const double Sz = inside ? -(four_pi + Sy + Sx) : -(Sy + Sx);
+
+  return d.gxz * Ly + d.gyz * Lx + d.gxy * Lz + d.gyy * Sy + d.gxx * Sx + d.gzz * Sz;
+}
+
+void edge_message(int32_t idat, int32_t i, int32_t j, int32_t k) {
+  const std::string line = " Observation point" + fmt_free_int(idat) + "  is on the edge" +
+                           " of the model cell (" + fmt_free_int(i) + fmt_free_int(j) +
+                           fmt_free_int(k) + " ).";
+  report_log({"", line, "Sensitivity set to zero!", ""});
+}
+
+}  // namespace
+
+// axis_flag
+// Given: the offsets a < b of an axis's two planes. Returns: +1, -1 or 0.
+// Fails: never. Calls: nothing.
+int32_t axis_flag(double a, double b) {
+  if (a > 0.0 && b >= 0.0) return 1;
+  if (a < 0.0 && b <= 0.0) return -1;
+  return 0;
+}
+
+// GSUS
+// Given: the sign flags, the plane offsets and their squares of cell
+// (j, i, k), whose corners are in the calling thread's cache. Returns: the
+// integral of the dipole kernel over the cell for the thread's directions.
+// Fails: edge_flag 1 and 0.0 when the formula has no value there.
+// Calls: log, at_cache, g_dir.
+double GSUS(int32_t sy, int32_t sx, int32_t sz, int32_t& edge_flag, double y1, double y2,
+            double x1, double x2, double z1, double z2, double y1sq, double y2sq, double x1sq,
+            double x2sq, double z1sq, double z2sq, int32_t j, int32_t i, int32_t k) {
+  return gsus_cell(view_of(at_cache()), g_dir(), sy, sx, sz, edge_flag, y1, y2, x1, x2, z1, z2,
+                   y1sq, y2sq, x1sq, x2sq, z1sq, z2sq, j, i, k);
+}
+
+// sens_row
+// Given: a mesh, column tops, the datum number and its point. Returns:
+// nothing; g[0..glen-1] holds the row. Fails: a cell without a value gets 0
+// and a log message; a walk that doesn't fill g exactly stops the run with
+// "indx /= size(g)". Calls: CALC_ARCTANGENTS, gsus_cell, report_log, stop_text.
+void sens_row(const double* yn, const double* xn, const double* zn, int32_t ny, int32_t nx,
+              int32_t nz, const int32_t* top, int32_t idat, double oy, double ox, double oz,
+              double* g, std::size_t glen) {
+  const double scale = obs.geomag / four_pi;
+  CALC_ARCTANGENTS(yn, xn, zn, ny, nx, nz, top, oy, ox, oz);
+  const cache_view cv = view_of(at_cache());
+  const dir_products d = g_dir();
+
+  std::size_t indx = 0;
+  for (int32_t j = 1; j <= ny; ++j) {
+    const double y1 = yn[j - 1] - oy, y2 = yn[j] - oy;
+    const double y1sq = y1 * y1, y2sq = y2 * y2;
+    const int32_t sy = axis_flag(y1, y2);
+    for (int32_t i = 1; i <= nx; ++i) {
+      const double x1 = xn[i - 1] - ox, x2 = xn[i] - ox;
+      const double x1sq = x1 * x1, x2sq = x2 * x2;
+      const int32_t sx = axis_flag(x1, x2);
+      const int32_t kt = std::clamp(
+          top[static_cast<std::size_t>(j - 1) + static_cast<std::size_t>(i - 1) * ny], 0, nz);
+      for (int32_t k = kt + 1; k <= nz; ++k) {
+        const double z1 = zn[k - 1] - oz, z2 = zn[k] - oz;
+        const int32_t sz = axis_flag(z1, z2);
+        if (indx >= glen) stop_text("indx /= size(g)");
+        int32_t edge_flag = 0;
+        double v = gsus_cell(cv, d, sy, sx, sz, edge_flag, y1, y2, x1, x2, z1, z2, y1sq, y2sq,
+                             x1sq, x2sq, z1 * z1, z2 * z2, j, i, k) *
+                   scale;
+        // A value that isn't a number (a degenerate cell) is treated like a
+        // point on an edge: no NaN or Inf ever reaches a row.
+        if (edge_flag > 0 || !std::isfinite(v)) {
+          edge_message(idat, i, j, k);
+          v = 0.0;
+        }
+        g[indx++] = v;
+      }
+    }
+  }
+  if (indx != glen) stop_text("indx /= size(g)");
+}
