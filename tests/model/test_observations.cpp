@@ -3,6 +3,7 @@
 #include <array>
 
 #include "model/model.hpp"
+#include "model/mesh.hpp"
 #include "model/observations.hpp"
 #include "support/test_support.hpp"
 
@@ -290,4 +291,17 @@ TEST(ClassifyData, BoreholeDataOnEdgesAreLoggedThenStop) {
             "Point       2: (  1.000000E+01,  5.000000E+00,  9.000000E+01) is on an edge.\n"
             "Point       4: (  1.000000E+01,  1.000000E+01,  9.300000E+01) is on an edge.\n"
             "\nError: there are data points on cell edges.\n");
+}
+
+TEST(ClassifyData, BundledExampleWithoutTopography) {
+  qt::capture cap;
+  read_mesh(QUOLVENT_SOURCE_DIR "/examples/mesh.txt");
+  read_data_file(QUOLVENT_SOURCE_DIR "/examples/obs.mag");
+  top_index.assign(static_cast<std::size_t>(mesh.nx) * mesh.ny, 0);
+  std::vector<int32_t> obs_type(static_cast<std::size_t>(obs.ndata));
+  int32_t data_kind = 9;
+  classify_data(obs_type, data_kind);
+  EXPECT_EQ(data_kind, 0);
+  EXPECT_EQ(cap.screen(), counts(400, 3));
+  EXPECT_EQ(cap.log(), counts(400, 3) + "\n  Indices of borehole data:\n   401\n   402\n   403\n\n");
 }

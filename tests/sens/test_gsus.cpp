@@ -2,6 +2,7 @@
 // the walk over the cells of a row.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <random>
 #include <vector>

@@ -1,0 +1,141 @@
+// KERNEL_MOD: the general row loop.
+#include "sens/kernel_mod.hpp"
+
+#include <cmath>
+#include <cstdio>
+#include <new>
+#include <stdexcept>
+
+#include "model/model.hpp"
+#include "run/format.hpp"
+#include "run/text_io.hpp"
+#include "sens/gsus_mod.hpp"
+#include "sens/gsus_no_atan_mod.hpp"
+#include "wavelet/compression.hpp"
+
+namespace {
+
+// The last step shown by report_progress; never reset, so a later loop that
+// starts at 0 shows its 0 again.
+int32_t last_step = -1;
+
+// alloc_row: a zeroed row of n values, or the allocation stop with name.
+void alloc_row(std::vector<double>& v, int32_t n, const char* name) {
+  try {
+    v.assign(static_cast<std::size_t>(n), 0.0);
+  } catch (const std::bad_alloc&) {
+    alloc_failed(name);
+  } catch (const std::length_error&) {
+    alloc_failed(name);
+  }
+}
+
+}  // namespace
+
+// report_progress
+// Given: rows done and the total. Returns: nothing; writes the next step of
+// the progress line when it changed. Fails: never. Calls: fmt_int.
+void report_progress(int32_t done, int32_t total) {
+  if (total < 10) return;
+  const int32_t step = static_cast<int32_t>(
+      (static_cast<double>(done) / static_cast<double>(total)) * 20.0);
+  if (step == last_step) return;
+  std::FILE* s = screen_out();
+  if (done < total) {
+    std::fputs(fmt_int(static_cast<long long>(step) * 5, 3).c_str(), s);
+  } else {
+    std::fputs(" 100.\n", s);
+  }
+  std::fflush(s);
+  last_step = step;
+}
+
+// KERNEL
+// Given: the row length n, the weighting wtz (n), the column tops, the kind
+// of each datum, and sens_sq, sens_avg to fill (made n long). Uses the mesh,
+// the data, the main thread's direction products and the matrix store.
+// Returns: nothing; every row stored, the two sums final.
+// Fails: "kernel g" / "kernel" when a thread's row or sums can't be had; a
+// store that doesn't fit the rows stops with a text; the stops of sens_row.
+// Calls: SET_G_VALUES, sens_row, report_progress, and when compressed
+// transform_test_model, ALLOC_WORK, COMPRESS_ROW, dot_compressed,
+// DEALLOC_WORK, report_compression.
+void KERNEL(int32_t n, const std::vector<double>& wtz, const std::vector<int32_t>& top_index,
+            const std::vector<int32_t>& obs_type, std::vector<double>& sens_sq,
+            std::vector<double>& sens_avg) {
+  (void)obs_type;  // chooses the threshold of a compressed row
+  const int32_t ndata = obs.ndata;
+  const std::size_t len = static_cast<std::size_t>(n > 0 ? n : 0);
+  sens_avg.assign(len, 0.0);
+  sens_sq.assign(len, 0.0);
+
+  // The compressed store comes with the wavelet subsystem's row store; until
+  // then a run can only keep full rows.
+  if (compressed) stop_text("compressed rows are not available in this build");
+  // Every row lands in its own column of the full matrix: it has to hold them all.
+  if (!compressed && g_full.size() != len * static_cast<std::size_t>(ndata > 0 ? ndata : 0)) {
+    stop_text("size(g_full) /= n * ndata");
+  }
+
+  std::fflush(log_out());
+  say_screen(" Calculating sensitivity matrix ...");
+  say_screen(" % done:");
+
+  int32_t count = 0;
+  int64_t nnz = 0;
+  const dir_products master = g_dir();
+  const double* yn = mesh.yn.data();
+  const double* xn = mesh.xn.data();
+  const double* zn = mesh.zn.data();
+  const int32_t ny = mesh.ny, nx = mesh.nx, nz = mesh.nz;
+  const double z0 = mesh.z0;
+  const bool per_datum_dir = obs.idir == 0;
+
+#pragma omp parallel shared(count, nnz, sens_avg, sens_sq)
+  {
+    // The directions set before the loop reach every thread; none starts its
+    // rows before all have them.
+    g_dir() = master;
+#pragma omp barrier
+
+    // The row and the private sums live on the heap, whatever the row length.
+    std::vector<double> g, my_avg, my_sq;
+    alloc_row(g, n, "kernel g");
+    alloc_row(my_avg, n, "kernel");
+    alloc_row(my_sq, n, "kernel");
+    int64_t my_nnz = 0;
+
+#pragma omp for schedule(static) nowait
+    for (int32_t i = 1; i <= ndata; ++i) {
+      const std::size_t d = static_cast<std::size_t>(i - 1);
+      const double oy = obs.obs_y[d], ox = obs.obs_x[d], oz = z0 - obs.obs_z[d];
+      if (per_datum_dir) SET_G_VALUES(obs.incl, obs.decl, obs.obs_aincl[d], obs.obs_adecl[d]);
+      sens_row(yn, xn, zn, ny, nx, nz, top_index.data(), i, oy, ox, oz, g.data(), len);
+
+      for (std::size_t k = 0; k < len; ++k) my_avg[k] += std::fabs(g[k]);
+      for (std::size_t k = 0; k < len; ++k) g[k] /= wtz[k];
+      float* col = g_full.data() + d * len;
+      for (std::size_t k = 0; k < len; ++k) col[k] = static_cast<float>(g[k]);
+      for (std::size_t k = 0; k < len; ++k) my_sq[k] += g[k] * g[k];
+
+#pragma omp critical(kernel_progress)
+      {
+        ++count;
+        report_progress(count, ndata);
+      }
+    }
+#pragma omp barrier
+
+    std::vector<double>().swap(g);
+#pragma omp critical(kernel_sums)
+    {
+      for (std::size_t k = 0; k < len; ++k) sens_sq[k] += my_sq[k];
+      for (std::size_t k = 0; k < len; ++k) sens_avg[k] += my_avg[k];
+      nnz += my_nnz;
+    }
+  }
+
+  if (ndata > 0) {
+    for (std::size_t k = 0; k < len; ++k) sens_avg[k] /= ndata;
+  }
+}

@@ -1,0 +1,12 @@
+// Heap sort of 64-bit floats, used by the threshold estimate and the
+// regular survey test.
+#pragma once
+
+#include <cstdint>
+
+// hpsort
+// Given: a[0..n-1], n >= 0.
+// Returns: a sorted ascending in place.
+// Fails: never; n of 0 or 1 leaves a as it is.
+// Calls: nothing.
+void hpsort(double* a, int64_t n);
