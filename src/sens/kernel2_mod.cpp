@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdlib>
 #include <new>
+#include <stdexcept>
 
 #include "model/model.hpp"
 #include "run/text_io.hpp"
@@ -100,6 +101,17 @@ bool rows_fit(int32_t n, const std::vector<int32_t>& top) {
   return cells == n;
 }
 
+// alloc_row: a zeroed row of n values, or the allocation stop with name.
+void alloc_row(std::vector<double>& v, int32_t n, const char* name) {
+  try {
+    v.assign(static_cast<std::size_t>(n > 0 ? n : 0), 0.0);
+  } catch (const std::bad_alloc&) {
+    alloc_failed(name);
+  } catch (const std::length_error&) {
+    alloc_failed(name);
+  }
+}
+
 }  // namespace
 
 int32_t grid_shift(double cells) {
@@ -126,11 +138,14 @@ void KERNEL2(int32_t n, const std::vector<double>& wtz, const std::vector<int32_
     return;
   }
   if (!rows_fit(n, top_index)) stop_text("indx /= size(g)");
-  const std::size_t nd = static_cast<std::size_t>(ndata);
-  if (compressed ? g_compressed.size() < nd : g_full.size() < nn * nd)
-    stop_text("kernel2: matrix store not set up");
+  // The compressed store comes with the wavelet subsystem's row store; until
+  // then a run can only keep full rows.
+  if (compressed) stop_text("compressed rows are not available in this build");
+  // Every row lands in its own column of the full matrix: it has to hold them all.
+  if (g_full.size() != nn * static_cast<std::size_t>(ndata)) stop_text("size(g_full) /= n * ndata");
+  if (wtz.size() != nn) stop_text("size(wtz) /= n");
 
-  // 1. The cube and the extended mesh.
+  // The cube and the extended mesh.
   const int32_t hy = plan.hy, hx = plan.hx, ny2 = plan.ny2, nx2 = plan.nx2;
   std::vector<double> gbig, yn2, xn2;
   std::vector<int32_t> top2;
@@ -141,37 +156,29 @@ void KERNEL2(int32_t n, const std::vector<double>& wtz, const std::vector<int32_
     top2.resize(static_cast<std::size_t>(ny2) * static_cast<std::size_t>(nx2));
   } catch (const std::bad_alloc&) {
     alloc_failed("kernel2");
+  } catch (const std::length_error&) {
+    alloc_failed("kernel2");
   }
 
-  // 2. Extended nodes at the mean width throughout, accumulated like the
+  // Extended nodes at the mean width throughout, accumulated like the
   // model's nodes.
   yn2[0] = mesh.yn[0] - hy * cell_dy;
   for (std::size_t k = 1; k < yn2.size(); ++k) yn2[k] = yn2[k - 1] + cell_dy;
   xn2[0] = mesh.xn[0] - hx * cell_dx;
   for (std::size_t k = 1; k < xn2.size(); ++k) xn2[k] = xn2[k - 1] + cell_dx;
 
-  // 3. Every column of the extended mesh is full.
+  // Every column of the extended mesh is full.
   std::fill(top2.begin(), top2.end(), 0);
   sens_avg.assign(nn, 0.0);
   sens_sq.assign(nn, 0.0);
 
-  // 4. The test model of the compression check.
-  std::vector<double> model, data_full, data_comp;
-  if (compressed) {
-    model.assign(nn, 0.01);
-    data_full.assign(static_cast<std::size_t>(ndata), 0.0);
-    data_comp.assign(static_cast<std::size_t>(ndata), 0.0);
-    transform_test_model(model, wtz);
-  }
-
-  // 5.
-  if (log_out() != nullptr) std::fflush(log_out());
+  std::fflush(log_out());
   say_screen(" Calculating sensitivity matrix ...");
   say_screen(" % done:");
   int32_t count = 0;
   int64_t nnz = 0;
 
-  // 6, 7. The reference row over the extended mesh, on this thread alone.
+  // The reference row over the extended mesh, on this thread alone.
   // The cache left here by the threshold estimate is too small for it.
   const std::size_t r = static_cast<std::size_t>(ref_datum) - 1;
   const double oy = obs.obs_y[r];
@@ -181,34 +188,29 @@ void KERNEL2(int32_t n, const std::vector<double>& wtz, const std::vector<int32_
   sens_row(yn2.data(), xn2.data(), mesh.zn.data(), ny2, nx2, nz, top2.data(), ref_datum, oy, ox,
            oz, gbig.data(), gbig.size());
 
-  // 8. Every row a shifted, weighted sub-block of the cube.
+  // Every row a shifted, weighted sub-block of the cube.
   const double* cube = gbig.data();
   const std::size_t col_stride = static_cast<std::size_t>(nz);
   const std::size_t line_stride = static_cast<std::size_t>(nx2) * col_stride;
 #pragma omp parallel default(shared)
   {
     std::vector<double> g, my_avg, my_sq;
+    alloc_row(g, n, "kernel2 g");
+    alloc_row(my_avg, n, "kernel2");
+    alloc_row(my_sq, n, "kernel2");
     int64_t my_nnz = 0;
-    try {
-      g.resize(nn);
-      my_avg.assign(nn, 0.0);
-      my_sq.assign(nn, 0.0);
-    } catch (const std::bad_alloc&) {
-      alloc_failed("kernel2 g");
-    }
-    if (compressed) ALLOC_WORK();
 
 #pragma omp for schedule(static) nowait
     for (int32_t i = 0; i < ndata; ++i) {
       const std::size_t id = static_cast<std::size_t>(i);
-      // 1-3. The sub-block of this datum: a datum north of the reference
+      // The sub-block of this datum: a datum north of the reference
       // reads the cube further south.
       const std::size_t base =
           (static_cast<std::size_t>(plan.iy[id] + hy) * static_cast<std::size_t>(nx2) +
            static_cast<std::size_t>(plan.ix[id] + hx)) *
           col_stride;
 
-      // 4. Copy the active cells, weighted.
+      // Copy the active cells, weighted.
       std::size_t indx = 0;
       for (int32_t j = 0; j < ny; ++j) {
         const double* line = cube + base + static_cast<std::size_t>(j) * line_stride;
@@ -223,25 +225,16 @@ void KERNEL2(int32_t n, const std::vector<double>& wtz, const std::vector<int32_
         }
       }
 
-      // 5. Store the row.
-      if (compressed) {
-        double full = 0.0;
-        for (std::size_t k = 0; k < nn; ++k) full += model[k] * g[k] * wtz[k];
-        data_full[id] = full;
-        COMPRESS_ROW(g.data(), n, g_compressed[id], my_nnz, obs_type[id]);
-        data_comp[id] = dot_compressed(g_compressed[id]);
-      } else {
-        float* column = g_full.data() + id * nn;
-        for (std::size_t k = 0; k < nn; ++k) column[k] = static_cast<float>(g[k]);
-      }
+      // Store the row.
+      float* column = g_full.data() + id * nn;
+      for (std::size_t k = 0; k < nn; ++k) column[k] = static_cast<float>(g[k]);
 
-      // 6, 7. The sums, sens_avg on the unweighted row.
+      // The sums, sens_avg on the unweighted row.
       for (std::size_t k = 0; k < nn; ++k) {
         my_avg[k] += std::fabs(g[k] * wtz[k]);
         my_sq[k] += g[k] * g[k];
       }
 
-      // 8.
 #pragma omp critical(kernel2_progress)
       {
         ++count;
@@ -251,7 +244,6 @@ void KERNEL2(int32_t n, const std::vector<double>& wtz, const std::vector<int32_
 
 #pragma omp barrier
     std::vector<double>().swap(g);
-    if (compressed) DEALLOC_WORK();
 
 #pragma omp critical(kernel2_sums)
     {
@@ -263,15 +255,9 @@ void KERNEL2(int32_t n, const std::vector<double>& wtz, const std::vector<int32_
     }
   }
 
-  // 9.
   for (std::size_t k = 0; k < nn; ++k) sens_avg[k] /= ndata;
   std::vector<double>().swap(gbig);
   std::vector<double>().swap(yn2);
   std::vector<double>().swap(xn2);
   std::vector<int32_t>().swap(top2);
-
-  // 10.
-  if (compressed) {
-    report_compression(n, ndata, nnz, data_full.data(), data_comp.data());
-  }
 }
