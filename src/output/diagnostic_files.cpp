@@ -1,0 +1,111 @@
+// The text files beside the matrix file.
+#include "output/diagnostic_files.hpp"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+
+#include "model/model.hpp"
+#include "run/format.hpp"
+#include "run/text_io.hpp"
+
+namespace {
+
+std::FILE* create_text(const std::string& name) {
+  std::FILE* f = std::fopen(name.c_str(), "w");
+  if (!f) {
+    std::fputs(("quolvent: cannot write " + name + "\n").c_str(), stderr);
+    std::fflush(nullptr);
+    std::_Exit(1);
+  }
+  std::setvbuf(f, nullptr, _IOFBF, 1 << 20);
+  return f;
+}
+
+void close_text(std::FILE* f, const std::string& name) {
+  if (std::fflush(f) != 0 || std::ferror(f) || std::fclose(f) != 0) {
+    std::fputs(("quolvent: cannot write " + name + "\n").c_str(), stderr);
+    std::fflush(nullptr);
+    std::_Exit(1);
+  }
+}
+
+}  // namespace
+
+// write_sensitivity_model
+// Given: one value per cell below the ground in cell order, the column tops,
+// and the file name. Returns: nothing; the file holds one line per mesh cell:
+// 1e-20 above the ground, value / cell volume below. Fails: a file that can't
+// be written ends the run (platform error); fewer values than cells below the
+// ground stop the run with a text. Calls: fmt_sci, put_line.
+void write_sensitivity_model(const std::vector<double>& values,
+                             const std::vector<int32_t>& top_index, const std::string& name) {
+  const int32_t ny = std::max(mesh.ny, 0), nx = std::max(mesh.nx, 0), nz = std::max(mesh.nz, 0);
+  if (top_index.size() < static_cast<std::size_t>(ny) * static_cast<std::size_t>(nx) ||
+      mesh.dy.size() < static_cast<std::size_t>(ny) ||
+      mesh.dx.size() < static_cast<std::size_t>(nx) ||
+      mesh.dz.size() < static_cast<std::size_t>(nz)) {
+    stop_text("size(top_index) /= ny * nx");
+  }
+  auto column_top = [&](int32_t iy, int32_t ix) {
+    return std::min(std::max(top_index[static_cast<std::size_t>(iy - 1) +
+                                       static_cast<std::size_t>(ix - 1) * ny],
+                             0),
+                    nz);
+  };
+  std::size_t below = 0;
+  for (int32_t iy = 1; iy <= ny; ++iy)
+    for (int32_t ix = 1; ix <= nx; ++ix) below += static_cast<std::size_t>(nz - column_top(iy, ix));
+  if (values.size() < below) stop_text("size(values) /= cells below the ground");
+
+  std::FILE* f = create_text(name);
+  const std::string air = fmt_sci(1e-20, 8, 1);
+  std::size_t next = 0;
+  for (int32_t iy = 1; iy <= ny; ++iy)
+    for (int32_t ix = 1; ix <= nx; ++ix) {
+      const int32_t t = column_top(iy, ix);
+      for (int32_t iz = 1; iz <= t; ++iz) put_line(f, air);
+      for (int32_t iz = t + 1; iz <= nz; ++iz) {
+        const double volume = mesh.dz[iz - 1] * (mesh.dx[ix - 1] * mesh.dy[iy - 1]);
+        double v = values[next++] / volume;
+        // A cell of no volume has no density to show; 0 rather than Inf or NaN.
+        if (!std::isfinite(v)) v = 0.0;
+        put_line(f, fmt_sci(v, 12, 5));
+      }
+    }
+  close_text(f, name);
+}
+
+// write_data_file
+// Given: the file name and one value per datum. Returns: nothing; the file
+// holds the observation header and one line per datum with its position
+// (and its direction when each datum has its own) and its value.
+// Fails: a file that can't be written ends the run (platform error); fewer
+// values than data stop the run with a text. Calls: fmt_fixed, fmt_int, fmt_sci.
+void write_data_file(const std::string& name, const std::vector<double>& values) {
+  const int32_t ndata = obs.ndata;
+  const std::size_t count = static_cast<std::size_t>(ndata > 0 ? ndata : 0);
+  if (values.size() < count || obs.obs_x.size() < count || obs.obs_y.size() < count ||
+      obs.obs_z.size() < count ||
+      (obs.idir <= 0 && (obs.obs_aincl.size() < count || obs.obs_adecl.size() < count))) {
+    stop_text("size(values) /= ndata");
+  }
+  std::FILE* f = create_text(name);
+  put_line(f, fmt_fixed(obs.incl, 10, 2) + fmt_fixed(obs.decl, 10, 2) +
+                  fmt_fixed(obs.geomag, 10, 2) + "  !! incl, decl, geomag");
+  put_line(f, fmt_fixed(obs.aincl, 10, 2) + fmt_fixed(obs.adecl, 10, 2) + "     " +
+                  fmt_int(obs.idir, 2) + "   " + "  !! aincl, adecl, idir");
+  put_line(f, fmt_int(ndata, 7) + std::string(23, ' ') + "  !! # of data");
+  for (int32_t i = 0; i < ndata; ++i) {
+    const std::size_t d = static_cast<std::size_t>(i);
+    std::string line = fmt_sci(obs.obs_x[d], 17, 9) + fmt_sci(obs.obs_y[d], 17, 9) +
+                       fmt_sci(obs.obs_z[d], 17, 9) + "  ";
+    if (obs.idir <= 0) {
+      line += fmt_sci(obs.obs_aincl[d], 12, 4) + fmt_sci(obs.obs_adecl[d], 12, 4) + "  ";
+    }
+    line += fmt_sci(values[d], 14, 6);
+    put_line(f, line);
+  }
+  close_text(f, name);
+}

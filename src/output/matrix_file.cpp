@@ -1,0 +1,156 @@
+// The matrix file.
+#include "output/matrix_file.hpp"
+
+#include <algorithm>
+#include <bit>
+#include <cstdlib>
+#include <string>
+
+#include "model/model.hpp"
+#include "run/text_io.hpp"
+#include "wavelet/compression.hpp"
+
+static_assert(std::endian::native == std::endian::little,
+              "the matrix file is little-endian and is written straight from memory");
+
+namespace {
+
+// fatal_write: the file can't be created or written: the run can't go on.
+[[noreturn]] void fatal_write(const char* name) {
+  std::fputs((std::string("quolvent: cannot write ") + name + "\n").c_str(), stderr);
+  std::fflush(nullptr);
+  std::_Exit(1);
+}
+
+void put_bytes(std::FILE* f, const void* p, std::size_t bytes) {
+  if (bytes > 0 && std::fwrite(p, 1, bytes, f) != bytes) fatal_write("dulmarok.mtx");
+}
+
+void put_marker(std::FILE* f, int64_t value) {
+  const int32_t m = static_cast<int32_t>(value);
+  put_bytes(f, &m, sizeof m);
+}
+
+// need: a record can't read past the end of its array.
+template <typename T>
+void need(const std::vector<T>& v, int64_t count, const char* text) {
+  if (count < 0 || static_cast<uint64_t>(v.size()) < static_cast<uint64_t>(count)) stop_text(text);
+}
+
+std::size_t count_of(int64_t c) { return static_cast<std::size_t>(c > 0 ? c : 0); }
+
+}  // namespace
+
+// write_record
+// Given: an open binary file, the payload blocks and the frame limit.
+// Returns: nothing; the record is written. Fails: a write that fails ends the
+// run (platform error). Calls: fwrite.
+void write_record(std::FILE* f, const std::vector<record_block>& blocks, int64_t limit) {
+  if (limit < 1) limit = subrecord_limit;
+  int64_t total = 0;
+  for (const auto& b : blocks) total += static_cast<int64_t>(b.bytes);
+
+  std::size_t block = 0, offset = 0;  // position in the blocks
+  int64_t left = total;
+  bool first = true;
+  do {
+    const int64_t len = std::min(left, limit);
+    const bool last = len == left;
+    put_marker(f, last ? len : -len);
+    int64_t todo = len;
+    while (todo > 0) {
+      const record_block& b = blocks[block];
+      const std::size_t take =
+          static_cast<std::size_t>(std::min<int64_t>(todo, static_cast<int64_t>(b.bytes - offset)));
+      put_bytes(f, static_cast<const char*>(b.data) + offset, take);
+      offset += take;
+      todo -= static_cast<int64_t>(take);
+      if (offset == b.bytes) {
+        ++block;
+        offset = 0;
+      }
+    }
+    put_marker(f, first ? len : -len);
+    left -= len;
+    first = false;
+  } while (left > 0);
+}
+
+// write_matrix
+// Given: the row length n, wtz (n), the column tops, the flag of record 6,
+// sens_sq (n) and the frame limit; the mesh, ndata, the filter, the padded
+// extents and the matrix store from the shared state. Returns: nothing; the
+// file is complete and closed; g_full is freed when it was written.
+// Fails: a file that can't be written ends the run (platform error); arrays
+// shorter than their counts stop the run with a text.
+// Calls: write_record, say_screen.
+void write_matrix(int32_t n, const std::vector<double>& wtz, const std::vector<int32_t>& top_index,
+                  int32_t flag, const std::vector<double>& sens_sq, int64_t record_limit) {
+  say_screen("");
+  say_screen("Writing out the matrix.");
+  say_screen("");
+
+  const int32_t ndata = obs.ndata;
+  const int32_t ny = mesh.ny, nx = mesh.nx, nz = mesh.nz;
+  const std::size_t len = count_of(n);
+  need(wtz, n, "size(wtz) /= n");
+  need(sens_sq, n, "size(sens_sq) /= n");
+  need(mesh.yn, int64_t{ny} + 1, "size(yn) /= ny + 1");
+  need(mesh.xn, int64_t{nx} + 1, "size(xn) /= nx + 1");
+  need(mesh.zn, int64_t{nz} + 1, "size(zn) /= nz + 1");
+  need(top_index, int64_t{ny} * nx, "size(top_index) /= ny * nx");
+  need(filter, ncof, "size(filter) /= ncof");
+  if (compressed) {
+    need(g_compressed, ndata, "size(g_compressed) /= ndata");
+  } else {
+    need(g_full, int64_t{n} * ndata, "size(g_full) /= n * ndata");
+  }
+
+  std::FILE* f = std::fopen("dulmarok.mtx", "wb");
+  if (!f) fatal_write("dulmarok.mtx");
+  std::setvbuf(f, nullptr, _IOFBF, 1 << 20);
+
+  const int32_t sizes[5] = {ndata, n, ny, nx, nz};
+  write_record(f, {{sizes, sizeof sizes}}, record_limit);
+
+  write_record(f,
+               {{mesh.yn.data(), 8 * count_of(int64_t{ny} + 1)},
+                {mesh.xn.data(), 8 * count_of(int64_t{nx} + 1)},
+                {mesh.zn.data(), 8 * count_of(int64_t{nz} + 1)},
+                {&mesh.z0, 8}},
+               record_limit);
+
+  write_record(f, {{top_index.data(), 4 * count_of(int64_t{ny} * nx)}}, record_limit);
+
+  write_record(f, {{&ncof, 4}, {filter.data(), 8 * count_of(ncof)}}, record_limit);
+
+  const int32_t padded[3] = {nyp, nxp, nzp};
+  write_record(f, {{padded, sizeof padded}}, record_limit);
+
+  write_record(f, {{&flag, 4}, {wtz.data(), 8 * len}}, record_limit);
+
+  if (compressed) {
+    for (int32_t i = 0; i < ndata; ++i) {
+      const compressed_row& rec = g_compressed[static_cast<std::size_t>(i)];
+      const int32_t nnz = static_cast<int32_t>(rec.idx.size());
+      if (rec.val.size() != rec.idx.size()) stop_text("size(val) /= size(idx)");
+      write_record(f,
+                   {{&nnz, 4},
+                    {rec.idx.data(), 4 * rec.idx.size()},
+                    {rec.val.data(), 4 * rec.val.size()}},
+                   record_limit);
+    }
+  } else {
+    for (int32_t i = 0; i < ndata; ++i) {
+      write_record(f, {{g_full.data() + static_cast<std::size_t>(i) * len, 4 * len}},
+                   record_limit);
+    }
+    // Nothing reads the full matrix after this.
+    std::vector<float>().swap(g_full);
+  }
+
+  write_record(f, {{sens_sq.data(), 8 * len}}, record_limit);
+
+  if (std::fflush(f) != 0 || std::ferror(f)) fatal_write("dulmarok.mtx");
+  if (std::fclose(f) != 0) fatal_write("dulmarok.mtx");
+}
