@@ -1,0 +1,18 @@
+// The wavelet filters: the name of the control file turned into a unit-norm
+// coefficient list.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+// check_wavelet
+// Given: wavelet, the 5-character name field ("daub1".."daub6",
+//   "symm4".."symm6", "none" or "NONE"; the first four characters decide,
+//   case-sensitively, the fifth is the digit).
+// Returns: filter with ncof coefficients of unit Euclidean norm, ncof = 2N;
+//   for "none"/"NONE" ncof = 0, filter empty, and the warning on screen and log.
+// Fails: an unknown name or a bad digit is reported on the screen and the log
+//   and the run stops.
+// Calls: ff_read_text, report, stop_plain.
+void check_wavelet(const std::string& wavelet, std::vector<double>& filter, int32_t& ncof);

@@ -1,0 +1,214 @@
+// WTN_MOD: lines are gathered into a per-thread buffer before filtering, so
+// strides never matter, and nothing is allocated per row.
+#include "wavelet/wtn_mod.hpp"
+
+#include <algorithm>
+#include <cmath>
+#include <cstddef>
+
+#include "model/model.hpp"
+#include "run/format.hpp"
+#include "run/text_io.hpp"
+#include "wavelet/compression.hpp"
+
+namespace {
+
+// The filters, set once before any transform and read-only afterwards.
+struct wtn_filters {
+  std::vector<double> cc;  // low-pass
+  std::vector<double> cr;  // high-pass
+  int32_t ncof = 0;
+  int32_t ioff = 0;
+};
+wtn_filters flt;
+
+// The line buffers of one thread, made on its first transform.
+struct line_buffers {
+  std::vector<double> wk;
+  std::vector<double> wksp;
+  int64_t ntot = 0;
+  bool first = true;
+};
+thread_local line_buffers tl;
+
+constexpr int64_t max_position = 2147483647;
+
+}  // namespace
+
+int64_t padded_extent(int32_t n) {
+  if (n <= 1) return 1;
+  const int p = static_cast<int>(std::log(static_cast<double>(n)) / 0.6931471805599453);
+  const int64_t q = (p > 31) ? 0 : (int64_t{1} << p);
+  int64_t ext = (q == n) ? n : 2 * q;
+  // The logarithm can only miss by one step; make sure of the power of two.
+  while (ext < n) ext *= 2;
+  return ext;
+}
+
+void set_padded_extents() {
+  const int64_t py = padded_extent(mesh.ny);
+  const int64_t px = padded_extent(mesh.nx);
+  const int64_t pz = padded_extent(mesh.nz);
+  // Each factor is at most 2^32, so each partial product is tested before
+  // the next multiplication can overflow.
+  bool too_big = py > max_position || px > max_position || pz > max_position;
+  if (!too_big) too_big = py * px > max_position;
+  if (!too_big) too_big = py * px * pz > max_position;
+  if (too_big) {
+    report({"", "ERROR: the mesh is too large for wavelet compression: the padded cube of",
+            "       " + fmt_int(py) + " x " + fmt_int(px) + " x " + fmt_int(pz) +
+                " elements has more places than the 2147483647",
+            "       that the positions of a compressed row can address.",
+            "       Use a smaller mesh, or NONE for no compression.",
+            ""});
+    stop_plain();
+  }
+  nyp = static_cast<int32_t>(py);
+  nxp = static_cast<int32_t>(px);
+  nzp = static_cast<int32_t>(pz);
+  ncube = py * px * pz;
+}
+
+void set_filters(const std::vector<double>& c, int32_t nc) {
+  flt.ncof = nc;
+  flt.cc.assign(static_cast<std::size_t>(nc), 0.0);
+  flt.cr.assign(static_cast<std::size_t>(nc), 0.0);
+  for (int32_t k = 1; k <= nc; ++k) {
+    flt.cc[k - 1] = c[k - 1];
+    flt.cr[nc - k] = (k % 2 == 1) ? -c[k - 1] : c[k - 1];
+  }
+  flt.ioff = -(nc / 2);
+}
+
+namespace {
+
+// row_map: 1 through active_map, 0 plain copy; stops on any other length.
+int row_map(int64_t len) {
+  if (len == cells.nactive) return 1;
+  if (len == cells.ncell_total) return 0;
+  stop_text("size(x) /= # of cells");
+}
+
+}  // namespace
+
+void row_to_cube(const double* x, int64_t len, double* y) {
+  const int use_map = row_map(len);
+  const int32_t ny = mesh.ny, nx = mesh.nx, nz = mesh.nz;
+  const std::size_t zp = static_cast<std::size_t>(nzp);
+  const std::size_t plane = zp * static_cast<std::size_t>(nxp);
+  std::size_t next = 0;  // plain copy: the next value of x
+  for (int32_t i = 1; i <= nyp; ++i) {
+    for (int32_t j = 1; j <= nxp; ++j) {
+      double* col = y + static_cast<std::size_t>(j - 1) * zp + static_cast<std::size_t>(i - 1) * plane;
+      std::size_t k0 = 0;
+      if (i <= ny && j <= nx) {
+        if (use_map) {
+          const int32_t* map = cells.active_map.data() +
+                               static_cast<std::size_t>(nz) *
+                                   (static_cast<std::size_t>(j - 1) +
+                                    static_cast<std::size_t>(nx) * static_cast<std::size_t>(i - 1));
+          for (int32_t k = 0; k < nz; ++k) col[k] = (map[k] > 0) ? x[map[k] - 1] : 0.0;
+        } else {
+          for (int32_t k = 0; k < nz; ++k) col[k] = x[next++];
+        }
+        k0 = static_cast<std::size_t>(nz);
+      }
+      std::fill(col + k0, col + zp, 0.0);
+    }
+  }
+}
+
+void cube_to_row(double* x, int64_t len, const double* y) {
+  const int use_map = row_map(len);
+  const int32_t ny = mesh.ny, nx = mesh.nx, nz = mesh.nz;
+  const std::size_t zp = static_cast<std::size_t>(nzp);
+  const std::size_t plane = zp * static_cast<std::size_t>(nxp);
+  std::size_t next = 0;
+  const int32_t* map = cells.active_map.data();
+  for (int32_t i = 1; i <= ny; ++i) {
+    for (int32_t j = 1; j <= nx; ++j) {
+      const double* col =
+          y + static_cast<std::size_t>(j - 1) * zp + static_cast<std::size_t>(i - 1) * plane;
+      for (int32_t k = 0; k < nz; ++k) {
+        if (use_map) {
+          if (*map > 0) x[*map - 1] = col[k];
+          ++map;
+        } else {
+          x[next++] = col[k];
+        }
+      }
+    }
+  }
+}
+
+void transform_cube(double* a, int32_t isign) {
+  const int32_t nn[3] = {nzp, nxp, nyp};
+  WTN(a, nn, isign);
+}
+
+void PWT(double* a, int32_t n, bool forward) {
+  if (n < 4) return;
+  if (tl.wksp.size() < static_cast<std::size_t>(n)) tl.wksp.resize(static_cast<std::size_t>(n));
+  double* w = tl.wksp.data();
+  const int32_t nc = flt.ncof;
+  const double* cc = flt.cc.data();
+  const double* cr = flt.cr.data();
+  const int64_t h = n / 2;
+  const int64_t mask = n - 1;
+  // ncof * n keeps the sum positive; the mask is the periodic wrap.
+  const int64_t base = static_cast<int64_t>(nc) * n + flt.ioff;
+  std::fill(w, w + n, 0.0);
+  if (forward) {
+    for (int64_t i = 0; i < h; ++i) {
+      double lo = 0.0, hi = 0.0;
+      for (int32_t k = 1; k <= nc; ++k) {
+        const double v = a[(base + 2 * i + 1 + k) & mask];
+        lo += cc[k - 1] * v;
+        hi += cr[k - 1] * v;
+      }
+      w[i] = lo;
+      w[i + h] = hi;
+    }
+  } else {
+    for (int64_t i = 0; i < h; ++i) {
+      const double p = a[i];
+      const double q = a[i + h];
+      for (int32_t k = 1; k <= nc; ++k) w[(base + 2 * i + 1 + k) & mask] += cc[k - 1] * p + cr[k - 1] * q;
+    }
+  }
+  std::copy(w, w + n, a);
+}
+
+void WTN(double* a, const int32_t nn[3], int32_t isign) {
+  const int64_t ntot = static_cast<int64_t>(nn[0]) * nn[1] * nn[2];
+  const std::size_t longest = static_cast<std::size_t>(std::max({nn[0], nn[1], nn[2], 4}));
+  // All transforms of a run share the extents; a different shape (tests)
+  // only makes the buffers anew.
+  if (tl.first || tl.ntot != ntot || tl.wk.size() < longest) {
+    tl.wk.assign(longest, 0.0);
+    tl.wksp.assign(longest, 0.0);
+    tl.ntot = ntot;
+    tl.first = false;
+  }
+  double* wk = tl.wk.data();
+  int64_t nprev = 1;
+  for (int d = 0; d < 3; ++d) {
+    const int64_t n = nn[d];
+    const int64_t nnew = n * nprev;
+    if (n > 4) {
+      for (int64_t i2 = 0; i2 < ntot; i2 += nnew) {
+        for (int64_t i1 = 0; i1 < nprev; ++i1) {
+          double* line = a + i1 + i2;
+          for (int64_t m = 0; m < n; ++m) wk[m] = line[m * nprev];
+          if (isign >= 0) {
+            for (int64_t nt = n; nt >= 4; nt >>= 1) PWT(wk, static_cast<int32_t>(nt), true);
+          } else {
+            for (int64_t nt = 4; nt <= n; nt <<= 1) PWT(wk, static_cast<int32_t>(nt), false);
+          }
+          for (int64_t m = 0; m < n; ++m) line[m * nprev] = wk[m];
+        }
+      }
+    }
+    nprev = nnew;
+  }
+}
