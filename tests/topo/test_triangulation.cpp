@@ -258,3 +258,19 @@ TEST(Triangulate, ClustersAndWideRangesOfScale) {
   tt::build(t);
   EXPECT_EQ(tt::check_triangulation(t, false), "");
 }
+
+TEST(TriangulationCheck, CatchesANonDelaunayArc) {
+  // The checker itself: a valid triangulation whose node then moves off the
+  // circle the other way is no longer Delaunay, and a broken list is caught.
+  net u = from({{0, 0}, {0, 1}, {1, 0}, {1.0005, 0.998}});
+  tt::build(u, true);
+  ASSERT_EQ(tt::check_triangulation(u, true), "");
+  u.x[3] = 1.2;
+  u.y[3] = 1.2;
+  EXPECT_NE(tt::check_triangulation(u, true), "");
+  net v = tt::random_net(50, 4);
+  tt::build(v);
+  ASSERT_EQ(tt::check_triangulation(v, false), "");
+  std::swap(v.adj[10], v.adj[11]);
+  EXPECT_NE(tt::check_triangulation(v, false), "");
+}

@@ -135,14 +135,31 @@ std::string check_triangulation(const net& t, bool exact) {
     for (int32_t m = 1; m <= n; ++m)
       if (orient(t, a, b, m) < 0) return "node outside a hull arc" + at(m);
   }
-  // Empty circumcircles, by brute force.
+  // Empty circumcircles, by brute force: a quick test against the circle's
+  // centre and radius, and the in-circle determinant for every node near or
+  // inside the circle.
+  std::vector<long double> px(static_cast<std::size_t>(n)), py(static_cast<std::size_t>(n));
+  for (std::size_t i = 0; i < px.size(); ++i) {
+    px[i] = t.x[i];
+    py[i] = t.y[i];
+  }
   for (const auto& tr : tris) {
+    const long double ax = px[tr[0] - 1], ay = py[tr[0] - 1];
+    const long double bx = px[tr[1] - 1] - ax, by = py[tr[1] - 1] - ay;
+    const long double cx = px[tr[2] - 1] - ax, cy = py[tr[2] - 1] - ay;
+    const long double d = 2 * (bx * cy - by * cx);
+    const long double b2 = bx * bx + by * by, c2 = cx * cx + cy * cy;
+    const long double ux = (cy * b2 - by * c2) / d, uy = (bx * c2 - cx * b2) / d;
+    const long double r2 = ux * ux + uy * uy;
     for (int32_t m = 1; m <= n; ++m) {
+      const long double dx = px[static_cast<std::size_t>(m - 1)] - ax - ux;
+      const long double dy = py[static_cast<std::size_t>(m - 1)] - ay - uy;
+      if (dx * dx + dy * dy > r2 * (1 + 1e-6L)) continue;
       if (m == tr[0] || m == tr[1] || m == tr[2]) continue;
       long double scale = 0;
-      const long double d = incircle(t, tr[0], tr[1], tr[2], m, scale);
+      const long double in = incircle(t, tr[0], tr[1], tr[2], m, scale);
       const long double tol = exact ? 0.0L : 1e-12L * scale;
-      if (d > tol) return "node " + std::to_string(m) + " inside a circumcircle";
+      if (in > tol) return "node " + std::to_string(m) + " inside a circumcircle";
     }
   }
   return "";

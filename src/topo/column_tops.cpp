@@ -1,0 +1,65 @@
+// Column tops from the sampled surface.
+#include "topo/column_tops.hpp"
+
+#include <algorithm>
+#include <cmath>
+
+#include "model/model.hpp"
+#include "run/text_io.hpp"
+#include "topo/topo_reader.hpp"
+
+void read_topography(const std::string& file_name) {
+  const std::size_t ny = static_cast<std::size_t>(std::max(mesh.ny, 0));
+  const std::size_t nx = static_cast<std::size_t>(std::max(mesh.nx, 0));
+  top_index.assign(ny * nx, 0);
+  // No topography: a flat ground at or above the mesh top.
+  if (is_null_name(file_name)) return;
+  read_topo_file(file_name);
+}
+
+void column_tops(const std::vector<double>& surf, int32_t ny, int32_t nx, int32_t nz,
+                 const std::vector<double>& zn, double z0, std::vector<int32_t>& top_index) {
+  const std::size_t nyc = static_cast<std::size_t>(std::max(ny, 0));
+  const std::size_t nxc = static_cast<std::size_t>(std::max(nx, 0));
+  const int32_t nzc = std::max(nz, 0);
+  const std::size_t ns = 2 * nyc + 1;  // samples along the first subscript
+  top_index.assign(nyc * nxc, 0);
+
+  // Layer boundary elevations, falling with k.
+  std::vector<double> elev(static_cast<std::size_t>(nzc) + 1);
+  for (std::size_t k = 0; k < elev.size(); ++k) elev[k] = z0 - zn[k];
+
+  for (std::size_t ix = 1; ix <= nxc; ++ix) {
+    for (std::size_t iy = 1; iy <= nyc; ++iy) {
+      // The lowest of the nine samples: corners, edge mid-points, centre.
+      double zmin = 1e20;
+      bool any = false;
+      for (std::size_t i = 2 * ix - 1; i <= 2 * ix + 1; ++i) {
+        for (std::size_t j = 2 * iy - 1; j <= 2 * iy + 1; ++j) {
+          const double s = surf[(j - 1) + (i - 1) * ns];
+          if (std::isnan(s)) continue;
+          any = true;
+          if (s < zmin) zmin = s;
+        }
+      }
+      int32_t t = 0;
+      if (!any || zmin >= elev[0]) {
+        t = 0;
+      } else if (zmin < elev[static_cast<std::size_t>(nzc)]) {
+        t = nzc;  // the ground lies below the mesh bottom
+      } else {
+        // The first layer whose boundaries hold zmin; a zmin on a boundary
+        // takes the layer above it.
+        t = nzc;
+        for (int32_t k = 1; k <= nzc; ++k) {
+          if (elev[static_cast<std::size_t>(k - 1)] >= zmin &&
+              zmin >= elev[static_cast<std::size_t>(k)]) {
+            t = k;
+            break;
+          }
+        }
+      }
+      top_index[(iy - 1) + (ix - 1) * nyc] = t;
+    }
+  }
+}
