@@ -138,11 +138,10 @@ void KERNEL2(int32_t n, const std::vector<double>& wtz, const std::vector<int32_
     return;
   }
   if (!rows_fit(n, top_index)) stop_text("indx /= size(g)");
-  // The compressed store comes with the wavelet subsystem's row store; until
-  // then a run can only keep full rows.
-  if (compressed) stop_text("compressed rows are not available in this build");
-  // Every row lands in its own column of the full matrix: it has to hold them all.
-  if (g_full.size() != nn * static_cast<std::size_t>(ndata)) stop_text("size(g_full) /= n * ndata");
+  // Every row lands in its own record, or its own column of the full matrix.
+  const std::size_t nd = static_cast<std::size_t>(ndata);
+  if (compressed && g_compressed.size() != nd) stop_text("size(g_compressed) /= ndata");
+  if (!compressed && g_full.size() != nn * nd) stop_text("size(g_full) /= n * ndata");
   if (wtz.size() != nn) stop_text("size(wtz) /= n");
 
   // The cube and the extended mesh.
@@ -172,6 +171,20 @@ void KERNEL2(int32_t n, const std::vector<double>& wtz, const std::vector<int32_
   sens_avg.assign(nn, 0.0);
   sens_sq.assign(nn, 0.0);
 
+  // The test model of the compression check.
+  std::vector<double> model, data_full, data_comp;
+  if (compressed) {
+    alloc_row(model, n, "kernel2");
+    std::fill(model.begin(), model.end(), 0.01);
+    try {
+      data_full.assign(nd, 0.0);
+      data_comp.assign(nd, 0.0);
+    } catch (const std::bad_alloc&) {
+      alloc_failed("kernel2");
+    }
+    transform_test_model(model, wtz);
+  }
+
   std::fflush(log_out());
   say_screen(" Calculating sensitivity matrix ...");
   say_screen(" % done:");
@@ -199,6 +212,7 @@ void KERNEL2(int32_t n, const std::vector<double>& wtz, const std::vector<int32_
     alloc_row(my_avg, n, "kernel2");
     alloc_row(my_sq, n, "kernel2");
     int64_t my_nnz = 0;
+    if (compressed) ALLOC_WORK();
 
 #pragma omp for schedule(static) nowait
     for (int32_t i = 0; i < ndata; ++i) {
@@ -225,9 +239,17 @@ void KERNEL2(int32_t n, const std::vector<double>& wtz, const std::vector<int32_
         }
       }
 
-      // Store the row.
-      float* column = g_full.data() + id * nn;
-      for (std::size_t k = 0; k < nn; ++k) column[k] = static_cast<float>(g[k]);
+      // Store the row. The test datum is that of the unweighted row.
+      if (compressed) {
+        double full = 0.0;
+        for (std::size_t k = 0; k < nn; ++k) full += model[k] * (g[k] * wtz[k]);
+        data_full[id] = full;
+        COMPRESS_ROW(g.data(), n, g_compressed[id], my_nnz, obs_type[id]);
+        data_comp[id] = dot_compressed(g_compressed[id]);
+      } else {
+        float* column = g_full.data() + id * nn;
+        for (std::size_t k = 0; k < nn; ++k) column[k] = static_cast<float>(g[k]);
+      }
 
       // The sums, sens_avg on the unweighted row.
       for (std::size_t k = 0; k < nn; ++k) {
@@ -244,6 +266,7 @@ void KERNEL2(int32_t n, const std::vector<double>& wtz, const std::vector<int32_
 
 #pragma omp barrier
     std::vector<double>().swap(g);
+    if (compressed) DEALLOC_WORK();
 
 #pragma omp critical(kernel2_sums)
     {
@@ -260,4 +283,6 @@ void KERNEL2(int32_t n, const std::vector<double>& wtz, const std::vector<int32_
   std::vector<double>().swap(yn2);
   std::vector<double>().swap(xn2);
   std::vector<int32_t>().swap(top2);
+
+  if (compressed) report_compression(n, ndata, nnz, data_full.data(), data_comp.data());
 }

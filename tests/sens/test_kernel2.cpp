@@ -8,12 +8,14 @@
 #include <vector>
 
 #include "model/model.hpp"
+#include "run/format.hpp"
 #include "sens/grid_check.hpp"
 #include "sens/gsus_mod.hpp"
 #include "sens/kernel2_mod.hpp"
 #include "sens/kernel_mod.hpp"
 #include "support/test_support.hpp"
 #include "wavelet/compression.hpp"
+#include "wavelet/wtn_mod.hpp"
 
 namespace {
 
@@ -58,6 +60,19 @@ survey make_survey(int nx, int ny, int nz, const std::vector<double>& cx,
       s.n += nz - t;
     }
   for (int32_t k = 0; k < s.n; ++k) s.wtz.push_back(1.0 + 0.25 * (k % 7));
+
+  // Every cell below the ground active, numbered in row order (y, x, z).
+  cells = active_cells{};
+  cells.active_map.assign(static_cast<std::size_t>(nx) * ny * nz, 0);
+  int32_t place = 0;
+  for (int j = 0; j < ny; ++j)
+    for (int i = 0; i < nx; ++i)
+      for (int k = top_index[j + static_cast<std::size_t>(i) * ny]; k < nz; ++k)
+        cells.active_map[k + static_cast<std::size_t>(nz) * (i + static_cast<std::size_t>(nx) * j)] =
+            ++place;
+  cells.ncell_total = nx * ny * nz;
+  cells.nbelow = s.n;
+  cells.nactive = s.n;
 
   obs = obs_set{};
   obs.incl = 65.0;
@@ -226,4 +241,49 @@ TEST(Kernel2, CubeOfTwoToTheThirtyOneCellsTakesTheGeneralLoop) {
   const route r = run_loop(s, true, 1, 20.0, 10.0);
   EXPECT_NE(r.log.find("2**31"), std::string::npos);
   EXPECT_EQ(r.rows, general.rows);
+}
+
+TEST(Kernel2, CompressedRowsGiveBackTheFullRows) {
+  const survey s = make_survey(7, 6, 5, centres(1, 7, 2), centres(1, 6, 1), 4.0);
+  bool regular = false;
+  int32_t ref = 0;
+  double cdy = 0, cdx = 0;
+  grid_check(1, 1, regular, ref, cdy, cdx);
+  ASSERT_TRUE(regular);
+  const route full = run_loop(s, true, ref, cdy, cdx);
+
+  // Every coefficient kept: the records are the transformed rows.
+  std::vector<double> sq, avg;
+  std::string log;
+  {
+    qt::capture cap;
+    setup_compression(s.n, s.wtz, top_index, s.obs_type, "daub2", "2 0.0");
+    ASSERT_TRUE(compressed);
+    KERNEL2(s.n, s.wtz, top_index, s.obs_type, ref, cdy, cdx, sq, avg);
+    log = cap.log();
+  }
+  EXPECT_EQ(sq, full.sens_sq);
+  EXPECT_EQ(avg, full.sens_avg);
+  EXPECT_NE(log.find(fmt_right("Number of non-zeros:", 30) + fmt_int(ncube * obs.ndata, 10)),
+            std::string::npos);
+  EXPECT_NE(log.find("achieved relative error:"), std::string::npos);
+
+  const std::size_t n = static_cast<std::size_t>(s.n);
+  std::vector<double> cube(static_cast<std::size_t>(ncube)), row(n);
+  for (int32_t i = 0; i < obs.ndata; ++i) {
+    const compressed_row& rec = g_compressed[i];
+    ASSERT_EQ(rec.idx.size(), static_cast<std::size_t>(ncube));
+    std::fill(cube.begin(), cube.end(), 0.0);
+    for (std::size_t k = 0; k < rec.idx.size(); ++k) cube[rec.idx[k] - 1] = rec.val[k];
+    transform_cube(cube.data(), -1);
+    cube_to_row(row.data(), s.n, cube.data());
+    double norm = 0.0;
+    for (std::size_t k = 0; k < n; ++k) norm += double(full.rows[i * n + k]) * full.rows[i * n + k];
+    norm = std::sqrt(norm);
+    ASSERT_GT(norm, 0.0);
+    for (std::size_t k = 0; k < n; ++k)
+      ASSERT_NEAR(row[k], full.rows[i * n + k], 1e-6 * norm) << "row " << i + 1 << " entry " << k + 1;
+  }
+  compressed = false;
+  g_compressed.clear();
 }
