@@ -1,17 +1,30 @@
 // The run driver: the program's one pipeline, top to bottom, once per process.
 #include "run/sens3d.hpp"
 
+#include <algorithm>
 #include <cstdlib>
+#include <new>
 #include <omp.h>
 #include <string>
 #include <vector>
 #include <xmmintrin.h>
 
+#include "model/active_cells.hpp"
+#include "model/cell_values.hpp"
+#include "model/mesh.hpp"
 #include "model/model.hpp"
+#include "model/observations.hpp"
+#include "output/diagnostic_files.hpp"
+#include "output/matrix_file.hpp"
 #include "run/control_file.hpp"
 #include "run/format.hpp"
 #include "run/text_io.hpp"
 #include "run/timing.hpp"
+#include "sens/grid_check.hpp"
+#include "sens/kernel2_mod.hpp"
+#include "sens/kernel_mod.hpp"
+#include "topo/column_tops.hpp"
+#include "wavelet/compression.hpp"
 
 namespace {
 
@@ -63,6 +76,63 @@ void print_parameters(const std::string& input_name) {
   say_log("");
 }
 
+// worker_stack_bytes: each worker of the row loops keeps row-sized arrays,
+// 40 bytes per row entry, never less than a comfortable default stack.
+std::size_t worker_stack_bytes(int32_t n) {
+  constexpr std::size_t floor_bytes = std::size_t{8} << 20;
+  return std::max(floor_bytes, std::size_t{40} * static_cast<std::size_t>(std::max(n, 0)));
+}
+
+// run_pipeline: steps 13 to 33, from the mesh to the uncompress stage.
+void run_pipeline() {
+  // init: the model, the data, the ground and the weighting.
+  read_mesh(params.mesh_file);
+  read_data_file(params.obs_file);
+  std::vector<int32_t> obs_type(static_cast<std::size_t>(obs.ndata));
+  read_topography(params.topo_file);
+  get_active_cells("null", top_index);
+  int32_t data_kind = 0;
+  classify_data(obs_type, data_kind);
+  const int32_t n = cells.nbelow;
+  kmp_set_stacksize_s(worker_stack_bytes(n));
+  std::fflush(screen_out());
+  std::fflush(log_out());
+  std::vector<double> wtz(static_cast<std::size_t>(n));
+  read_cell_values(params.weight_file, "weighting", wtz);
+  bool regular = false;
+  int32_t ref_datum = 0;
+  double cell_dy = 0.0, cell_dx = 0.0;
+  grid_check(data_kind, obs.idir, regular, ref_datum, cell_dy, cell_dx);
+  phase_timer("init", 1, screen_out(), log_out());
+  std::fflush(log_out());
+
+  // sens: the rows, the sensitivity model and the matrix file.
+  std::vector<double> sens_sq, sens_avg;
+  try {
+    sens_sq.assign(static_cast<std::size_t>(n), 0.0);
+    sens_avg.assign(static_cast<std::size_t>(n), 0.0);
+  } catch (const std::bad_alloc&) {
+    alloc_failed("sens3d");
+  }
+  setup_compression(n, wtz, top_index, obs_type, params.wavelet, params.eps_line);
+  if (regular) {
+    KERNEL2(n, wtz, top_index, obs_type, ref_datum, cell_dy, cell_dx, sens_sq, sens_avg);
+  } else {
+    KERNEL(n, wtz, top_index, obs_type, sens_sq, sens_avg);
+  }
+  phase_timer("sens", 1, screen_out(), log_out());
+  write_sensitivity_model(sens_avg, top_index, "sensitivity.txt");
+  write_matrix(n, wtz, top_index, 1, sens_sq);
+  std::vector<double>().swap(sens_sq);
+
+  // uncompress: what the compressed rows make of the average sensitivity.
+  if (compressed && params.diag_flag) {
+    UNCOMPRESSG(n, wtz, sens_avg);
+    write_sensitivity_model(sens_avg, top_index, "sensitivity_compressed.txt");
+    phase_timer("uncompress", 1, screen_out(), log_out());
+  }
+}
+
 }  // namespace
 
 int sens3d(int argc, char** argv) {
@@ -90,6 +160,13 @@ int sens3d(int argc, char** argv) {
   read_control_file(input_name);
   print_timestamp("QUOLVENT started on: ", log_out());
   print_parameters(input_name);
+  try {
+    run_pipeline();
+  } catch (const std::bad_alloc&) {
+    // An allocation without a report of its own: say so plainly and stop.
+    report({"", "ERROR: not enough memory for this run.", ""});
+    stop_plain();
+  }
 
   phase_timer("TOTAL", -1, screen_out(), log_out());
   print_timestamp("QUOLVENT ended on: ", log_out());
