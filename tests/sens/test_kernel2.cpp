@@ -287,3 +287,31 @@ TEST(Kernel2, CompressedRowsGiveBackTheFullRows) {
   compressed = false;
   g_compressed.clear();
 }
+
+TEST(Kernel2, WholeRunsByBothRoutesWriteTheSameModel) {
+  // The same survey twice: with one direction for all data it takes the
+  // regular route; with the same direction given per datum, the general one.
+  qt::scratch_dir d("kernel2_run");
+  qt::write_file(d.file("mesh.txt"), "9 8 4\n0.0 0.0 100.0\n9*20.0\n8*25.0\n4*10.0\n");
+  for (const std::string kind : {"one", "each"}) {
+    std::string text = "70.0 10.0 50000.0\n70.0 10.0 " + std::string(kind == "one" ? "1" : "0") +
+                       "\n20\n";
+    for (int j = 0; j < 4; ++j)
+      for (int i = 0; i < 5; ++i)
+        text += std::to_string(10.0 + 40.0 * i) + " " + std::to_string(12.5 + 50.0 * j) +
+                " 103.0 70.0 10.0\n";
+    qt::write_file(d.file(kind + ".mag"), text);
+    qt::write_file(d.file(kind + ".inp"), "mesh.txt\n" + kind + ".mag\nnull\nVALUE 1.0\nNONE\nnull\n0\n");
+  }
+  ASSERT_EQ(qt::run_program(d.path.string(), {"one.inp"}).status, 0);
+  const std::vector<std::string> fast = qt::read_lines(d.file("sensitivity.txt"));
+  ASSERT_EQ(qt::run_program(d.path.string(), {"each.inp"}).status, 0);
+  const std::vector<std::string> general = qt::read_lines(d.file("sensitivity.txt"));
+  ASSERT_EQ(fast.size(), 9u * 8u * 4u);
+  ASSERT_EQ(fast.size(), general.size());
+  for (std::size_t k = 0; k < fast.size(); ++k) {
+    const double a = std::stod(fast[k]), b = std::stod(general[k]);
+    ASSERT_NEAR(a, b, 2e-5 * std::fabs(b)) << "cell " << k + 1;
+    ASSERT_NE(b, 0.0);
+  }
+}
