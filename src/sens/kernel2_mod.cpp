@@ -224,7 +224,8 @@ void KERNEL2(int32_t n, const std::vector<double>& wtz, const std::vector<int32_
            static_cast<std::size_t>(plan.ix[id] + hx)) *
           col_stride;
 
-      // Copy the active cells, weighted.
+      // Copy the active cells, weighted, and add them to the sums on the way:
+      // sens_avg takes the unweighted value. One pass over the row.
       std::size_t indx = 0;
       for (int32_t j = 0; j < ny; ++j) {
         const double* line = cube + base + static_cast<std::size_t>(j) * line_stride;
@@ -233,7 +234,10 @@ void KERNEL2(int32_t n, const std::vector<double>& wtz, const std::vector<int32_
                                       static_cast<std::size_t>(ip) * static_cast<std::size_t>(ny)];
           const double* col = line + static_cast<std::size_t>(ip) * col_stride;
           for (int32_t k = t; k < nz; ++k) {
-            g[indx] = col[k] / wtz[indx];
+            const double v = col[k] / wtz[indx];
+            g[indx] = v;
+            my_avg[indx] += std::fabs(v * wtz[indx]);
+            my_sq[indx] += v * v;
             ++indx;
           }
         }
@@ -249,12 +253,6 @@ void KERNEL2(int32_t n, const std::vector<double>& wtz, const std::vector<int32_
       } else {
         float* column = g_full.data() + id * nn;
         for (std::size_t k = 0; k < nn; ++k) column[k] = static_cast<float>(g[k]);
-      }
-
-      // The sums, sens_avg on the unweighted row.
-      for (std::size_t k = 0; k < nn; ++k) {
-        my_avg[k] += std::fabs(g[k] * wtz[k]);
-        my_sq[k] += g[k] * g[k];
       }
 
 #pragma omp critical(kernel2_progress)
