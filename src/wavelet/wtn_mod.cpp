@@ -33,6 +33,9 @@ thread_local line_buffers tl;
 
 constexpr int64_t max_position = 2147483647;
 
+// Lines gathered together along the strided directions.
+constexpr int64_t batch = 16;
+
 }  // namespace
 
 int64_t padded_extent(int32_t n) {
@@ -146,37 +149,79 @@ void transform_cube(double* a, int32_t isign) {
   WTN(a, nn, isign);
 }
 
-void PWT(double* a, int32_t n, bool forward) {
-  if (n < 4) return;
-  if (tl.wksp.size() < static_cast<std::size_t>(n)) tl.wksp.resize(static_cast<std::size_t>(n));
-  double* w = tl.wksp.data();
-  const int32_t nc = flt.ncof;
+namespace {
+
+// pwt_step: one filtering step with NC taps (NC of 0: the run-time count),
+// so that the usual filter lengths get loops of fixed length.
+template <int NC>
+void pwt_step(double* a, int64_t n, bool forward, double* w) {
+  const int32_t nc = NC > 0 ? NC : flt.ncof;
   const double* cc = flt.cc.data();
   const double* cr = flt.cr.data();
   const int64_t h = n / 2;
   const int64_t mask = n - 1;
   // ncof * n keeps the sum positive; the mask is the periodic wrap.
   const int64_t base = static_cast<int64_t>(nc) * n + flt.ioff;
-  std::fill(w, w + n, 0.0);
+  // Away from the ends of the line the taps don't wrap: there the positions
+  // are plain offsets, taken in the same order, so the sums are the same.
+  const int64_t off = flt.ioff + 1;  // unwrapped, tap k of pair i is at off + 2i + k
+  auto no_wrap = [&](int64_t i) { return off + 2 * i + 1 >= 0 && off + 2 * i + nc < n; };
   if (forward) {
     for (int64_t i = 0; i < h; ++i) {
       double lo = 0.0, hi = 0.0;
-      for (int32_t k = 1; k <= nc; ++k) {
-        const double v = a[(base + 2 * i + 1 + k) & mask];
-        lo += cc[k - 1] * v;
-        hi += cr[k - 1] * v;
+      if (no_wrap(i)) {
+        const double* v = a + (off + 2 * i);
+        for (int32_t k = 1; k <= nc; ++k) {
+          lo += cc[k - 1] * v[k];
+          hi += cr[k - 1] * v[k];
+        }
+      } else {
+        for (int32_t k = 1; k <= nc; ++k) {
+          const double v = a[(base + 2 * i + 1 + k) & mask];
+          lo += cc[k - 1] * v;
+          hi += cr[k - 1] * v;
+        }
       }
       w[i] = lo;
       w[i + h] = hi;
     }
   } else {
+    std::fill(w, w + n, 0.0);
     for (int64_t i = 0; i < h; ++i) {
       const double p = a[i];
       const double q = a[i + h];
-      for (int32_t k = 1; k <= nc; ++k) w[(base + 2 * i + 1 + k) & mask] += cc[k - 1] * p + cr[k - 1] * q;
+      if (no_wrap(i)) {
+        double* v = w + (off + 2 * i);
+        for (int32_t k = 1; k <= nc; ++k) v[k] += cc[k - 1] * p + cr[k - 1] * q;
+      } else {
+        for (int32_t k = 1; k <= nc; ++k) w[(base + 2 * i + 1 + k) & mask] += cc[k - 1] * p + cr[k - 1] * q;
+      }
     }
   }
   std::copy(w, w + n, a);
+}
+
+bool all_zero(const double* v, int64_t n) {
+  for (int64_t m = 0; m < n; ++m)
+    if (v[m] != 0.0) return false;
+  return true;
+}
+
+}  // namespace
+
+void PWT(double* a, int32_t n, bool forward) {
+  if (n < 4) return;
+  if (tl.wksp.size() < static_cast<std::size_t>(n)) tl.wksp.resize(static_cast<std::size_t>(n));
+  double* w = tl.wksp.data();
+  switch (flt.ncof) {
+    case 2: pwt_step<2>(a, n, forward, w); break;
+    case 4: pwt_step<4>(a, n, forward, w); break;
+    case 6: pwt_step<6>(a, n, forward, w); break;
+    case 8: pwt_step<8>(a, n, forward, w); break;
+    case 10: pwt_step<10>(a, n, forward, w); break;
+    case 12: pwt_step<12>(a, n, forward, w); break;
+    default: pwt_step<0>(a, n, forward, w); break;
+  }
 }
 
 void WTN(double* a, const int32_t nn[3], int32_t isign) {
@@ -185,27 +230,48 @@ void WTN(double* a, const int32_t nn[3], int32_t isign) {
   // All transforms of a run share the extents; a different shape (tests)
   // only makes the buffers anew.
   if (tl.first || tl.ntot != ntot || tl.wk.size() < longest) {
-    tl.wk.assign(longest, 0.0);
+    tl.wk.assign(longest * batch, 0.0);
     tl.wksp.assign(longest, 0.0);
     tl.ntot = ntot;
     tl.first = false;
   }
-  double* wk = tl.wk.data();
+  double* const wkb = tl.wk.data();
   int64_t nprev = 1;
   for (int d = 0; d < 3; ++d) {
     const int64_t n = nn[d];
     const int64_t nnew = n * nprev;
     if (n > 4) {
       for (int64_t i2 = 0; i2 < ntot; i2 += nnew) {
-        for (int64_t i1 = 0; i1 < nprev; ++i1) {
-          double* line = a + i1 + i2;
-          for (int64_t m = 0; m < n; ++m) wk[m] = line[m * nprev];
+        // Strided lines are gathered a batch of neighbours at a time, so each
+        // read of the cube takes a run of adjacent values.
+        if (nprev == 1) {
+          // Contiguous lines need no gathering. A line of zeros (padding,
+          // mostly) stays zeros and is passed over.
+          double* line = a + i2;
+          if (all_zero(line, n)) continue;
           if (isign >= 0) {
-            for (int64_t nt = n; nt >= 4; nt >>= 1) PWT(wk, static_cast<int32_t>(nt), true);
+            for (int64_t nt = n; nt >= 4; nt >>= 1) PWT(line, static_cast<int32_t>(nt), true);
           } else {
-            for (int64_t nt = 4; nt <= n; nt <<= 1) PWT(wk, static_cast<int32_t>(nt), false);
+            for (int64_t nt = 4; nt <= n; nt <<= 1) PWT(line, static_cast<int32_t>(nt), false);
           }
-          for (int64_t m = 0; m < n; ++m) line[m * nprev] = wk[m];
+          continue;
+        }
+        for (int64_t i1 = 0; i1 < nprev; i1 += batch) {
+          const int64_t nb = std::min<int64_t>(batch, nprev - i1);
+          double* base = a + i1 + i2;
+          for (int64_t m = 0; m < n; ++m)
+            for (int64_t b = 0; b < nb; ++b) wkb[b * n + m] = base[m * nprev + b];
+          for (int64_t b = 0; b < nb; ++b) {
+            double* wk = wkb + b * n;
+            if (all_zero(wk, n)) continue;
+            if (isign >= 0) {
+              for (int64_t nt = n; nt >= 4; nt >>= 1) PWT(wk, static_cast<int32_t>(nt), true);
+            } else {
+              for (int64_t nt = 4; nt <= n; nt <<= 1) PWT(wk, static_cast<int32_t>(nt), false);
+            }
+          }
+          for (int64_t m = 0; m < n; ++m)
+            for (int64_t b = 0; b < nb; ++b) base[m * nprev + b] = wkb[b * n + m];
         }
       }
     }

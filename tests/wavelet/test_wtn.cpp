@@ -196,3 +196,69 @@ TEST(Transform, ThreadsGiveTheSameCoefficientsAsOneThread) {
   for (int r = 0; r < rows; ++r) transform_cube(parallel[r].data(), 1);
   for (int r = 0; r < rows; ++r) EXPECT_EQ(parallel[r], serial[r]);
 }
+
+TEST(Transform, FilterStepMatchesThePlainPeriodicFormula) {
+  // The step written out with the wrap at every tap, as the reference.
+  for (const char* w : all_wavelets) {
+    wt::use_wavelet(w);
+    for (int32_t n : {4, 8, 16, 64}) {
+      const std::vector<double> line = random_values(n, 17 + n);
+      std::vector<double> lo_hi(n, 0.0), back(n, 0.0);
+      const int64_t base = static_cast<int64_t>(ncof) * n - ncof / 2;
+      for (int32_t i = 0; i < n / 2; ++i)
+        for (int32_t k = 1; k <= ncof; ++k) {
+          const int64_t j = (base + 2 * i + 1 + k) & (n - 1);
+          // High-pass tap k: cr(k) = -c(ncof + 1 - k) where ncof + 1 - k is odd.
+          const double crk = filter[ncof - k] * ((ncof - k + 1) % 2 ? -1.0 : 1.0);
+          lo_hi[i] += filter[k - 1] * line[j];
+          lo_hi[i + n / 2] += crk * line[j];
+        }
+      std::vector<double> a = line;
+      PWT(a.data(), n, true);
+      for (int32_t i = 0; i < n; ++i) EXPECT_NEAR(a[i], lo_hi[i], 1e-15) << w << " " << n << " " << i;
+      for (int32_t i = 0; i < n / 2; ++i)
+        for (int32_t k = 1; k <= ncof; ++k) {
+          const int64_t j = (base + 2 * i + 1 + k) & (n - 1);
+          const double crk = filter[ncof - k] * ((ncof - k + 1) % 2 ? -1.0 : 1.0);
+          back[j] += filter[k - 1] * a[i] + crk * a[i + n / 2];
+        }
+      PWT(a.data(), n, false);
+      for (int32_t i = 0; i < n; ++i) EXPECT_NEAR(a[i], back[i], 1e-15) << w << " " << n << " " << i;
+    }
+  }
+}
+
+TEST(Transform, BatchedLinesAndSkippedZeroLinesChangeNothing) {
+  // Reference: every line gathered on its own and filtered, zeros or not.
+  auto reference = [](std::vector<double> a, const int32_t nn[3], int isign) {
+    int64_t nprev = 1;
+    const int64_t ntot = static_cast<int64_t>(nn[0]) * nn[1] * nn[2];
+    for (int d = 0; d < 3; ++d) {
+      const int64_t n = nn[d], nnew = n * nprev;
+      if (n > 4)
+        for (int64_t i2 = 0; i2 < ntot; i2 += nnew)
+          for (int64_t i1 = 0; i1 < nprev; ++i1) {
+            std::vector<double> line(n);
+            for (int64_t m = 0; m < n; ++m) line[m] = a[i1 + i2 + m * nprev];
+            if (isign >= 0)
+              for (int64_t nt = n; nt >= 4; nt >>= 1) PWT(line.data(), static_cast<int32_t>(nt), true);
+            else
+              for (int64_t nt = 4; nt <= n; nt <<= 1) PWT(line.data(), static_cast<int32_t>(nt), false);
+            for (int64_t m = 0; m < n; ++m) a[i1 + i2 + m * nprev] = line[m];
+          }
+      nprev = nnew;
+    }
+    return a;
+  };
+  wt::use_wavelet("daub5");
+  const int32_t nn[3] = {16, 32, 8};
+  std::vector<double> a = random_values(16 * 32 * 8, 23);
+  // Zero columns, planes and single zero lines among the values.
+  for (size_t p = 0; p < a.size(); ++p)
+    if ((p / 16) % 3 == 0 || (p / (16 * 32)) == 5 || p % 16 == 7) a[p] = 0.0;
+  for (int isign : {1, -1}) {
+    std::vector<double> b = a;
+    WTN(b.data(), nn, isign);
+    EXPECT_EQ(b, reference(a, nn, isign)) << isign;
+  }
+}
