@@ -1,8 +1,6 @@
 // KERNEL2_MOD: the regular-grid row loop.
 #include "sens/kernel2_mod.hpp"
 
-#include <omp.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
@@ -48,6 +46,7 @@ enum class plan_status { ok, unusable, too_large };
 plan_status plan_shifts(int32_t ref_datum, double cell_dy, double cell_dx, shift_plan& p) {
   const int32_t nd = obs.ndata;
   if (ref_datum < 1 || ref_datum > nd) return plan_status::unusable;
+  if (mesh.ny < 1 || mesh.nx < 1 || mesh.nz < 0) return plan_status::unusable;
   if (!(cell_dy > 0.0) || !(cell_dx > 0.0) || !std::isfinite(cell_dy) ||
       !std::isfinite(cell_dx))
     return plan_status::unusable;
@@ -75,7 +74,7 @@ plan_status plan_shifts(int32_t ref_datum, double cell_dy, double cell_dx, shift
 
   const int64_t ny2 = mesh.ny + 2 * hy;
   const int64_t nx2 = mesh.nx + 2 * hx;
-  // Each factor is below 2^32, so the test needs no product that overflows.
+  // Each test keeps the next product below 2^62.
   if (ny2 >= cube_limit || nx2 >= cube_limit || ny2 * nx2 >= cube_limit)
     return plan_status::too_large;
   if (static_cast<int64_t>(mesh.nz) * ny2 * nx2 >= cube_limit) return plan_status::too_large;
