@@ -10,8 +10,12 @@
 // arctangent_cache: r_node, at_x, at_y, each ez * ex * ey values with the
 // node (k, i, j) (1-based: z, x, y) at (k-1) + ez*((i-1) + ex*(j-1)).
 // ez, ex, ey are the node counts the arrays were made for (0: none yet).
+// col_q, col_s (3 ez values each) and col_edge (ez) are the work space of the
+// prism formula for the cells of one column.
 struct arctangent_cache {
   std::vector<double> at_x, at_y, r_node;
+  std::vector<double> col_q, col_s;
+  std::vector<unsigned char> col_edge;
   int32_t ez = 0, ex = 0, ey = 0;
 };
 
@@ -29,9 +33,3 @@ void CALC_ARCTANGENTS(const double* yn, const double* xn, const double* zn, int3
 
 // DEALLOC_AT: frees the calling thread's cache, if it has one.
 void DEALLOC_AT();
-
-// at_vector_width: how many arctangents the fill evaluates at a time on this
-// machine (1, 2 or 4); at_force_width: use at most that many (benchmarks
-// compare them; 0 restores the best the machine offers).
-int at_vector_width();
-void at_force_width(int width);

@@ -11,6 +11,7 @@
 #include "run/text_io.hpp"
 #include "sens/calc_arctangents_mod.hpp"
 #include "sens/gsus_mod.hpp"
+#include "sens/vector_math.hpp"
 
 namespace {
 
@@ -34,12 +35,14 @@ cache_view view_of(const arctangent_cache& c) {
   return {c.r_node.data(), c.at_x.data(), c.at_y.data(), sx, sx * static_cast<std::size_t>(c.ex)};
 }
 
-// gsus_cell: GSUS on a given cache and given products.
-inline double gsus_cell(const cache_view& cv, const dir_products& d, int32_t sy, int32_t sx,
-                        int32_t sz, int32_t& edge_flag, double y1, double y2, double x1,
-                        double x2, double z1, double z2, double y1sq, double y2sq, double x1sq,
-                        double x2sq, double z1sq, double z2sq, int32_t j, int32_t i, int32_t k) {
-  edge_flag = 1;
+// gsus_prepare: GSUS up to its logarithms: the three quotients in q[0..2]
+// and the arctangent sums Sy, Sx, Sz in s[0..2]. Returns false (and leaves q
+// and s alone) where the formula has no value: an edge guard, or the point on
+// the cell's node (2, 2, 2).
+inline bool gsus_prepare(const cache_view& cv, int32_t sy, int32_t sx, int32_t sz, double y1,
+                         double y2, double x1, double x2, double z1, double z2, double y1sq,
+                         double y2sq, double x1sq, double x2sq, double z1sq, double z2sq,
+                         int32_t j, int32_t i, int32_t k, double* q, double* s) {
   const std::size_t b111 = static_cast<std::size_t>(k - 1) +
                            cv.sx * static_cast<std::size_t>(i - 1) +
                            cv.sy * static_cast<std::size_t>(j - 1);
@@ -53,48 +56,51 @@ inline double gsus_cell(const cache_view& cv, const dir_products& d, int32_t sy,
 
   // The point on the node (2, 2, 2) of this cell: every other cell around that
   // node is caught by the guard below, and this one has no value either.
-  if (R222 == 0.0) return 0.0;
+  if (R222 == 0.0) return false;
 
   // Each logarithm: one quotient of products, each factor a sum of two
-  // numbers of one sign, then one logarithm.
-  double Ly, Lx, Lz;
+  // numbers of one sign, then one logarithm (taken by the caller, several
+  // cells at a time).
+  double Qy, Qx, Qz;
   if (sy > 0) {
-    Ly = std::log(((R222 + y2) * (R121 + y1) * (R112 + y1) * (R211 + y2)) /
-                  ((R122 + y1) * (R221 + y2) * (R212 + y2) * (R111 + y1)));
+    Qy = ((R222 + y2) * (R121 + y1) * (R112 + y1) * (R211 + y2)) /
+          ((R122 + y1) * (R221 + y2) * (R212 + y2) * (R111 + y1));
   } else if (sy < 0) {
-    Ly = std::log(((R122 - y1) * (R221 - y2) * (R212 - y2) * (R111 - y1)) /
-                  ((R222 - y2) * (R121 - y1) * (R112 - y1) * (R211 - y2)));
+    Qy = ((R122 - y1) * (R221 - y2) * (R212 - y2) * (R111 - y1)) /
+          ((R222 - y2) * (R121 - y1) * (R112 - y1) * (R211 - y2));
   } else {
     const double q1 = x2sq + z2sq, q2 = x2sq + z1sq, q3 = x1sq + z2sq, q4 = x1sq + z1sq;
-    if (!(q1 > edge_sq) || !(q2 > edge_sq) || !(q3 > edge_sq) || !(q4 > edge_sq)) return 0.0;
-    Ly = std::log(((R222 + y2) * (R122 - y1) * q2 * q3 * (R111 - y1) * (R211 + y2)) /
-                  (q1 * (R121 - y1) * (R221 + y2) * (R112 - y1) * (R212 + y2) * q4));
+    if (!(q1 > edge_sq) || !(q2 > edge_sq) || !(q3 > edge_sq) || !(q4 > edge_sq)) return false;
+    Qy = ((R222 + y2) * (R122 - y1) * q2 * q3 * (R111 - y1) * (R211 + y2)) /
+          (q1 * (R121 - y1) * (R221 + y2) * (R112 - y1) * (R212 + y2) * q4);
   }
   if (sx > 0) {
-    Lx = std::log(((R222 + x2) * (R211 + x1) * (R112 + x1) * (R121 + x2)) /
-                  ((R212 + x1) * (R221 + x2) * (R122 + x2) * (R111 + x1)));
+    Qx = ((R222 + x2) * (R211 + x1) * (R112 + x1) * (R121 + x2)) /
+          ((R212 + x1) * (R221 + x2) * (R122 + x2) * (R111 + x1));
   } else if (sx < 0) {
-    Lx = std::log(((R212 - x1) * (R221 - x2) * (R122 - x2) * (R111 - x1)) /
-                  ((R222 - x2) * (R211 - x1) * (R112 - x1) * (R121 - x2)));
+    Qx = ((R212 - x1) * (R221 - x2) * (R122 - x2) * (R111 - x1)) /
+          ((R222 - x2) * (R211 - x1) * (R112 - x1) * (R121 - x2));
   } else {
     const double q1 = y2sq + z2sq, q2 = y2sq + z1sq, q3 = y1sq + z2sq, q4 = y1sq + z1sq;
-    if (!(q1 > edge_sq) || !(q2 > edge_sq) || !(q3 > edge_sq) || !(q4 > edge_sq)) return 0.0;
-    Lx = std::log(((R222 + x2) * (R212 - x1) * q2 * q3 * (R121 + x2) * (R111 - x1)) /
-                  (q1 * (R221 + x2) * (R211 - x1) * (R122 + x2) * (R112 - x1) * q4));
+    if (!(q1 > edge_sq) || !(q2 > edge_sq) || !(q3 > edge_sq) || !(q4 > edge_sq)) return false;
+    Qx = ((R222 + x2) * (R212 - x1) * q2 * q3 * (R121 + x2) * (R111 - x1)) /
+          (q1 * (R221 + x2) * (R211 - x1) * (R122 + x2) * (R112 - x1) * q4);
   }
   if (sz > 0) {
-    Lz = std::log(((R222 + z2) * (R211 + z1) * (R121 + z1) * (R112 + z2)) /
-                  ((R221 + z1) * (R212 + z2) * (R122 + z2) * (R111 + z1)));
+    Qz = ((R222 + z2) * (R211 + z1) * (R121 + z1) * (R112 + z2)) /
+          ((R221 + z1) * (R212 + z2) * (R122 + z2) * (R111 + z1));
   } else if (sz < 0) {
-    Lz = std::log(((R221 - z1) * (R212 - z2) * (R122 - z2) * (R111 - z1)) /
-                  ((R222 - z2) * (R211 - z1) * (R121 - z1) * (R112 - z2)));
+    Qz = ((R221 - z1) * (R212 - z2) * (R122 - z2) * (R111 - z1)) /
+          ((R222 - z2) * (R211 - z1) * (R121 - z1) * (R112 - z2));
   } else {
     const double q1 = x2sq + y2sq, q2 = y2sq + x1sq, q3 = x2sq + y1sq, q4 = x1sq + y1sq;
-    if (!(q1 > edge_sq) || !(q2 > edge_sq) || !(q3 > edge_sq) || !(q4 > edge_sq)) return 0.0;
-    Lz = std::log(((R222 + z2) * (R221 - z1) * q2 * q3 * (R112 + z2) * (R111 - z1)) /
-                  (q1 * (R212 + z2) * (R211 - z1) * (R122 + z2) * (R121 - z1) * q4));
+    if (!(q1 > edge_sq) || !(q2 > edge_sq) || !(q3 > edge_sq) || !(q4 > edge_sq)) return false;
+    Qz = ((R222 + z2) * (R221 - z1) * q2 * q3 * (R112 + z2) * (R111 - z1)) /
+          (q1 * (R212 + z2) * (R211 - z1) * (R122 + z2) * (R121 - z1) * q4);
   }
-  edge_flag = 0;
+  q[0] = Qy;
+  q[1] = Qx;
+  q[2] = Qz;
 
   // Arctangent sums over the two planes of the y and the x axis.
   const double* ay = cv.ay;
@@ -116,8 +122,16 @@ inline double gsus_cell(const cache_view& cv, const dir_products& d, int32_t sy,
   const double Sx = Q1 + Q2;
   // The three diagonal terms add up to -4 pi at a point within the source.
   const double Sz = inside ? -(four_pi + Sy + Sx) : -(Sy + Sx);
+  s[0] = Sy;
+  s[1] = Sx;
+  s[2] = Sz;
+  return true;
+}
 
-  return d.gxz * Ly + d.gyz * Lx + d.gxy * Lz + d.gyy * Sy + d.gxx * Sx + d.gzz * Sz;
+// gsus_finish: the value from the logarithms L and the sums s: each log term
+// paired with the product of the two other axes, each sum with its own.
+inline double gsus_finish(const dir_products& d, const double* L, const double* s) {
+  return d.gxz * L[0] + d.gyz * L[1] + d.gxy * L[2] + d.gyy * s[0] + d.gxx * s[1] + d.gzz * s[2];
 }
 
 void edge_message(int32_t idat, int32_t i, int32_t j, int32_t k) {
@@ -143,26 +157,38 @@ int32_t axis_flag(double a, double b) {
 // (j, i, k), whose corners are in the calling thread's cache. Returns: the
 // integral of the dipole kernel over the cell for the thread's directions.
 // Fails: edge_flag 1 and 0.0 when the formula has no value there.
-// Calls: log, at_cache, g_dir.
+// Calls: gsus_prepare, log_array, gsus_finish, at_cache, g_dir.
 double GSUS(int32_t sy, int32_t sx, int32_t sz, int32_t& edge_flag, double y1, double y2,
             double x1, double x2, double z1, double z2, double y1sq, double y2sq, double x1sq,
             double x2sq, double z1sq, double z2sq, int32_t j, int32_t i, int32_t k) {
-  return gsus_cell(view_of(at_cache()), g_dir(), sy, sx, sz, edge_flag, y1, y2, x1, x2, z1, z2,
-                   y1sq, y2sq, x1sq, x2sq, z1sq, z2sq, j, i, k);
+  double q[3], s[3];
+  if (!gsus_prepare(view_of(at_cache()), sy, sx, sz, y1, y2, x1, x2, z1, z2, y1sq, y2sq, x1sq,
+                    x2sq, z1sq, z2sq, j, i, k, q, s)) {
+    edge_flag = 1;
+    return 0.0;
+  }
+  edge_flag = 0;
+  log_array(q, 3);
+  return gsus_finish(g_dir(), q, s);
 }
 
 // sens_row
 // Given: a mesh, column tops, the datum number and its point. Returns:
 // nothing; g[0..glen-1] holds the row. Fails: a cell without a value gets 0
 // and a log message; a walk that doesn't fill g exactly stops the run with
-// "indx /= size(g)". Calls: CALC_ARCTANGENTS, gsus_cell, report_log, stop_text.
+// "indx /= size(g)". Calls: CALC_ARCTANGENTS, gsus_prepare, log_array,
+// gsus_finish, report_log, stop_text.
 void sens_row(const double* yn, const double* xn, const double* zn, int32_t ny, int32_t nx,
               int32_t nz, const int32_t* top, int32_t idat, double oy, double ox, double oz,
               double* g, std::size_t glen) {
   const double scale = obs.geomag / four_pi;
   CALC_ARCTANGENTS(yn, xn, zn, ny, nx, nz, top, oy, ox, oz);
-  const cache_view cv = view_of(at_cache());
+  arctangent_cache& c = at_cache();
+  const cache_view cv = view_of(c);
   const dir_products d = g_dir();
+  double* q = c.col_q.data();
+  double* s = c.col_s.data();
+  unsigned char* no_value = c.col_edge.data();
 
   std::size_t indx = 0;
   for (int32_t j = 1; j <= ny; ++j) {
@@ -175,18 +201,27 @@ void sens_row(const double* yn, const double* xn, const double* zn, int32_t ny, 
       const int32_t sx = axis_flag(x1, x2);
       const int32_t kt = std::clamp(
           top[static_cast<std::size_t>(j - 1) + static_cast<std::size_t>(i - 1) * ny], 0, nz);
-      for (int32_t k = kt + 1; k <= nz; ++k) {
+      const std::size_t m = static_cast<std::size_t>(nz - kt);
+      if (m > glen - indx) stop_text("indx /= size(g)");
+
+      // The column's cells in two passes, so that their logarithms are taken
+      // together: the quotients and sums first, then the logarithms and values.
+      for (std::size_t t = 0; t < m; ++t) {
+        const int32_t k = kt + 1 + static_cast<int32_t>(t);
         const double z1 = zn[k - 1] - oz, z2 = zn[k] - oz;
         const int32_t sz = axis_flag(z1, z2);
-        if (indx >= glen) stop_text("indx /= size(g)");
-        int32_t edge_flag = 0;
-        double v = gsus_cell(cv, d, sy, sx, sz, edge_flag, y1, y2, x1, x2, z1, z2, y1sq, y2sq,
-                             x1sq, x2sq, z1 * z1, z2 * z2, j, i, k) *
-                   scale;
+        const bool ok = gsus_prepare(cv, sy, sx, sz, y1, y2, x1, x2, z1, z2, y1sq, y2sq, x1sq,
+                                     x2sq, z1 * z1, z2 * z2, j, i, k, q + 3 * t, s + 3 * t);
+        no_value[t] = ok ? 0 : 1;
+        if (!ok) q[3 * t] = q[3 * t + 1] = q[3 * t + 2] = 1.0;
+      }
+      log_array(q, 3 * m);
+      for (std::size_t t = 0; t < m; ++t) {
+        double v = no_value[t] ? 0.0 : gsus_finish(d, q + 3 * t, s + 3 * t) * scale;
         // A value that isn't a number (a degenerate cell) is treated like a
         // point on an edge: no NaN or Inf ever reaches a row.
-        if (edge_flag > 0 || !std::isfinite(v)) {
-          edge_message(idat, i, j, k);
+        if (no_value[t] || !std::isfinite(v)) {
+          edge_message(idat, i, j, kt + 1 + static_cast<int32_t>(t));
           v = 0.0;
         }
         g[indx++] = v;
