@@ -33,6 +33,9 @@ int64_t kept_count(const double* cube, int64_t count, double t) {
   return kept;
 }
 
+// ALLOC_WORK
+// Given: ncube. Returns: the calling thread's cube of ncube values.
+// Fails: no memory: the allocation stop "alloc_work". Calls: alloc_failed.
 void ALLOC_WORK() {
   try {
     work.assign(static_cast<std::size_t>(ncube), 0.0);
@@ -41,11 +44,23 @@ void ALLOC_WORK() {
   }
 }
 
+// DEALLOC_WORK
+// Given: nothing. Returns: the calling thread's cube given back.
+// Fails: never. Calls: nothing.
 void DEALLOC_WORK() {
   // Giving memory back can't fail here; the vector is simply emptied.
   std::vector<double>().swap(work);
 }
 
+// COMPRESS_ROW
+// Given: row[0..n-1], already divided by wtz; the record of its datum; the
+//   thread's nnz accumulator; kind, the datum's obs_type.
+// Returns: rec holds, in ascending 1-based cube positions, every wavelet
+//   coefficient whose magnitude reaches the relative threshold of its kind
+//   (wctol_borehole for kind < 0, else wctol_surface) times the row's largest,
+//   rounded to 32 bits; its count is added to nnz. The row is not changed.
+// Fails: no memory for the record: message and stop; the two passes
+//   disagreeing: "i /= nnz". Calls: row_to_cube, transform_cube.
 void COMPRESS_ROW(const double* row, int32_t n, compressed_row& rec, int64_t& nnz, int32_t kind) {
   std::vector<float>().swap(rec.val);
   std::vector<int32_t>().swap(rec.idx);
@@ -80,6 +95,11 @@ void COMPRESS_ROW(const double* row, int32_t n, compressed_row& rec, int64_t& nn
   nnz += count;
 }
 
+// transform_test_model
+// Given: a and b of one row's length (the test model and wtz).
+// Returns: test_model_w = forward transform of the cube of a * b.
+// Fails: no memory: the allocation stop "transform_test_model".
+// Calls: row_to_cube, transform_cube.
 void transform_test_model(const std::vector<double>& a, const std::vector<double>& b) {
   const std::size_t len = std::min(a.size(), b.size());
   try {
@@ -93,6 +113,10 @@ void transform_test_model(const std::vector<double>& a, const std::vector<double
   transform_cube(test_model_w.data(), +1);
 }
 
+// dot_compressed
+// Given: a record filled by COMPRESS_ROW; test_model_w set.
+// Returns: the sum of val(k) * test_model_w(idx(k)); 0 for an empty record.
+// Fails: a position outside the test model stops with a text. Calls: nothing.
 double dot_compressed(const compressed_row& rec) {
   const std::size_t m = std::min(rec.val.size(), rec.idx.size());
   const std::size_t size = test_model_w.size();
@@ -107,6 +131,13 @@ double dot_compressed(const compressed_row& rec) {
   return s;
 }
 
+// report_compression
+// Given: the row length, ndata, the total kept count, and data_full and
+//   data_comp (ndata each, or both nullptr).
+// Returns: the report in the log; with diag_flag the two data files.
+//   A datum whose exact response is 0 is left out of the mean error and
+//   counted on a line of its own; with nothing kept the ratio says so.
+// Fails: never. Calls: fmt_right, fmt_int, fmt_sci, write_data_file.
 void report_compression(int32_t n, int32_t ndata, int64_t nnz, const double* data_full,
                         const double* data_comp) {
   say_log("");

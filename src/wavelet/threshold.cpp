@@ -183,6 +183,17 @@ void estimate_thresholds(int32_t n, const std::vector<double>& wtz,
   }
 }
 
+// setup_compression
+// Given: the row length, wtz, the column tops, the kinds of the data, the
+//   wavelet name and the tolerance field.
+// Returns: the main thread's direction products set; compressed, filters,
+//   padded extents and thresholds set and g_compressed made (ndata empty
+//   records), or g_full made (n x ndata zeros) when no wavelet is used.
+// Fails: the stops of check_wavelet, set_padded_extents and
+//   estimate_thresholds; no memory for g_compressed: "setup_compression";
+//   for g_full: its own message and a stop.
+// Calls: SET_G_VALUES, check_wavelet, set_padded_extents, set_filters,
+//   estimate_thresholds.
 void setup_compression(int32_t n, const std::vector<double>& wtz,
                        const std::vector<int32_t>& top_index,
                        const std::vector<int32_t>& obs_type, const std::string& wavelet,

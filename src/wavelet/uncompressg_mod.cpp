@@ -12,6 +12,7 @@
 #include "sens/kernel_mod.hpp"
 #include "wavelet/wtn_mod.hpp"
 
+// UNCOMPRESSG: see wavelet/uncompressg_mod.hpp.
 void UNCOMPRESSG(int32_t n, const std::vector<double>& wtz, std::vector<double>& sens_avg) {
   say_screen(" Uncompressing ...");
   say_screen(" % done:");
