@@ -19,8 +19,15 @@ void find_triangle(int32_t nst, double px, double py, std::span<const double> tx
 
   int32_t n0 = std::max(nst, 1);
   int32_t nf = 0, nl = 0, n1 = 0, n2 = 0, n3 = 0, n4 = 0, indx = 0, next = 0;
+  // A walk through a sound triangulation visits each triangle and hull node
+  // at most once. Coordinates whose arithmetic overflows can make the tests
+  // contradict each other; a walk longer than the lists themselves then ends
+  // with the no-location result instead of running forever.
+  int64_t budget = 4 * static_cast<int64_t>(adj.size()) + 64;
+  auto worn_out = [&] { return --budget < 0; };
 
 step1:
+  if (worn_out()) goto lost;
   // A cone at n0 that holds p.
   indx = E(n0);
   nl = A(indx);
@@ -43,6 +50,7 @@ step1:
     n1 = nf;
     indx = first_of(n0);
     while (!lft(n0, n1)) {
+      if (worn_out()) goto lost;
       ++indx;
       n1 = A(indx);
       if (n1 == nl) {
@@ -53,6 +61,7 @@ step1:
   }
   // Turn counterclockwise until p lies right of a ray.
   while (n1 != nl) {
+    if (worn_out()) goto lost;
     n2 = A(indx + 1);
     if (!lft(n0, n2)) goto step5;
     ++indx;
@@ -75,6 +84,7 @@ step1:
     }
   }
   // Every node and p on one line.
+lost:
   i1 = 0;
   i2 = 0;
   i3 = 0;
@@ -85,6 +95,7 @@ step5:
   // from n0 until p is left of n1 -> n2.
   n3 = n0;
   while (!lft(n1, n2)) {
+    if (worn_out()) goto lost;
     const int32_t q = list_index(n2, n1, adj, adj_end);
     n4 = q == E(n2) ? A(first_of(n2)) : A(q + 1);
     if (n4 == 0) {
@@ -125,6 +136,7 @@ step7:
   // nf, nl adjacent visible hull nodes: walk counterclockwise to the
   // rightmost visible node.
   for (;;) {
+    if (worn_out()) goto lost;
     next = A(first_of(nf));
     if (lft(nf, next)) break;
     nf = next;
@@ -134,6 +146,7 @@ step7:
 step8:
   // And clockwise to the leftmost.
   for (;;) {
+    if (worn_out()) goto lost;
     next = A(E(nl) - 1);
     if (lft(next, nl)) break;
     nl = next;
@@ -186,8 +199,15 @@ void eval_surface(int32_t n, double px, double py, std::span<const double> tx,
   // nearest to p.
   auto A = [&](int32_t p) { return adj[static_cast<std::size_t>(p - 1)]; };
   auto E = [&](int32_t k) { return adj_end[static_cast<std::size_t>(k - 1)]; };
+  // A sound hull ends the walk within the visible chain; contradicting tests
+  // (arithmetic overflow) end it after one round of the hull.
   int32_t n1 = i1;
-  for (;;) {
+  for (int32_t steps = 0;; ++steps) {
+    if (steps > n) {
+      pz = 0.0;
+      status = -2;
+      return;
+    }
     const int32_t n2 = A(E(n1) - 1);
     const double x1 = X(n1), y1 = Y(n1), x2 = X(n2), y2 = Y(n2);
     const double dp = (px - x1) * (x2 - x1) + (py - y1) * (y2 - y1);

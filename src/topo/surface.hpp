@@ -9,32 +9,41 @@
 #include <cstdint>
 #include <span>
 
-// left: given the points a, b and p. Returns true when p lies on or to the
-// left of the directed line from a to b, by the exact comparison
-// (bx - ax)(py - ay) >= (px - ax)(by - ay); ties count as left. Cannot fail.
+// left
+//   Given:   the points a, b and p.
+//   Returns: true when p lies on or to the left of the directed line from a
+//            to b, by the exact comparison (bx - ax)(py - ay) >= (px - ax)(by - ay);
+//            ties count as left.
+//   Fails:   never.
+//   Calls:   nothing.
 inline bool left(double ax, double ay, double bx, double by, double px, double py) {
   return (bx - ax) * (py - ay) >= (px - ax) * (by - ay);
 }
 
-// find_triangle: given the start node nst (below 1 counts as 1), the point
-// (px, py) and a triangulation. Returns i1, i2, i3:
-//  - p inside: the vertices of a triangle holding it, counterclockwise;
-//  - p outside the hull or on a hull arc: i1 the rightmost and i2 the
-//    leftmost hull node visible from p, i3 = 0;
-//  - all nodes and p on one line: i1 = i2 = i3 = 0.
-// Cannot fail otherwise; allocates nothing. Calls left, list_index.
+// find_triangle
+//   Given:   the start node nst (below 1 counts as 1), the point (px, py), a
+//            triangulation.
+//   Returns: i1, i2, i3: p inside, the vertices of a triangle holding it,
+//            counterclockwise; p outside the hull or on a hull arc, i1 the
+//            rightmost and i2 the leftmost hull node visible from p, i3 = 0; all
+//            nodes and p on one line, i1 = i2 = i3 = 0. Allocates nothing.
+//   Fails:   only by the collinear result.
+//   Calls:   left, list_index.
 void find_triangle(int32_t nst, double px, double py, std::span<const double> tx,
                    std::span<const double> ty, std::span<const int32_t> adj,
                    std::span<const int32_t> adj_end, int32_t& i1, int32_t& i2, int32_t& i3);
 
-// eval_surface: given n nodes with values tz, their triangulation, the point
-// (px, py) and the search start ist (in and out). Returns pz and status:
-//   0  p inside the hull: linear interpolation in its triangle;
-//   1  p outside or on a hull arc: the value at the nearest hull point;
-//  -1  n < 3 or ist outside 1..n: pz = 0.0, ist unchanged;
-//  -2  collinear nodes or a triangle of zero area: pz = 0.0.
-// On success ist becomes the first node found, to start the next search
-// nearby. Never stops the run. Calls find_triangle.
+// eval_surface
+//   Given:   n nodes with values tz, their triangulation, the point (px, py),
+//            the search start ist (in and out).
+//   Returns: pz and status: 0 p inside the hull, linear in its triangle; 1 p
+//            outside or on a hull arc, the value at the nearest hull point. On
+//            success ist becomes a node of the triangle or arc found, so that
+//            the next search starts nearby.
+//   Fails:   by status alone, never stops the run: -1 for n < 3 or ist outside
+//            1..n (pz = 0.0, ist unchanged); -2 for collinear nodes or a
+//            triangle of zero area (pz = 0.0).
+//   Calls:   find_triangle.
 void eval_surface(int32_t n, double px, double py, std::span<const double> tx,
                   std::span<const double> ty, std::span<const double> tz,
                   std::span<const int32_t> adj, std::span<const int32_t> adj_end, int32_t& ist,

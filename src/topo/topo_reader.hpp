@@ -9,13 +9,20 @@
 
 #include <string>
 
-// read_topo_file: given the file name and the mesh of the global record.
-// Returns the global top_index filled through column_tops. Fails by a report
-// and a stop when the file can't be opened, has no count line or no integer
-// on it, ends or holds a bad value inside its points, lies outside the mesh,
-// holds coincident points (each pair listed first) or has all its nodes on
-// one line; warns and goes on when it covers less than 0.3 of the mesh plan.
-// Calls text_open, read_line, ff_read_text, ff_read, order_nodes,
-// triangulate, eval_surface, column_tops, report, stop_plain,
-// file_not_found.
+// read_topo_file
+//   Given:   the file name (trailing blanks are cut); the global mesh.
+//   Returns: the global top_index filled through column_tops. Warns ("Warning:
+//            Topography region is not large enough.") and goes on when the
+//            points cover less than 0.3 of the mesh plan.
+//   Fails:   a file that can't be opened -> file-not-found report "topography";
+//            no count line, or no integer on it -> "ERROR reading topography
+//            file <name>: ..." with the reason; a point cut short or a bad
+//            value -> "ERROR reading topography file <name>"; points outside
+//            the mesh -> "Error: Topography is outside the mesh."; coincident
+//            points -> each listed, then "Error: <count> duplicate points found
+//            in topography file."; all nodes on one line -> "Error: Points in
+//            the topography file are collinear.". Each ends in a plain stop.
+//   Calls:   text_open, read_line, ff_read_text, ff_read, order_nodes,
+//            triangulate, eval_surface, column_tops, report, stop_plain,
+//            file_not_found.
 void read_topo_file(const std::string& file_name);

@@ -338,7 +338,11 @@ void add_node(int32_t k, std::span<const double> tx, std::span<const double> ty,
   // The nodes come sorted, so the node added last is close by.
   find_triangle(k - 1, tx[static_cast<std::size_t>(k - 1)], ty[static_cast<std::size_t>(k - 1)],
                 tx, ty, adj, adj_end, i1, i2, i3);
-  if (i1 == 0) {
+  // Sound arithmetic gives three distinct vertices, or two distinct hull
+  // nodes; anything else (overflowing coordinates) leaves the node out.
+  const bool located = i3 == 0 ? (i1 != 0 && i2 != 0 && i1 != i2)
+                               : (i1 != 0 && i1 != i2 && i2 != i3 && i1 != i3);
+  if (!located) {
     status = 1;
     return;
   }
@@ -363,7 +367,7 @@ void add_node(int32_t k, std::span<const double> tx, std::span<const double> ty,
     } else {
       in1 = L.a(L.e(io2));
     }
-    if (in1 != 0 && swap_test(in1, k, io1, io2, tx, ty)) {
+    if (in1 != 0 && in1 != k && swap_test(in1, k, io1, io2, tx, ty)) {
       swap_diagonal(in1, k, io1, io2, adj, adj_end);
       // k's list grew at its front end, its last position stays.
       io1 = in1;
@@ -472,8 +476,15 @@ void triangulate(int32_t n, std::span<const double> tx, std::span<const double> 
   }
   L.e(k) = sum + k;
 
+  // With a triangle in place a node can't fail to go in, but for
+  // coordinates whose arithmetic overflows: the nodes then can't be told
+  // from a line.
   for (int32_t kk = k + 1; kk <= n; ++kk) {
     int32_t st = 0;
     add_node(kk, tx, ty, adj, adj_end, st);
+    if (st != 0) {
+      status = 2;
+      return;
+    }
   }
 }

@@ -24,74 +24,105 @@
 #include <cstdint>
 #include <span>
 
-// order_nodes: given n, the number of arrays to permute nar (1: x alone,
-// 2: x and y, 3: x, y and z), the key array x and the further arrays y, z,
-// and an integer workspace ind of n entries. Returns x sorted ascending and y,
-// z permuted alike; ind holds the permutation (ind(i) is the old place of the
-// value now at i). Does nothing to the arrays for nar < 1 or n < 2. Cannot
-// fail. Calls sort_index.
+// order_nodes
+//   Given:   n, the number of arrays to permute nar (1: x alone, 2: x and y,
+//            3: x, y and z), the key array x, the further arrays y, z, and an
+//            integer workspace ind of n entries.
+//   Returns: x sorted ascending, y and z permuted alike; ind holds the
+//            permutation (ind(i): the old place of the value now at i). For
+//            nar < 1 or n < 2 the arrays stay as they are.
+//   Fails:   never.
+//   Calls:   sort_index.
 void order_nodes(int32_t n, int32_t nar, std::span<double> x, std::span<double> y,
                  std::span<double> z, std::span<int32_t> ind);
 
-// sort_index: given n, keys x and an integer array ind of n entries. Returns
-// in ind a permutation of 1..n such that x(ind(1)) <= x(ind(2)) <= ...; the
-// keys are untouched. Cannot fail. Calls nothing.
+// sort_index
+//   Given:   n, the keys x, an integer array ind of n entries.
+//   Returns: ind, a permutation of 1..n with x(ind(1)) <= x(ind(2)) <= ...;
+//            the keys are untouched.
+//   Fails:   never.
+//   Calls:   nothing.
 void sort_index(int32_t n, std::span<const double> x, std::span<int32_t> ind);
 
-// triangulate: given n nodes tx, ty (sorted on tx for speed), adj of 6n - 9
-// entries and adj_end of n. Returns adj, adj_end filled and status 0; status
-// 1 for n < 3 (arrays untouched); status 2 when all nodes are collinear
-// (adj_end then holds the nodes in their order along the line, adj is
-// untouched). Calls add_node.
+// triangulate
+//   Given:   n nodes tx, ty (sorted on tx, for short walks), adj of 6n - 9
+//            entries, adj_end of n.
+//   Returns: adj, adj_end filled and status 0; status 1 for n < 3 (arrays
+//            untouched); status 2 when all nodes are collinear (adj_end then
+//            holds the nodes in their order along the line, adj is untouched).
+//   Fails:   by status alone; status 2 also when a node can't be located
+//            because the arithmetic of the coordinates overflows (the arrays
+//            are then partly built and of no use).
+//   Calls:   add_node.
 void triangulate(int32_t n, std::span<const double> tx, std::span<const double> ty,
                  std::span<int32_t> adj, std::span<int32_t> adj_end, int32_t& status);
 
-// add_node: given node k and the triangulation of nodes 1..k-1. Returns the
-// triangulation of nodes 1..k with the Delaunay property restored around k,
-// and status 0; status 1 (nothing changed) when nodes 1..k-1 and k are all
-// on one line. Calls find_triangle, insert_boundary, insert_interior,
-// list_index, swap_test, swap_diagonal.
+// add_node
+//   Given:   node k and the triangulation of nodes 1..k-1.
+//   Returns: the triangulation of nodes 1..k, Delaunay again around k, and
+//            status 0.
+//   Fails:   status 1, nothing changed, when nodes 1..k are all on one line.
+//   Calls:   find_triangle, insert_boundary, insert_interior, list_index,
+//            swap_test, swap_diagonal.
 void add_node(int32_t k, std::span<const double> tx, std::span<const double> ty,
               std::span<int32_t> adj, std::span<int32_t> adj_end, int32_t& status);
 
-// insert_interior: given node k inside the counterclockwise triangle
-// (i1, i2, i3) of the triangulation of nodes 1..k-1. Returns k joined to the
-// three vertices: k's list i1, i2, i3 at the end of adj. Cannot fail. Calls
-// list_index, shift_block.
+// insert_interior
+//   Given:   node k inside the counterclockwise triangle (i1, i2, i3) of the
+//            triangulation of nodes 1..k-1.
+//   Returns: k joined to the three vertices; k's list i1, i2, i3 at the end
+//            of adj.
+//   Fails:   never.
+//   Calls:   list_index, shift_block.
 void insert_interior(int32_t k, int32_t i1, int32_t i2, int32_t i3, std::span<int32_t> adj,
                      std::span<int32_t> adj_end);
 
-// insert_boundary: given node k outside the hull of nodes 1..k-1, i1 the
-// rightmost and i2 the leftmost hull node visible from k. Returns k joined to
-// i1, i2 and every hull node between them; those become interior. Cannot
-// fail. Calls shift_block.
+// insert_boundary
+//   Given:   node k outside the hull of nodes 1..k-1, i1 the rightmost and i2
+//            the leftmost hull node visible from k.
+//   Returns: k joined to i1, i2 and every hull node between them, which
+//            become interior.
+//   Fails:   never.
+//   Calls:   shift_block.
 void insert_boundary(int32_t k, int32_t i1, int32_t i2, std::span<int32_t> adj,
                      std::span<int32_t> adj_end);
 
-// swap_test: given the nodes in1, k, out1, out2, with (in1, out1, out2) and
-// (k, out2, out1) counterclockwise triangles on either side of the arc
-// out1-out2. Returns true when the two angles opposite that arc sum to more
-// than 180 degrees, so that the arc in1-k is to replace it; four nodes on one
-// circle keep the arc. Cannot fail. Calls nothing.
+// swap_test
+//   Given:   the nodes in1, k, out1, out2, with (in1, out1, out2) and
+//            (k, out2, out1) counterclockwise triangles on either side of the
+//            arc out1-out2.
+//   Returns: true when the two angles opposite that arc sum to more than 180
+//            degrees, so that the arc in1-k is to replace it; four nodes on one
+//            circle keep the arc.
+//   Fails:   never.
+//   Calls:   nothing.
 bool swap_test(int32_t in1, int32_t k, int32_t out1, int32_t out2, std::span<const double> tx,
                std::span<const double> ty);
 
-// swap_diagonal: given the arc out1-out2 of the quadrilateral in1, out1, in2,
-// out2, with (in1, out1, out2) counterclockwise. Returns the arc replaced by
-// in1-in2, adj keeping its length and moving only the stretches between the
-// removals and the insertions. Cannot fail. Calls list_index, shift_block.
+// swap_diagonal
+//   Given:   the arc out1-out2 of the quadrilateral in1, out1, in2, out2, with
+//            (in1, out1, out2) counterclockwise.
+//   Returns: the arc replaced by in1-in2; adj keeps its length, and only the
+//            stretches between the removals and the insertions move.
+//   Fails:   never.
+//   Calls:   list_index, shift_block.
 void swap_diagonal(int32_t in1, int32_t in2, int32_t out1, int32_t out2, std::span<int32_t> adj,
                    std::span<int32_t> adj_end);
 
-// list_index: given node v and its neighbour b. Returns the position of b in
-// v's list, searched backward from adj_end(v). A b missing from the list means
-// the lists are broken: that stops the run with a text (internal check).
-// Calls stop_text on that failure.
+// list_index
+//   Given:   node v and its neighbour b.
+//   Returns: the position of b in v's list, searched backward from adj_end(v).
+//   Fails:   a b missing from the list means broken lists: an internal check
+//            stops the run with a text.
+//   Calls:   stop_text on that failure.
 int32_t list_index(int32_t v, int32_t b, std::span<const int32_t> adj,
                    std::span<const int32_t> adj_end);
 
-// shift_block: given positions first..last of array a and a distance k.
-// Returns those entries moved by k places (k > 0 toward higher positions),
-// copied in the direction that never overwrites its own source. Nothing
-// happens for k = 0 or first > last. Cannot fail. Calls nothing.
+// shift_block
+//   Given:   positions first..last of array a and a distance k.
+//   Returns: those entries moved by k places (k > 0 toward higher positions),
+//            copied in the direction that never overwrites its own source;
+//            nothing for k = 0 or first > last.
+//   Fails:   never.
+//   Calls:   nothing.
 void shift_block(int32_t first, int32_t last, int32_t k, std::span<int32_t> a);

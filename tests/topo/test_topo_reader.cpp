@@ -368,3 +368,19 @@ TEST(TopoReader, BundledExample) {
   // layers above 60.
   EXPECT_LE(*hi, layers_above(60.0));
 }
+
+TEST(TopoReader, CoordinatesWhoseArithmeticOverflows) {
+  // Finite values so large that products of coordinate differences overflow
+  // leave the tests of the triangulation without meaning. The run must end
+  // in an orderly way: a stop with a message, or tops within the mesh.
+  example_mesh();
+  for (const char* huge : {"6e254", "-6e254", "1.7e308", "1e160"}) {
+    const std::string big(huge);
+    const auto r = read_text("5\n1 1 5\n590 2 40\n9 430 45\n" + big + " " + big + " 1\n300 300 50\n");
+    if (r.stopped) {
+      EXPECT_EQ(r.screen, "\nError: Points in the topography file are collinear.\n") << huge;
+    } else {
+      for (int32_t t : top_index) ASSERT_TRUE(t >= 0 && t <= mesh.nz) << huge;
+    }
+  }
+}
