@@ -229,7 +229,7 @@ void WTN(double* a, const int32_t nn[3], int32_t isign) {
   const std::size_t longest = static_cast<std::size_t>(std::max({nn[0], nn[1], nn[2], 4}));
   // All transforms of a run share the extents; a different shape (tests)
   // only makes the buffers anew.
-  if (tl.first || tl.ntot != ntot || tl.wk.size() < longest) {
+  if (tl.first || tl.ntot != ntot || tl.wk.size() < longest * batch) {
     tl.wk.assign(longest * batch, 0.0);
     tl.wksp.assign(longest, 0.0);
     tl.ntot = ntot;

@@ -262,3 +262,14 @@ TEST(Transform, BatchedLinesAndSkippedZeroLinesChangeNothing) {
     EXPECT_EQ(b, reference(a, nn, isign)) << isign;
   }
 }
+
+TEST(Transform, AnotherShapeOfTheSameSizeOnOneThread) {
+  // Same number of elements, a longer line: the buffers must follow.
+  wt::use_wavelet("daub2");
+  for (auto nn : {std::array<int32_t, 3>{8, 8, 8}, {2, 2, 128}, {128, 2, 2}}) {
+    std::vector<double> a = random_values(512, 31), b = a;
+    WTN(a.data(), nn.data(), 1);
+    WTN(a.data(), nn.data(), -1);
+    for (size_t i = 0; i < a.size(); ++i) EXPECT_NEAR(a[i], b[i], 1e-12);
+  }
+}
