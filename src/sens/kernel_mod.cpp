@@ -1,6 +1,7 @@
 // KERNEL_MOD: the general row loop.
 #include "sens/kernel_mod.hpp"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <new>
@@ -55,26 +56,38 @@ void report_progress(int32_t done, int32_t total) {
 // of each datum, and sens_sq, sens_avg to fill (made n long). Uses the mesh,
 // the data, the main thread's direction products and the matrix store.
 // Returns: nothing; every row stored, the two sums final.
-// Fails: "kernel g" / "kernel" when a thread's row or sums can't be had; a
-// store that doesn't fit the rows stops with a text; the stops of sens_row.
+// Fails: "kernel g" / "kernel" when a thread's row, its sums or the arrays of
+// the compression check can't be had; a store or an argument that doesn't fit
+// the rows stops with a text; the stops of sens_row and of the row store.
 // Calls: SET_G_VALUES, sens_row, report_progress, and when compressed
 // transform_test_model, ALLOC_WORK, COMPRESS_ROW, dot_compressed,
 // DEALLOC_WORK, report_compression.
 void KERNEL(int32_t n, const std::vector<double>& wtz, const std::vector<int32_t>& top_index,
             const std::vector<int32_t>& obs_type, std::vector<double>& sens_sq,
             std::vector<double>& sens_avg) {
-  (void)obs_type;  // chooses the threshold of a compressed row
   const int32_t ndata = obs.ndata;
   const std::size_t len = static_cast<std::size_t>(n > 0 ? n : 0);
+  const std::size_t nd = static_cast<std::size_t>(ndata > 0 ? ndata : 0);
   sens_avg.assign(len, 0.0);
   sens_sq.assign(len, 0.0);
 
-  // The compressed store comes with the wavelet subsystem's row store; until
-  // then a run can only keep full rows.
-  if (compressed) stop_text("compressed rows are not available in this build");
-  // Every row lands in its own column of the full matrix: it has to hold them all.
-  if (!compressed && g_full.size() != len * static_cast<std::size_t>(ndata > 0 ? ndata : 0)) {
-    stop_text("size(g_full) /= n * ndata");
+  // Every row lands in its own record or column of the store: it has to hold them all.
+  if (compressed && g_compressed.size() != nd) stop_text("size(g_compressed) /= ndata");
+  if (!compressed && g_full.size() != len * nd) stop_text("size(g_full) /= n * ndata");
+  if (compressed && obs_type.size() < nd) stop_text("size(obs_type) /= ndata");
+  if (wtz.size() < len || top_index.size() < static_cast<std::size_t>(mesh.ny) * mesh.nx) {
+    stop_text("size(wtz) /= n");
+  }
+
+  // The compression check: a uniform test model of 0.01, its datum from each
+  // full row and from each compressed one.
+  std::vector<double> model, data_full, data_comp;
+  if (compressed) {
+    alloc_row(model, n, "kernel");
+    alloc_row(data_full, ndata, "kernel");
+    alloc_row(data_comp, ndata, "kernel");
+    std::fill(model.begin(), model.end(), 0.01);
+    transform_test_model(model, wtz);
   }
 
   std::fflush(log_out());
@@ -104,6 +117,7 @@ void KERNEL(int32_t n, const std::vector<double>& wtz, const std::vector<int32_t
     alloc_row(my_avg, n, "kernel");
     alloc_row(my_sq, n, "kernel");
     int64_t my_nnz = 0;
+    if (compressed) ALLOC_WORK();
 
 #pragma omp for schedule(static) nowait
     for (int32_t i = 1; i <= ndata; ++i) {
@@ -113,9 +127,20 @@ void KERNEL(int32_t n, const std::vector<double>& wtz, const std::vector<int32_t
       sens_row(yn, xn, zn, ny, nx, nz, top_index.data(), i, oy, ox, oz, g.data(), len);
 
       for (std::size_t k = 0; k < len; ++k) my_avg[k] += std::fabs(g[k]);
+      if (compressed) {
+        // The datum of the test model, from the row before the weighting.
+        double full = 0.0;
+        for (std::size_t k = 0; k < len; ++k) full += model[k] * g[k];
+        data_full[d] = full;
+      }
       for (std::size_t k = 0; k < len; ++k) g[k] /= wtz[k];
-      float* col = g_full.data() + d * len;
-      for (std::size_t k = 0; k < len; ++k) col[k] = static_cast<float>(g[k]);
+      if (compressed) {
+        COMPRESS_ROW(g.data(), n, g_compressed[d], my_nnz, obs_type[d]);
+        data_comp[d] = dot_compressed(g_compressed[d]);
+      } else {
+        float* col = g_full.data() + d * len;
+        for (std::size_t k = 0; k < len; ++k) col[k] = static_cast<float>(g[k]);
+      }
       for (std::size_t k = 0; k < len; ++k) my_sq[k] += g[k] * g[k];
 
 #pragma omp critical(kernel_progress)
@@ -127,6 +152,7 @@ void KERNEL(int32_t n, const std::vector<double>& wtz, const std::vector<int32_t
 #pragma omp barrier
 
     std::vector<double>().swap(g);
+    if (compressed) DEALLOC_WORK();
 #pragma omp critical(kernel_sums)
     {
       for (std::size_t k = 0; k < len; ++k) sens_sq[k] += my_sq[k];
@@ -137,5 +163,11 @@ void KERNEL(int32_t n, const std::vector<double>& wtz, const std::vector<int32_t
 
   if (ndata > 0) {
     for (std::size_t k = 0; k < len; ++k) sens_avg[k] /= ndata;
+  }
+  if (compressed) {
+    report_compression(n, ndata, nnz, data_full.data(), data_comp.data());
+    std::vector<double>().swap(model);
+    std::vector<double>().swap(data_full);
+    std::vector<double>().swap(data_comp);
   }
 }

@@ -14,7 +14,10 @@
 #include "sens/gsus_no_atan_mod.hpp"
 #include "sens/kernel_mod.hpp"
 #include "support/test_support.hpp"
+#include "run/format.hpp"
 #include "wavelet/compression.hpp"
+#include "wavelet/wavelet_filters.hpp"
+#include "wavelet/wtn_mod.hpp"
 
 namespace {
 
@@ -78,13 +81,31 @@ struct kernel_result {
   std::vector<double> avg, sq;
 };
 
+// kinds_of: +1 for data above the mesh top, -1 for the boreholes.
+std::vector<int32_t> kinds_of() {
+  std::vector<int32_t> kinds;
+  for (double z : obs.obs_z) kinds.push_back(z > mesh.z0 ? 1 : -1);
+  return kinds;
+}
+
+// all_active: every cell below the ground takes part, in cell order.
+void all_active(int32_t n) {
+  cells = active_cells{};
+  for (int32_t iy = 1; iy <= mesh.ny; ++iy)
+    for (int32_t ix = 1; ix <= mesh.nx; ++ix)
+      for (int32_t iz = 1; iz <= mesh.nz; ++iz)
+        cells.active_map.push_back(iz > top_at(iy, ix) ? ++cells.nactive : 0);
+  cells.ncell_total = mesh.ny * mesh.nx * mesh.nz;
+  cells.nbelow = n;
+  EXPECT_EQ(cells.nactive, n);
+}
+
 kernel_result run_kernel(int threads, int32_t n, const std::vector<double>& wtz) {
   const int before = omp_get_max_threads();
   omp_set_num_threads(threads);
   kernel_result r;
-  std::vector<int32_t> kinds(static_cast<std::size_t>(obs.ndata), 1);
   std::fill(g_full.begin(), g_full.end(), -1.0f);
-  KERNEL(n, wtz, top_index, kinds, r.sq, r.avg);
+  KERNEL(n, wtz, top_index, kinds_of(), r.sq, r.avg);
   omp_set_num_threads(before);
   r.rows = g_full;
   return r;
@@ -169,4 +190,71 @@ TEST(ReportProgress, Steps) {
   EXPECT_EQ(cap.screen(),
             "  5 10 15 20 25 30 35 40 45 50 55 60 65 70 75 80 85 90 95 100.\n"
             "  5 15 25 60 100.\n");
+}
+
+// Compressed rows: the same records with 1, 2 and 4 threads; with a threshold
+// of 0 every coefficient is kept and the inverse transform gives the row back;
+// a threshold above 1 for the boreholes leaves their records empty.
+TEST(Kernel, CompressedRecords) {
+  qt::capture cap;
+  const int32_t n = make_survey(15, 1, 21);
+  all_active(n);
+  check_wavelet("daub2", filter, ncof);
+  set_padded_extents();
+  set_filters(filter, ncof);
+  compressed = true;
+  std::vector<float>().swap(g_full);
+  wctol_surface = 0.0;
+  wctol_borehole = 0.0;
+  const auto wtz = weights(n);
+
+  std::vector<std::vector<compressed_row>> runs;
+  for (int t : {1, 2, 4}) {
+    g_compressed.assign(15, compressed_row{});
+    omp_set_num_threads(t);
+    std::vector<double> sq, avg;
+    KERNEL(n, wtz, top_index, kinds_of(), sq, avg);
+    runs.push_back(g_compressed);
+  }
+  omp_set_num_threads(2);
+  for (int r = 1; r < 3; ++r)
+    for (int i = 0; i < 15; ++i) {
+      EXPECT_EQ(runs[r][i].idx, runs[0][i].idx);
+      EXPECT_EQ(runs[r][i].val, runs[0][i].val);
+    }
+  EXPECT_NE(cap.log().find(fmt_right("Number of non-zeros:", 30) + fmt_int(ncube * 15, 10)),
+            std::string::npos);
+
+  std::vector<double> cube(static_cast<std::size_t>(ncube)), back(static_cast<std::size_t>(n)),
+      g(static_cast<std::size_t>(n));
+  for (int32_t i = 1; i <= 15; ++i) {
+    const compressed_row& rec = runs[0][i - 1];
+    ASSERT_EQ(static_cast<int64_t>(rec.idx.size()), ncube);
+    std::fill(cube.begin(), cube.end(), 0.0);
+    for (std::size_t q = 0; q < rec.idx.size(); ++q) cube[rec.idx[q] - 1] = rec.val[q];
+    transform_cube(cube.data(), -1);
+    cube_to_row(back.data(), n, cube.data());
+    sens_row(mesh.yn.data(), mesh.xn.data(), mesh.zn.data(), mesh.ny, mesh.nx, mesh.nz,
+             top_index.data(), i, obs.obs_y[i - 1], obs.obs_x[i - 1], mesh.z0 - obs.obs_z[i - 1],
+             g.data(), g.size());
+    double big = 0;
+    for (int32_t k = 0; k < n; ++k) big = std::max(big, std::fabs(g[k] / wtz[k]));
+    for (int32_t k = 0; k < n; ++k) EXPECT_NEAR(back[k], g[k] / wtz[k], 1e-6 * big);
+  }
+
+  wctol_borehole = 2.0;
+  g_compressed.assign(15, compressed_row{});
+  std::vector<double> sq, avg;
+  KERNEL(n, wtz, top_index, kinds_of(), sq, avg);
+  const auto kinds = kinds_of();
+  for (int i = 0; i < 15; ++i) {
+    if (kinds[i] < 0) EXPECT_TRUE(g_compressed[i].idx.empty()); else EXPECT_EQ(static_cast<int64_t>(g_compressed[i].idx.size()), ncube);
+  }
+
+  compressed = false;
+  g_compressed.clear();
+  ncof = 0;
+  filter.clear();
+  nyp = nxp = nzp = 0;
+  ncube = 0;
 }
