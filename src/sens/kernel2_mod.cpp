@@ -141,6 +141,7 @@ void KERNEL2(int32_t n, const std::vector<double>& wtz, const std::vector<int32_
   const std::size_t nd = static_cast<std::size_t>(ndata);
   if (compressed && g_compressed.size() != nd) stop_text("size(g_compressed) /= ndata");
   if (!compressed && g_full.size() != nn * nd) stop_text("size(g_full) /= n * ndata");
+  if (compressed && obs_type.size() < nd) stop_text("size(obs_type) /= ndata");
   if (wtz.size() != nn) stop_text("size(wtz) /= n");
 
   // The cube and the extended mesh.
@@ -174,13 +175,9 @@ void KERNEL2(int32_t n, const std::vector<double>& wtz, const std::vector<int32_
   std::vector<double> model, data_full, data_comp;
   if (compressed) {
     alloc_row(model, n, "kernel2");
+    alloc_row(data_full, ndata, "kernel2");
+    alloc_row(data_comp, ndata, "kernel2");
     std::fill(model.begin(), model.end(), 0.01);
-    try {
-      data_full.assign(nd, 0.0);
-      data_comp.assign(nd, 0.0);
-    } catch (const std::bad_alloc&) {
-      alloc_failed("kernel2");
-    }
     transform_test_model(model, wtz);
   }
 
@@ -281,5 +278,10 @@ void KERNEL2(int32_t n, const std::vector<double>& wtz, const std::vector<int32_
   std::vector<double>().swap(xn2);
   std::vector<int32_t>().swap(top2);
 
-  if (compressed) report_compression(n, ndata, nnz, data_full.data(), data_comp.data());
+  if (compressed) {
+    report_compression(n, ndata, nnz, data_full.data(), data_comp.data());
+    std::vector<double>().swap(model);
+    std::vector<double>().swap(data_full);
+    std::vector<double>().swap(data_comp);
+  }
 }
