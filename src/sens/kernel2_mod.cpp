@@ -111,6 +111,25 @@ void alloc_row(std::vector<double>& v, int32_t n, const char* name) {
   }
 }
 
+// copy_cells: m cells of one column of the cube, each divided by its weight
+// w, with the thread's sums: avg takes the unweighted value as it stands in
+// the cube, sq the weighted one squared. The weighted values go, rounded to
+// 32 bits, to full when with_full; otherwise to the row at g, for compression.
+template <bool with_full>
+inline void copy_cells(const double* __restrict src, const double* __restrict w,
+                       double* __restrict g, double* __restrict avg, double* __restrict sq,
+                       float* __restrict full, int32_t m) {
+  for (int32_t k = 0; k < m; ++k) {
+    const double v = src[k] / w[k];
+    avg[k] += std::fabs(src[k]);
+    sq[k] += v * v;
+    if constexpr (with_full)
+      full[k] = static_cast<float>(v);
+    else
+      g[k] = v;
+  }
+}
+
 }  // namespace
 
 int32_t grid_shift(double cells) {
@@ -220,35 +239,34 @@ void KERNEL2(int32_t n, const std::vector<double>& wtz, const std::vector<int32_
            static_cast<std::size_t>(plan.ix[id] + hx)) *
           col_stride;
 
-      // Copy the active cells, weighted, and add them to the sums on the way:
-      // sens_avg takes the unweighted value. One pass over the row.
+      // Copy the active cells, weighted, with the sums on the way; an
+      // uncompressed row goes straight to its column of the full matrix.
+      float* column = compressed ? nullptr : g_full.data() + id * nn;
       std::size_t indx = 0;
       for (int32_t j = 0; j < ny; ++j) {
         const double* line = cube + base + static_cast<std::size_t>(j) * line_stride;
         for (int32_t ip = 0; ip < nx; ++ip) {
           const int32_t t = top_index[static_cast<std::size_t>(j) +
                                       static_cast<std::size_t>(ip) * static_cast<std::size_t>(ny)];
-          const double* col = line + static_cast<std::size_t>(ip) * col_stride;
-          for (int32_t k = t; k < nz; ++k) {
-            const double v = col[k] / wtz[indx];
-            g[indx] = v;
-            my_avg[indx] += std::fabs(v * wtz[indx]);
-            my_sq[indx] += v * v;
-            ++indx;
-          }
+          const double* col = line + static_cast<std::size_t>(ip) * col_stride + t;
+          const int32_t m = nz - t;
+          if (column != nullptr)
+            copy_cells<true>(col, wtz.data() + indx, nullptr, my_avg.data() + indx,
+                             my_sq.data() + indx, column + indx, m);
+          else
+            copy_cells<false>(col, wtz.data() + indx, g.data() + indx, my_avg.data() + indx,
+                              my_sq.data() + indx, nullptr, m);
+          indx += static_cast<std::size_t>(m);
         }
       }
 
-      // Store the row. The test datum is that of the unweighted row.
+      // A compressed row: the test datum is that of the unweighted row.
       if (compressed) {
         double full = 0.0;
         for (std::size_t k = 0; k < nn; ++k) full += model[k] * (g[k] * wtz[k]);
         data_full[id] = full;
         COMPRESS_ROW(g.data(), n, g_compressed[id], my_nnz, obs_type[id]);
         data_comp[id] = dot_compressed(g_compressed[id]);
-      } else {
-        float* column = g_full.data() + id * nn;
-        for (std::size_t k = 0; k < nn; ++k) column[k] = static_cast<float>(g[k]);
       }
 
 #pragma omp critical(kernel2_progress)
