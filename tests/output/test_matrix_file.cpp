@@ -14,71 +14,11 @@
 #include "sens/gsus_mod.hpp"
 #include "sens/gsus_no_atan_mod.hpp"
 #include "sens/kernel_mod.hpp"
+#include "support/matrix_reader.hpp"
 #include "support/test_support.hpp"
 #include "wavelet/compression.hpp"
 
 namespace {
-
-// frame_reader: reads framed records from a byte string and checks the frame
-// rules: markers of one frame agree in length; a frame other than the last of
-// its record holds exactly `limit` bytes and has a negative leading marker;
-// the first has a positive trailing marker, the later ones negative ones.
-struct frame_reader {
-  std::string bytes;
-  std::size_t pos = 0;
-  int64_t limit;
-  std::vector<int> parts;  // frames per record read so far
-
-  int32_t marker() {
-    int32_t m = 0;
-    EXPECT_LE(pos + 4, bytes.size());
-    if (pos + 4 <= bytes.size()) std::memcpy(&m, bytes.data() + pos, 4);
-    pos += 4;
-    return m;
-  }
-
-  std::string record() {
-    std::string payload;
-    int frames = 0;
-    for (;;) {
-      const int32_t lead = marker();
-      const int64_t len = lead < 0 ? -int64_t{lead} : lead;
-      EXPECT_LE(pos + len, bytes.size());
-      payload.append(bytes, pos, static_cast<std::size_t>(len));
-      pos += static_cast<std::size_t>(len);
-      const int32_t trail = marker();
-      EXPECT_EQ(trail, frames == 0 ? len : -len) << "trailing marker of frame " << frames;
-      ++frames;
-      if (lead >= 0) {
-        if (frames > 1) EXPECT_GT(len, 0);
-        break;
-      }
-      EXPECT_EQ(len, limit) << "a frame before the last holds the limit";
-    }
-    parts.push_back(frames);
-    return payload;
-  }
-
-  bool at_end() const { return pos == bytes.size(); }
-};
-
-template <typename T>
-std::vector<T> values_of(const std::string& payload, std::size_t offset, std::size_t count) {
-  std::vector<T> v(count);
-  if (count) std::memcpy(v.data(), payload.data() + offset, count * sizeof(T));
-  return v;
-}
-
-std::string file_bytes(const std::string& name) {
-  std::string s;
-  std::FILE* f = std::fopen(name.c_str(), "rb");
-  if (!f) return s;
-  char buf[65536];
-  std::size_t got;
-  while ((got = std::fread(buf, 1, sizeof buf, f)) > 0) s.append(buf, got);
-  std::fclose(f);
-  return s;
-}
 
 // A small model with air cells: 3 x 4 x 3 cells, 7 data.
 int32_t small_model() {
