@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "model/model.hpp"
 #include "run/text_io.hpp"
 
 namespace qt {
@@ -113,5 +114,45 @@ std::string slurp(std::FILE* f) {
 
 std::string capture::screen() { return slurp(screen_f); }
 std::string capture::log() { return slurp(log_f); }
+
+void set_uniform_mesh(int nx, int ny, int nz, double dx, double dy, double dz, double x0,
+                      double y0, double z0) {
+  mesh = mesh_model{};
+  mesh.nx = nx;
+  mesh.ny = ny;
+  mesh.nz = nz;
+  mesh.dx.assign(static_cast<std::size_t>(nx), dx);
+  mesh.dy.assign(static_cast<std::size_t>(ny), dy);
+  mesh.dz.assign(static_cast<std::size_t>(nz), dz);
+  mesh.xn.assign(1, x0);
+  mesh.yn.assign(1, y0);
+  mesh.zn.assign(1, 0.0);
+  for (int i = 0; i < nx; ++i) mesh.xn.push_back(mesh.xn.back() + dx);
+  for (int j = 0; j < ny; ++j) mesh.yn.push_back(mesh.yn.back() + dy);
+  for (int k = 0; k < nz; ++k) mesh.zn.push_back(mesh.zn.back() + dz);
+  mesh.z0 = z0;
+  top_index.assign(static_cast<std::size_t>(nx) * static_cast<std::size_t>(ny), 0);
+}
+
+void set_field(double incl, double decl, double aincl, double adecl, double geomag, int idir) {
+  obs = obs_set{};
+  obs.incl = incl;
+  obs.decl = decl;
+  obs.aincl = aincl;
+  obs.adecl = adecl;
+  obs.geomag = geomag;
+  obs.idir = idir;
+}
+
+void add_datum(double x, double y, double z, double aincl, double adecl) {
+  obs.obs_x.push_back(x);
+  obs.obs_y.push_back(y);
+  obs.obs_z.push_back(z);
+  if (obs.idir == 0) {
+    obs.obs_aincl.push_back(aincl);
+    obs.obs_adecl.push_back(adecl);
+  }
+  obs.ndata = static_cast<int32_t>(obs.obs_x.size());
+}
 
 }  // namespace qt

@@ -49,4 +49,18 @@ struct capture {
   std::FILE* log_f;
 };
 
+// set_uniform_mesh: the global mesh with nx x ny x nz cells of widths dx,
+// dy, dz, its first nodes at (x0, y0) and its top at elevation z0; nodes by
+// running sums as the mesh reader makes them. top_index is set flat (all 0).
+void set_uniform_mesh(int nx, int ny, int nz, double dx, double dy, double dz,
+                      double x0 = 0.0, double y0 = 0.0, double z0 = 0.0);
+
+// set_field: the global data emptied, with the field, the measured direction
+// (degrees), the field strength and idir.
+void set_field(double incl, double decl, double aincl, double adecl, double geomag = 50000.0,
+               int idir = 1);
+// add_datum: one datum at easting x, northing y, elevation z (and its own
+// direction when idir is 0).
+void add_datum(double x, double y, double z, double aincl = 0.0, double adecl = 0.0);
+
 }  // namespace qt
