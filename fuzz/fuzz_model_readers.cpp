@@ -1,30 +1,14 @@
 // Fuzz target over the mesh and observation readers, and the data split.
 // The first byte picks the reader; the rest is the file.
 #include <cstdint>
-#include <cstdio>
 #include <string>
-#include <unistd.h>
 
+#include "fuzz_support.hpp"
 #include "model/mesh.hpp"
 #include "model/model.hpp"
 #include "model/observations.hpp"
-#include "run/text_io.hpp"
 
 namespace {
-
-struct caught_stop {};
-void throw_stop() { throw caught_stop{}; }
-
-std::string scratch_name() {
-  return "/tmp/quolvent-fuzz-model-" + std::to_string(getpid()) + ".txt";
-}
-
-void write_all(const std::string& name, const uint8_t* data, size_t size) {
-  std::FILE* f = std::fopen(name.c_str(), "wb");
-  if (!f) return;
-  std::fwrite(data, 1, size, f);
-  std::fclose(f);
-}
 
 // A legal mesh may ask for widths arrays of up to 2^31 values from a few
 // bytes ("2000000000*1.0"): that is memory, not parsing, so such counts are
@@ -58,14 +42,10 @@ void set_fixed_mesh() {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static std::FILE* sink = std::fopen("/dev/null", "w");
-  set_screen(sink);
-  set_log(sink);
-  set_stop_handler(&throw_stop);
+  fuzz::quiet();
   if (size < 1) return 0;
   const int mode = data[0] % 3;
-  const std::string name = scratch_name();
-  write_all(name, data + 1, size - 1);
+  const std::string name = fuzz::input_file("model", data + 1, size - 1);
   try {
     if (mode == 0) {
       if (!mesh_too_big_to_fuzz(name)) read_mesh(name);
@@ -78,7 +58,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         classify_data(obs_type, data_kind);
       }
     }
-  } catch (const caught_stop&) {
+  } catch (const fuzz::caught_stop&) {
   }
   return 0;
 }

@@ -1,37 +1,15 @@
 // Fuzz target over the free-format reader (text and file forms) and the
 // control-file parser. The first byte picks the reader; the rest is the input.
 #include <cstdint>
-#include <cstdio>
 #include <string>
-#include <unistd.h>
 
+#include "fuzz_support.hpp"
 #include "model/model.hpp"
 #include "run/control_file.hpp"
 #include "run/text_io.hpp"
 
-namespace {
-
-struct caught_stop {};
-void throw_stop() { throw caught_stop{}; }
-
-std::string scratch_name() {
-  return "/tmp/quolvent-fuzz-" + std::to_string(getpid()) + ".txt";
-}
-
-void write_all(const std::string& name, const uint8_t* data, size_t size) {
-  std::FILE* f = std::fopen(name.c_str(), "wb");
-  if (!f) return;
-  std::fwrite(data, 1, size, f);
-  std::fclose(f);
-}
-
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static std::FILE* sink = std::fopen("/dev/null", "w");
-  set_screen(sink);
-  set_log(sink);
-  set_stop_handler(&throw_stop);
+  fuzz::quiet();
   if (size < 1) return 0;
   const int mode = data[0] % 3;
   const std::string text(reinterpret_cast<const char*>(data + 1), size - 1);
@@ -41,8 +19,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     ff_read_text(text, {i1, d1, std::span<double>(dv, 9), i2, d2});
     ff_read_text(text, {std::span<int32_t>(iv, 7)});
   } else if (mode == 1) {
-    const std::string name = scratch_name();
-    write_all(name, data + 1, size - 1);
+    const std::string name = fuzz::input_file("text", data + 1, size - 1);
     text_file t;
     if (text_open(t, name)) {
       while (ff_read(t, {i1, std::span<double>(dv, 9), std::span<int32_t>(iv, 7), d2}) == 0) {
@@ -50,11 +27,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       text_close(t);
     }
   } else {
-    const std::string name = scratch_name();
-    write_all(name, data + 1, size - 1);
+    const std::string name = fuzz::input_file("control", data + 1, size - 1);
     try {
       read_control_file(name);
-    } catch (const caught_stop&) {
+    } catch (const fuzz::caught_stop&) {
     }
   }
   return 0;

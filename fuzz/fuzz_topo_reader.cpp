@@ -1,18 +1,13 @@
 // Fuzz target over the topography reader: the input is the topography file,
 // read over a fixed 6 x 5 x 4 mesh of 10 m cells from (0, 0).
 #include <cstdint>
-#include <cstdio>
 #include <string>
-#include <unistd.h>
 
+#include "fuzz_support.hpp"
 #include "model/model.hpp"
-#include "run/text_io.hpp"
 #include "topo/column_tops.hpp"
 
 namespace {
-
-struct caught_stop {};
-void throw_stop() { throw caught_stop{}; }
 
 void set_fixed_mesh() {
   mesh = mesh_model{};
@@ -31,22 +26,15 @@ void set_fixed_mesh() {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static std::FILE* sink = std::fopen("/dev/null", "w");
-  set_screen(sink);
-  set_log(sink);
-  set_stop_handler(&throw_stop);
-  const std::string name = "/tmp/quolvent-fuzz-topo-" + std::to_string(getpid()) + ".txt";
-  std::FILE* f = std::fopen(name.c_str(), "wb");
-  if (!f) return 0;
-  std::fwrite(data, 1, size, f);
-  std::fclose(f);
+  fuzz::quiet();
+  const std::string name = fuzz::input_file("topo", data, size);
   set_fixed_mesh();
   try {
     read_topography(name);
     // Every top is a layer count of the mesh.
     for (int32_t t : top_index)
       if (t < 0 || t > mesh.nz) __builtin_trap();
-  } catch (const caught_stop&) {
+  } catch (const fuzz::caught_stop&) {
   }
   return 0;
 }
