@@ -1,4 +1,5 @@
-// The control file: its fields, its echo in the log and its failure report.
+// The control file: its fields and its echo in the log. The failure reports
+// are checked on whole runs (test_program.cpp).
 #include <gtest/gtest.h>
 
 #include "model/model.hpp"
@@ -6,12 +7,6 @@
 #include "support/test_support.hpp"
 
 namespace {
-
-const std::string sample =
-    "\nSample quolvent input file: (! must precede comments)\n\n"
-    "mesh         ! mesh file\nobs.mag      ! data file\ntopo.dat     ! topography\n"
-    "distance_weight.txt  ! weight file\ndaub2        ! wavelet: daubx, symmx, NONE\n"
-    "1  0.05      ! itol, eps | null\n0-not output, 1-output diagnostic files\n\n";
 
 const std::string rule = "\n" + std::string(64, '-') + "\n\n";
 
@@ -76,42 +71,4 @@ TEST(ControlFile, LogEchoCutsLinesAt200AndParsesUpTo500) {
   control_case d(std::string(600, 'x') + "\no\nt\nw\ndaub3\nnull\n0\n");
   read_control_file(d.name);
   EXPECT_EQ(params.mesh_file, std::string(500, 'x'));
-}
-
-TEST(ControlFile, FailureReportsShowTheSample) {
-  {
-    control_case c("m\no\nt\nw\ndaub2\nnull\n");  // six lines
-    qt::capture cap;
-    EXPECT_THROW(read_control_file(c.name), qt::stop_caught);
-    EXPECT_EQ(cap.screen(), "ERROR reading sensitivity input file " + c.name + "\n" + sample);
-    EXPECT_EQ(cap.log(), "\nReading input file: " + c.name + "\n" + rule + "m\no\nt\nw\ndaub2\nnull\n" +
-                             rule + sample);
-  }
-  {
-    control_case c("m\no\nt\nw\ndaub2\nnull\n2\n");
-    qt::capture cap;
-    EXPECT_THROW(read_control_file(c.name), qt::stop_caught);
-    EXPECT_EQ(cap.screen(),
-              "\nERROR: enter 0 to not output, or 1 to output average uncompressed\n"
-              "sensitivity model file.\n\nERROR reading sensitivity input file " +
-                  c.name + "\n" + sample);
-  }
-  {
-    control_case c("m\no\nt\nw\ndaub2\nnull\nyes\n");
-    qt::capture cap;
-    EXPECT_THROW(read_control_file(c.name), qt::stop_caught);
-    EXPECT_EQ(cap.screen(), "ERROR reading sensitivity input file " + c.name + "\n" + sample);
-  }
-  {
-    qt::capture cap;
-    EXPECT_THROW(read_control_file("/nonexistent/run.inp   "), qt::stop_caught);
-    EXPECT_EQ(cap.screen(), "\n ERROR: input file not found: /nonexistent/run.inp\n");
-  }
-}
-
-TEST(ControlFile, InpPrintsTheSampleOnBothChannels) {
-  qt::capture cap;
-  EXPECT_THROW(read_control_file("-inp   "), qt::stop_caught);
-  EXPECT_EQ(cap.screen(), sample);
-  EXPECT_EQ(cap.log(), sample);
 }
