@@ -13,43 +13,26 @@
 extern "C" __m128d _ZGVbN2v_atan(__m128d);
 extern "C" __m128d _ZGVbN2v_log(__m128d);
 
-// The four-lane AVX2 entry points take and return their lanes in ymm0. This
-// compiler, building for the baseline processor, would pass a 256-bit argument
-// in memory instead, so they are reached through two small routines that take
-// a pointer: each replaces `groups` groups of four doubles at v in place.
-extern "C" void quolvent_atan4_groups(double* v, std::size_t groups);
-extern "C" void quolvent_log4_groups(double* v, std::size_t groups);
+// The four-lane AVX2 entry points take and return their lanes in ymm0, which
+// the compiler does only for a caller built for AVX2: hence the target
+// attribute on them and on the two loops that call them. Each loop replaces
+// `groups` groups of four doubles at v in place.
+extern "C" __attribute__((target("avx2"))) __m256d _ZGVdN4v_atan(__m256d);
+extern "C" __attribute__((target("avx2"))) __m256d _ZGVdN4v_log(__m256d);
 
-#define QUOLVENT_GROUPS_ROUTINE(name, target)                                     \
-  "  .text\n"                                                                     \
-  "  .p2align 4\n"                                                                \
-  "  .globl " name "\n"                                                           \
-  "  .hidden " name "\n"                                                          \
-  "  .type " name ", @function\n" name ":\n"                                      \
-  "  push %rbx\n"           /* three pushes: the stack is 16-aligned for calls */ \
-  "  push %r12\n"                                                                 \
-  "  push %r13\n"                                                                 \
-  "  mov %rdi, %rbx\n"                                                            \
-  "  mov %rsi, %r12\n"                                                            \
-  "1:\n"                                                                          \
-  "  test %r12, %r12\n"                                                           \
-  "  jz 2f\n"                                                                     \
-  "  vmovupd (%rbx), %ymm0\n"                                                     \
-  "  call " target "@PLT\n"                                                       \
-  "  vmovupd %ymm0, (%rbx)\n"                                                     \
-  "  add $32, %rbx\n"                                                             \
-  "  dec %r12\n"                                                                  \
-  "  jmp 1b\n"                                                                    \
-  "2:\n"                                                                          \
-  "  vzeroupper\n"                                                                \
-  "  pop %r13\n"                                                                  \
-  "  pop %r12\n"                                                                  \
-  "  pop %rbx\n"                                                                  \
-  "  ret\n"                                                                       \
-  "  .size " name ", .-" name "\n"
+namespace {
 
-asm(QUOLVENT_GROUPS_ROUTINE("quolvent_atan4_groups", "_ZGVdN4v_atan")
-        QUOLVENT_GROUPS_ROUTINE("quolvent_log4_groups", "_ZGVdN4v_log"));
+__attribute__((target("avx2"))) void atan4_groups(double* v, std::size_t groups) {
+  for (std::size_t g = 0; g < groups; ++g, v += 4)
+    _mm256_storeu_pd(v, _ZGVdN4v_atan(_mm256_loadu_pd(v)));
+}
+
+__attribute__((target("avx2"))) void log4_groups(double* v, std::size_t groups) {
+  for (std::size_t g = 0; g < groups; ++g, v += 4)
+    _mm256_storeu_pd(v, _ZGVdN4v_log(_mm256_loadu_pd(v)));
+}
+
+}  // namespace
 #endif
 
 namespace {
@@ -108,7 +91,7 @@ void force_vector_width(int width) {
 void atan_array(double* v, std::size_t count) {
 #if defined(QUOLVENT_VECTOR_MATH)
   if (width_now >= 2) {
-    apply(v, count, 0.0, quolvent_atan4_groups, _ZGVbN2v_atan);
+    apply(v, count, 0.0, atan4_groups, _ZGVbN2v_atan);
     return;
   }
 #endif
@@ -122,7 +105,7 @@ void atan_array(double* v, std::size_t count) {
 void log_array(double* v, std::size_t count) {
 #if defined(QUOLVENT_VECTOR_MATH)
   if (width_now >= 2) {
-    apply(v, count, 1.0, quolvent_log4_groups, _ZGVbN2v_log);
+    apply(v, count, 1.0, log4_groups, _ZGVbN2v_log);
     return;
   }
 #endif
