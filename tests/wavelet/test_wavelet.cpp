@@ -1,0 +1,320 @@
+// The wavelet subsystem: filters, the row-to-cube mapping and the transform,
+// threshold estimation, row compression, its log report and the way back.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <functional>
+#include <numeric>
+
+#include "model/active_cells.hpp"
+#include "model/model.hpp"
+#include "sens/gsus_no_atan_mod.hpp"
+#include "support/test_support.hpp"
+#include "wavelet/compression.hpp"
+#include "wavelet/threshold.hpp"
+#include "wavelet/wavelet_filters.hpp"
+#include "wavelet/wtn_mod.hpp"
+
+namespace {
+
+const char* const all_wavelets[] = {"daub1", "daub2", "daub3", "daub4", "daub5", "daub6", "symm4", "symm5", "symm6"};
+
+// set_mesh: cells of one width, top_index from top (flat if empty), active cells, padded extents.
+void set_mesh(int nx, int ny, int nz, std::vector<int32_t> top = {}, double width = 1.0) {
+  qt::set_uniform_mesh(nx, ny, nz, width, width, width);
+  if (!top.empty()) top_index = top;
+  get_active_cells("null", top_index);
+  set_padded_extents();
+}
+
+// use_wavelet: check_wavelet plus set_filters for name, quietly.
+void use_wavelet(const std::string& name) {
+  qt::capture quiet;
+  check_wavelet(name, filter, ncof);
+  set_filters(filter, ncof);
+}
+
+// band_row: count values per relative energy, for a 4 x 4 x 4 mesh (not filtered: coefficients = row).
+std::vector<double> band_row(std::initializer_list<std::pair<int, double>> bands) {
+  std::vector<double> row;
+  for (auto [count, energy] : bands) row.insert(row.end(), count, 3.0 * std::sqrt(energy));
+  return row;
+}
+
+std::string block(const std::string& eps, const std::string& thr, const std::string& ratio) {
+  return "\n At the relative  accuracy of:  " + eps + "\n Estimated relative threshold:  " + thr +
+         "\n Predicted compression  ratio:  " + ratio + "\n";
+}
+
+// decompress: the row a record stands for, through the inverse transform.
+std::vector<double> decompress(const compressed_row& rec, int64_t n) {
+  std::vector<double> cube(ncube, 0.0), row(n, 0.0);
+  for (size_t k = 0; k < rec.idx.size(); ++k) cube[rec.idx[k] - 1] = rec.val[k];
+  transform_cube(cube.data(), -1);
+  cube_to_row(row.data(), n, cube.data());
+  return row;
+}
+
+}  // namespace
+
+TEST(Filters, UnitNormOrthogonalToEvenShiftsAndLowPass) {
+  for (const char* w : all_wavelets) {
+    use_wavelet(w);
+    ASSERT_EQ(ncof, 2 * (w[4] - '0')) << w;
+    // Unit norm to rounding (daub1's 0.7071068 too), orthogonal to the stored digits.
+    for (int s = 0; s < ncof; s += 2) {
+      double d = 0.0;
+      for (int k = 0; k + s < ncof; ++k) d += filter[k] * filter[k + s];
+      EXPECT_NEAR(d, s == 0 ? 1.0 : 0.0, s == 0 ? 1e-14 : 1e-10) << w << " shift " << s;
+    }
+    // symm is stored with the sum 2: after scaling it sums to sqrt(2) like daub.
+    EXPECT_NEAR(std::accumulate(filter.begin(), filter.end(), 0.0), std::sqrt(2.0), 1e-9) << w;
+  }
+}
+
+TEST(Filters, NamesAndTheirMessages) {
+  const std::string none = "\nWARNING: no compression will be used for the sensitivity matrix.\n"
+      "The program will need a lot of memory and disk space to store the matrix.\n\n";
+  const std::string unknown = "\nError: invalid compression method.\nShould be: daub[1-6], symm[4-6], or NONE.\n";
+  const std::string daub = "\nERROR: Invalid daub compression.  daub[1-6]\n";
+  const std::string symm = "\nError: Invalid symm compression.  symm[4-6]\n";
+  const struct { const char* name; const std::string& text; } cases[] = {
+      {"NONE ", none}, {"none!", none}, {"Daub2", unknown}, {"DAUB2", unknown}, {"None ", unknown}, {"", unknown},
+      {"daub0", daub}, {"daub7", daub}, {"daub ", daub}, {"daubx", daub}, {"daub", daub},
+      {"symm3", symm}, {"symm1", symm}, {"symm7", symm}};
+  for (const auto& c : cases) {
+    qt::capture cap;
+    std::vector<double> f{1.0};
+    int32_t nc = 5;
+    if (&c.text != &none) EXPECT_THROW(check_wavelet(c.name, f, nc), qt::stop_caught) << c.name;
+    else EXPECT_TRUE((check_wavelet(c.name, f, nc), nc == 0 && f.empty())) << c.name;
+    EXPECT_EQ(cap.screen(), c.text) << c.name;
+    EXPECT_EQ(cap.log(), c.text) << c.name;
+  }
+}
+
+TEST(Transform, PaddedExtentsAndRowToCubeAndBack) {
+  for (int32_t n = 1; n <= 5000; ++n) {
+    const int64_t e = padded_extent(n);
+    EXPECT_TRUE(e >= n && (e & (e - 1)) == 0 && e / 2 < n) << n;
+  }
+  for (int p = 0; p <= 30; ++p) EXPECT_EQ(padded_extent(1 << p), int64_t{1} << p);  // whatever the log rounds to
+  EXPECT_EQ(padded_extent(2147483647), int64_t{1} << 31);
+  // 3 x 2 x 5 cells (nx, ny, nz) with two columns partly above the ground.
+  set_mesh(3, 2, 5, {0, 2, 0, 0, 5, 1});
+  EXPECT_TRUE(nzp == 8 && nxp == 4 && nyp == 2);
+  const int64_t n = cells.nactive;
+  std::vector<double> row(n), cube(ncube, -7.0), back(n, 0.0);
+  std::iota(row.begin(), row.end(), 1.0);
+  row_to_cube(row.data(), n, cube.data());
+  // Cell (iz, ix, iy) sits at (iz-1) + (ix-1) nzp + (iy-1) nzp nxp; padded and inactive places hold 0.
+  for (int p = 0; p < ncube; ++p) {
+    const int iz = p % 8 + 1, ix = p / 8 % 4 + 1, iy = p / 32 + 1;
+    const int32_t place = iy <= 2 && ix <= 3 && iz <= 5 ? active_at(iz, ix, iy) : 0;
+    EXPECT_EQ(cube[p], place > 0 ? row[place - 1] : 0.0) << p;
+  }
+  cube_to_row(back.data(), n, cube.data());
+  EXPECT_EQ(back, row);
+  qt::capture cap;
+  EXPECT_THROW(row_to_cube(row.data(), n - 1, cube.data()), qt::stop_caught);
+}
+
+TEST(Transform, InverseAfterForwardKeepsEnergyAndGivesTheRowBack) {
+  // Extents 1, 2, 3, 4, 5, 8 and 12 along each axis; daub6 on an extent of 8
+  // wraps its 12 taps three times at the step on 4.
+  const int shapes[][3] = {{1, 1, 1}, {1, 1, 12}, {8, 1, 1},  {1, 5, 2}, {2, 3, 4},
+                           {5, 12, 3}, {12, 8, 5}, {4, 4, 4}, {3, 2, 8}, {8, 8, 8}};
+  for (const char* w : all_wavelets) {
+    use_wavelet(w);
+    for (const auto& s : shapes) {
+      set_mesh(s[0], s[1], s[2]);
+      const int64_t n = cells.nactive;
+      std::vector<double> row(n), cube(ncube), back(n);
+      for (int64_t i = 0; i < n; ++i) row[i] = std::sin(1.3 * i * i + 0.2);  // no pattern to the filters
+      SCOPED_TRACE(testing::Message() << w << " " << s[0] << " " << s[1] << " " << s[2]);
+      row_to_cube(row.data(), n, cube.data());
+      auto energy = [&] { return std::inner_product(cube.begin(), cube.end(), cube.begin(), 0.0); };
+      const double e0 = energy();
+      transform_cube(cube.data(), +1);
+      EXPECT_NEAR(energy(), e0, 2e-10 * e0);
+      transform_cube(cube.data(), -1);
+      cube_to_row(back.data(), n, cube.data());
+      for (int64_t i = 0; i < n; ++i) ASSERT_NEAR(back[i], row[i], 1e-10 * std::sqrt(e0)) << i;
+    }
+  }
+}
+
+TEST(Transform, KnownCoefficients) {
+  // One daub2 step on an impulse: the taps at their periodic places, the
+  // smooth half first, the high-pass filter reversed with alternating signs.
+  use_wavelet("daub2");
+  std::vector<double> a{1, 0, 0, 0, 0, 0, 0, 0};
+  PWT(a.data(), 8, true);
+  const std::vector<double> c = filter;
+  EXPECT_EQ(a, (std::vector<double>{c[0], 0, 0, c[2], c[3], 0, 0, c[1]}));
+  // A constant under daub1: the pyramids on 8 and 16 end at two smooth
+  // coefficients of sqrt(n / 2) each; the extent of 4 is left alone.
+  use_wavelet("daub1");
+  std::vector<double> cube(8 * 4 * 16, 1.0);
+  const int32_t nn[3] = {8, 4, 16};
+  WTN(cube.data(), nn, 1);
+  for (int p = 0; p < 512; ++p) EXPECT_NEAR(cube[p], p % 8 < 2 && p / 32 < 2 ? std::sqrt(32.0) : 0.0, 1e-12) << p;
+}
+
+TEST(Wctol, LogAndChoicesWhereTheCurveGivesNoAnswer) {
+  use_wavelet("daub2");
+  set_mesh(4, 4, 4);
+  const auto bands = band_row({{10, 5e-7}, {20, 2e-6}, {33, 0.5}, {1, 1.0}});
+  const auto empty_first = band_row({{63, 2e-6}, {1, 1.0}});
+  std::vector<double> steady, zero(64, 0.0), wtz(64, 1.0);
+  for (int m = 0; m < 64; ++m) steady.push_back(std::pow(10.0, -m * 3.0 / 63.0));
+  auto est = [&](const char* l) { return [&, l] { double s, b; estimate_thresholds(64, wtz, top_index, {}, l, s, b); }; };
+  auto tol = [](const std::vector<double>& r, double eps) { return [&r, eps] { wctol(r.data(), 64, eps); }; };
+  const std::string reach = " Cannot achieve the required relative accuracy,\n program is terminated.\n";
+  const std::string bad_eps =
+      "\nERROR: the relative accuracy must be above 0 when itol is 1.\nprogram is terminated.\n";
+  const std::string unreadable = "Unrecognized input for compression threshold,\nprogram is terminated.\n";
+  const std::string no_row = "\nERROR: the sample row has no finite value other than 0, so no threshold\n"
+      "can be estimated from it. Give the relative threshold itself (itol 2).\nprogram is terminated.\n";
+  const std::string too_big = "\nERROR: the mesh is too large for wavelet compression: the padded cube of\n"
+      "       2048 x 2048 x 512 elements has more places than the 2147483647\n"
+      "       that the positions of a compressed row can address.\n"
+      "       Use a smaller mesh, or NONE for no compression.\n\n";
+  const struct { const char* what; std::function<void()> call; bool stops; std::string screen, log; } cases[] = {
+      // Between the first two points in log-log: 2.07e-6 of the top energy.
+      {"interpolated", tol(bands, 1e-3), false, "", block("1.0000E-03", "1.4400E-03", "1.8824E+00")},
+      {"flat curve: the last point", tol(bands, 0.5), false, "", block("5.0000E-01", "3.1623E-01", "1.8824E+00")},
+      {"no energy at point 1", tol(empty_first, 5e-3), false, "", block("5.0000E-03", "1.0000E-03", "1.0000E+00")},
+      {"extrapolated past 0.1", tol(steady, 0.5), false, "", block("5.0000E-01", "5.2070E-01", "1.0667E+01")},
+      {"extrapolated past 1", tol(steady, 0.99), false, "", block("9.9000E-01", "1.0000E+00", "6.4000E+01")},
+      {"first point misses eps", tol(bands, 1e-4), true, "", reach},
+      {"all-zero sample row", tol(zero, 0.05), true, no_row, no_row},
+      {"itol 1, eps 0", est("1 0"), true, bad_eps, bad_eps},
+      {"itol 1, eps below 0", est("1 -0.05"), true, bad_eps, bad_eps},
+      {"itol without eps", est("1"), true, unreadable, unreadable},
+      {"cube over 32-bit positions", [] { qt::set_uniform_mesh(1025, 2000, 300, 1, 1, 1); set_padded_extents(); },
+       true, too_big, too_big}};
+  for (const auto& c : cases) {
+    qt::capture cap;
+    if (c.stops) EXPECT_THROW(c.call(), qt::stop_caught) << c.what;
+    else c.call();
+    EXPECT_EQ(cap.screen(), c.screen) << c.what;
+    EXPECT_EQ(cap.log(), c.log) << c.what;
+  }
+}
+
+TEST(SetupCompression, SurveyReachesTheAccuracyAndThePredictedRatio) {
+  set_mesh(16, 16, 8, {}, 10.0);
+  qt::set_field(90.0, 0.0, 90.0, 0.0);
+  for (int iy = 0; iy < 8; ++iy)
+    for (int ix = 0; ix < 8; ++ix) qt::add_datum(8.0 + 20.0 * ix, 6.0 + 20.0 * iy, 2.0);
+  const int32_t n = cells.nactive;
+  std::vector<double> wtz(n), g(n), a(n, 0.01);
+  for (int32_t k = 0; k < n; ++k) wtz[k] = std::pow(10.0 * (k % 8 + 1) - 2.0, -1.5);  // by depth
+  qt::capture cap;
+  setup_compression(n, wtz, top_index, std::vector<int32_t>(obs.ndata, 1), "daub2", "1 0.05");
+  const double predicted = std::stod(cap.log().substr(cap.log().find("Predicted compression  ratio:") + 29));
+  transform_test_model(a, wtz);
+  int64_t nnz = 0;
+  double datum_err = 0.0, row_err = 0.0;
+  for (int32_t i = 1; i <= obs.ndata; ++i) {
+    sens_row(mesh.yn.data(), mesh.xn.data(), mesh.zn.data(), mesh.ny, mesh.nx, mesh.nz, top_index.data(), i,
+             obs.obs_y[i - 1], obs.obs_x[i - 1], mesh.z0 - obs.obs_z[i - 1], g.data(), g.size());
+    double full = 0.0, d2 = 0.0, g2 = 0.0;
+    for (int32_t k = 0; k < n; ++k) full += a[k] * g[k], g[k] /= wtz[k];
+    COMPRESS_ROW(g.data(), n, g_compressed[i - 1], nnz, 1);
+    datum_err += std::fabs((full - dot_compressed(g_compressed[i - 1])) / full) / obs.ndata;
+    const std::vector<double> back = decompress(g_compressed[i - 1], n);
+    for (int32_t k = 0; k < n; ++k) d2 += (back[k] - g[k]) * (back[k] - g[k]), g2 += g[k] * g[k];
+    row_err = std::max(row_err, std::sqrt(d2 / g2));
+  }
+  const double ratio = static_cast<double>(n) * obs.ndata / static_cast<double>(nnz);
+  EXPECT_LE(datum_err, 0.05);
+  EXPECT_LE(row_err, 0.075);
+  EXPECT_TRUE(predicted < 2.0 * ratio && predicted > 0.5 * ratio) << predicted << " " << ratio;
+}
+
+TEST(CompressRow, ThresholdEdges) {
+  // Extents of 4 and less are not filtered: the coefficients are the row.
+  use_wavelet("daub2");
+  set_mesh(4, 2, 3);
+  const int32_t n = cells.nactive;
+  std::vector<double> row(n, 0.25), zero(n, 0.0);
+  row[5] = -2.0;                      // the largest magnitude
+  row[7] = 1.0;                       // exactly t at the relative threshold 0.5
+  row[9] = std::nextafter(1.0, 0.0);  // just below it
+  compressed_row rec;
+  int64_t nnz = 3;
+  wctol_surface = 0.5, wctol_borehole = 2.0;
+  ALLOC_WORK();
+  COMPRESS_ROW(row.data(), n, rec, nnz, +1);
+  EXPECT_EQ(nnz, 3 + 2);
+  // Row places 6 and 8: (iz 3, ix 2) and (iz 2, ix 3) of the first y column.
+  EXPECT_EQ(rec.idx, (std::vector<int32_t>{3 + 4, 2 + 8}));
+  EXPECT_EQ(rec.val, (std::vector<float>{-2.0f, 1.0f}));
+  // The borehole threshold, above 1: nothing kept, and the record gives 0.
+  nnz = 0;
+  COMPRESS_ROW(row.data(), n, rec, nnz, -1);
+  EXPECT_TRUE(nnz == 0 && rec.idx.empty() && rec.val.empty());
+  transform_test_model(std::vector<double>(n, 0.01), std::vector<double>(n, 1.0));
+  EXPECT_EQ(dot_compressed(rec), 0.0);
+  // An all-zero row: m = 0, t = 0, every place of the cube passes, padding too.
+  COMPRESS_ROW(zero.data(), n, rec, nnz, +1);
+  EXPECT_EQ(nnz, ncube);
+  DEALLOC_WORK();
+}
+
+TEST(CompressRow, ThresholdZeroKeepsTheRowsAndTheAverage) {
+  use_wavelet("daub3");
+  std::vector<int32_t> top(6 * 7, 0);
+  top[1] = 1, top[3] = 2, top[6] = 5, top[16] = 3, top[41] = 4;  // inactive cells
+  set_mesh(7, 6, 5, top);
+  const int32_t n = cells.nactive, ndata = 12;
+  obs.ndata = ndata, wctol_surface = 0.0;
+  g_compressed.assign(ndata, compressed_row{});
+  std::vector<double> wtz(n), avg(n, 0.0), without_5th(n, 0.0), row(n);
+  for (int32_t k = 0; k < n; ++k) wtz[k] = 0.3 + 0.05 * (k % 11);
+  int64_t nnz = 0;
+  for (int32_t i = 0; i < ndata; ++i) {
+    double scale = 0.0;
+    for (int32_t k = 0; k < n; ++k) {
+      const double g = std::sin(0.7 * k * k + i);
+      row[k] = g / wtz[k], scale = std::max(scale, std::fabs(row[k]));
+      avg[k] += std::fabs(g) / ndata;
+      if (i != 4) without_5th[k] += std::fabs(g) / ndata;
+    }
+    COMPRESS_ROW(row.data(), n, g_compressed[i], nnz, 1);
+    // Every coefficient kept: the row comes back up to its 32-bit values.
+    const std::vector<double> back = decompress(g_compressed[i], n);
+    for (int32_t k = 0; k < n; ++k) ASSERT_NEAR(back[k], row[k], 4e-7 * scale) << i << " " << k;
+  }
+  EXPECT_EQ(nnz, ndata * ncube);
+  for (const auto& expect : {avg, without_5th}) {
+    std::vector<double> got;
+    qt::capture cap;
+    UNCOMPRESSG(n, wtz, got);
+    EXPECT_EQ(cap.screen().rfind(" Uncompressing ...\n % done:\n", 0), 0u);
+    for (int32_t k = 0; k < n; ++k) EXPECT_NEAR(got[k], expect[k], 1e-6 * (1 + expect[k])) << k;
+    g_compressed[4] = compressed_row{};  // an empty record adds nothing and still counts
+  }
+}
+
+TEST(ReportCompression, LogLines) {
+  params.diag_flag = false;
+  const double full[3] = {2.0, -4.0, 1.0}, comp[3] = {2.2, -4.0, 1.05};
+  const double zfull[3] = {0.0, 2.0, 0.0}, zcomp[3] = {1.0, 2.5, 0.0};
+  const std::string nnz = "\n\n          Number of non-zeros:", ratio = "\n          Compression   ratio:";
+  const struct { int32_t n, ndata; int64_t nnz; const double *full, *comp; std::string log; } cases[] = {
+      {100, 4, 40, nullptr, nullptr, nnz + "        40" + ratio + "  1.0000E+01\n\n\n"},
+      {7, 3, 9, full, comp,
+       nnz + "         9" + ratio + "  2.3333E+00\n\n      achieved relative error:  5.0000E-02\n\n"},
+      // A datum of zero response has no relative error: left out, and counted.
+      {7, 3, 0, zfull, zcomp, nnz + "         0" + ratio + "   no coefficient kept\n\n"
+       "      achieved relative error:  2.5000E-01\n  zero-response data left out:         2\n\n"}};
+  for (const auto& c : cases) {
+    qt::capture cap;
+    report_compression(c.n, c.ndata, c.nnz, c.full, c.comp);
+    EXPECT_EQ(cap.log(), c.log) << c.nnz;
+    EXPECT_EQ(cap.screen(), "") << c.nnz;
+  }
+}
