@@ -1,0 +1,95 @@
+// The output files: the matrix file's frames and chaining byte for byte and a
+// whole file read back by the tests' own reader; the text files line by line.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "model/model.hpp"
+#include "output/diagnostic_files.hpp"
+#include "output/matrix_file.hpp"
+#include "support/matrix_reader.hpp"
+#include "support/test_support.hpp"
+#include "wavelet/compression.hpp"
+
+const auto bytes = [](const auto& v) {
+  return std::string(reinterpret_cast<const char*>(v.data()), v.size() * sizeof(v[0]));
+};
+const auto i32 = [](int32_t v) { return bytes(std::vector<int32_t>{v}); };
+
+// One record of two blocks cut at limits 4, 5 and 10, then an empty record.
+TEST(MatrixFile, RecordFrames) {
+  qt::scratch_dir dir;
+  dir.cd();
+  std::FILE* f = std::fopen("r.bin", "wb");
+  for (int64_t limit : {4, 5, 10}) write_record(f, {{"abc", 3}, {"defghij", 7}}, limit);
+  write_record(f, {{"", 0}}, 4);
+  std::fclose(f);
+  EXPECT_EQ(file_bytes("r.bin"),
+            i32(-4) + "abcd" + i32(4) + i32(-4) + "efgh" + i32(-4) + i32(2) + "ij" + i32(-2) +
+                i32(-5) + "abcde" + i32(5) + i32(5) + "fghij" + i32(-5) + i32(10) + "abcdefghij" +
+                i32(10) + i32(0) + i32(0));
+}
+
+// A compressed file (rows of 0, 3 and 6 coefficients, a filter, padded
+// extents) in frames of at most 10 bytes, so that most records are chained.
+TEST(MatrixFile, ChainedCompressedFileReadsBack) {
+  qt::scratch_dir dir;
+  dir.cd();
+  qt::capture cap;
+  qt::set_uniform_mesh(4, 3, 3, 5, 10, 2, -10, 100, 50);
+  obs.ndata = 3;
+  compressed = true, ncof = 4, nyp = nxp = nzp = 4, filter = {0.48, 0.83, 0.22, -0.12};
+  g_compressed.assign(3, compressed_row{});
+  for (int i = 0; i < 3; ++i)
+    for (int k = 0; k < 3 * i; ++k)
+      g_compressed[i].idx.push_back(1 + 2 * k + i), g_compressed[i].val.push_back(0.25f * k - i);
+  const std::vector<double> wtz(36, 2.0), sq(36, 3.5);
+  write_matrix(36, wtz, top_index, 1, sq, 10);
+  EXPECT_EQ(cap.screen(), "\nWriting out the matrix.\n\n");
+  frame_reader rd{file_bytes("dulmarok.mtx"), 0, 10, {}};
+  std::vector<std::string> recs;
+  while (!rd.at_end() && recs.size() < 11) recs.push_back(rd.record());
+  ASSERT_EQ(recs.size(), 10u);
+  EXPECT_EQ(recs[0], i32(3) + i32(36) + i32(3) + i32(4) + i32(3));
+  EXPECT_EQ(recs[1], bytes(mesh.yn) + bytes(mesh.xn) + bytes(mesh.zn) + bytes(std::vector{50.0}));
+  EXPECT_EQ(recs[3], i32(4) + bytes(filter));
+  EXPECT_EQ(recs[4], i32(4) + i32(4) + i32(4));
+  EXPECT_EQ(recs[5], i32(1) + bytes(wtz));
+  for (const compressed_row& g : g_compressed)
+    EXPECT_EQ(recs[6 + g.idx.size() / 3], i32(g.idx.size()) + bytes(g.idx) + bytes(g.val));
+  EXPECT_EQ(recs[9], bytes(sq));
+  EXPECT_EQ(rd.parts[5], 30);  // 292 bytes in frames of 10
+}
+
+// Columns in file order (iy outermost) with tops 0, 1, 3 and 2 of 3 cells,
+// each value over dz * (dx * dy), a cell of no volume 0; too few values stop.
+// A data file with idir 0 carries the datum's direction, with idir 1 not.
+TEST(DiagnosticFiles, ExactLines) {
+  qt::scratch_dir dir;
+  dir.cd();
+  qt::set_uniform_mesh(2, 2, 3, 1, 1, 1);
+  mesh.dy = {2, 0}, mesh.dx = {1, 5}, mesh.dz = {10, 0.5, 2};
+  write_sensitivity_model({20, -3, 4, 50, 1, 80}, {0, 3, 1, 2}, "s.txt");
+  EXPECT_EQ(qt::read_file("s.txt"), " 1.00000E+00\n-3.00000E+00\n 1.00000E+00\n 1.0E-20\n"
+                                    " 1.00000E+01\n 5.00000E-02\n 1.0E-20\n 1.0E-20\n 1.0E-20\n"
+                                    " 1.0E-20\n 1.0E-20\n 0.00000E+00\n");
+  qt::set_field(65.5, -3.25, 90, 0, 51234.5, 0);
+  qt::add_datum(1234.5, -0.125, 100, 45, 100.25);
+  qt::add_datum(-20, 3e5, 0, -12.5, 0);
+  write_data_file("d.txt", {0.5, -1234.5678});
+  EXPECT_EQ(qt::read_file("d.txt"),
+            "     65.50     -3.25  51234.50  !! incl, decl, geomag\n"
+            "     90.00      0.00      0     !! aincl, adecl, idir\n"
+            "      2                         !! # of data\n"
+            "  1.234500000E+03 -1.250000000E-01  1.000000000E+02    4.5000E+01  1.0025E+02"
+            "    5.000000E-01\n"
+            " -2.000000000E+01  3.000000000E+05  0.000000000E+00   -1.2500E+01  0.0000E+00"
+            "   -1.234568E+03\n");
+  obs.idir = 1;
+  write_data_file("d1.txt", {0.5, 2});
+  EXPECT_EQ(qt::read_lines("d1.txt")[3],
+            "  1.234500000E+03 -1.250000000E-01  1.000000000E+02    5.000000E-01");
+  qt::capture cap;
+  EXPECT_THROW(write_sensitivity_model({1, 2}, {0, 3, 1, 2}, "short.txt"), qt::stop_caught);
+}
