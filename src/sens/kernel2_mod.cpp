@@ -100,17 +100,6 @@ bool rows_fit(int32_t n, const std::vector<int32_t>& top) {
   return cells == n;
 }
 
-// alloc_row: a zeroed row of n values, or the allocation stop with name.
-void alloc_row(std::vector<double>& v, int32_t n, const char* name) {
-  try {
-    v.assign(static_cast<std::size_t>(n > 0 ? n : 0), 0.0);
-  } catch (const std::bad_alloc&) {
-    alloc_failed(name);
-  } catch (const std::length_error&) {
-    alloc_failed(name);
-  }
-}
-
 // copy_cells: m cells of one column of the cube, each divided by its weight
 // w, with the thread's sums: avg takes the unweighted value as it stands in
 // the cube, sq the weighted one squared. The weighted values go, rounded to
@@ -191,18 +180,8 @@ void KERNEL2(int32_t n, const std::vector<double>& wtz, const std::vector<int32_
   sens_sq.assign(nn, 0.0);
 
   // The test model of the compression check.
-  std::vector<double> model, data_full, data_comp;
-  if (compressed) {
-    alloc_row(model, n, "kernel2");
-    alloc_row(data_full, ndata, "kernel2");
-    alloc_row(data_comp, ndata, "kernel2");
-    std::fill(model.begin(), model.end(), 0.01);
-    transform_test_model(model, wtz);
-  }
-
-  std::fflush(log_out());
-  say_screen(" Calculating sensitivity matrix ...");
-  say_screen(" % done:");
+  compression_check check;
+  begin_rows(n, ndata, wtz, "kernel2", check);
   int32_t count = 0;
   int64_t nnz = 0;
 
@@ -222,12 +201,9 @@ void KERNEL2(int32_t n, const std::vector<double>& wtz, const std::vector<int32_
   const std::size_t line_stride = static_cast<std::size_t>(nx2) * col_stride;
 #pragma omp parallel default(shared)
   {
-    std::vector<double> g, my_avg, my_sq;
-    alloc_row(g, n, "kernel2 g");
-    alloc_row(my_avg, n, "kernel2");
-    alloc_row(my_sq, n, "kernel2");
-    int64_t my_nnz = 0;
-    if (compressed) ALLOC_WORK();
+    thread_rows t;
+    begin_thread_rows(n, "kernel2 g", "kernel2", t);
+    std::vector<double> &g = t.g, &my_avg = t.avg, &my_sq = t.sq;
 
 #pragma omp for schedule(static) nowait
     for (int32_t i = 0; i < ndata; ++i) {
@@ -263,10 +239,10 @@ void KERNEL2(int32_t n, const std::vector<double>& wtz, const std::vector<int32_
       // A compressed row: the test datum is that of the unweighted row.
       if (compressed) {
         double full = 0.0;
-        for (std::size_t k = 0; k < nn; ++k) full += model[k] * (g[k] * wtz[k]);
-        data_full[id] = full;
-        COMPRESS_ROW(g.data(), n, g_compressed[id], my_nnz, obs_type[id]);
-        data_comp[id] = dot_compressed(g_compressed[id]);
+        for (std::size_t k = 0; k < nn; ++k) full += check.model[k] * (g[k] * wtz[k]);
+        check.data_full[id] = full;
+        COMPRESS_ROW(g.data(), n, g_compressed[id], t.nnz, obs_type[id]);
+        check.data_comp[id] = dot_compressed(g_compressed[id]);
       }
 
 #pragma omp critical(kernel2_progress)
@@ -276,30 +252,12 @@ void KERNEL2(int32_t n, const std::vector<double>& wtz, const std::vector<int32_
       }
     }
 
-#pragma omp barrier
-    std::vector<double>().swap(g);
-    if (compressed) DEALLOC_WORK();
-
-#pragma omp critical(kernel2_sums)
-    {
-      for (std::size_t k = 0; k < nn; ++k) {
-        sens_sq[k] += my_sq[k];
-        sens_avg[k] += my_avg[k];
-      }
-      nnz += my_nnz;
-    }
+    end_thread_rows(t, sens_sq, sens_avg, nnz);
   }
 
-  for (std::size_t k = 0; k < nn; ++k) sens_avg[k] /= ndata;
   std::vector<double>().swap(gbig);
   std::vector<double>().swap(yn2);
   std::vector<double>().swap(xn2);
   std::vector<int32_t>().swap(top2);
-
-  if (compressed) {
-    report_compression(n, ndata, nnz, data_full.data(), data_comp.data());
-    std::vector<double>().swap(model);
-    std::vector<double>().swap(data_full);
-    std::vector<double>().swap(data_comp);
-  }
+  end_rows(n, ndata, nnz, sens_avg, check);
 }

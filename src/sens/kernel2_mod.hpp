@@ -21,8 +21,8 @@
 //   disagree. An extended mesh of 2^31 cells or more, or arguments that give
 //   no usable shift, send the run through KERNEL, with a line in the log.
 // Calls: DEALLOC_AT, sens_row, report_progress, KERNEL (fallback),
-//   transform_test_model, ALLOC_WORK, COMPRESS_ROW, dot_compressed,
-//   DEALLOC_WORK, report_compression.
+//   begin_rows, begin_thread_rows, COMPRESS_ROW, dot_compressed,
+//   end_thread_rows, end_rows.
 void KERNEL2(int32_t n, const std::vector<double>& wtz, const std::vector<int32_t>& top_index,
              const std::vector<int32_t>& obs_type, int32_t ref_datum, double cell_dy,
              double cell_dx, std::vector<double>& sens_sq, std::vector<double>& sens_avg);

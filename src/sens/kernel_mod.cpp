@@ -23,7 +23,7 @@ int32_t last_step = -1;
 // alloc_row: a zeroed row of n values, or the allocation stop with name.
 void alloc_row(std::vector<double>& v, int32_t n, const char* name) {
   try {
-    v.assign(static_cast<std::size_t>(n), 0.0);
+    v.assign(static_cast<std::size_t>(n > 0 ? n : 0), 0.0);
   } catch (const std::bad_alloc&) {
     alloc_failed(name);
   } catch (const std::length_error&) {
@@ -32,6 +32,54 @@ void alloc_row(std::vector<double>& v, int32_t n, const char* name) {
 }
 
 }  // namespace
+
+void begin_rows(int32_t n, int32_t ndata, const std::vector<double>& wtz, const char* name,
+                compression_check& check) {
+  if (compressed) {
+    alloc_row(check.model, n, name);
+    alloc_row(check.data_full, ndata, name);
+    alloc_row(check.data_comp, ndata, name);
+    std::fill(check.model.begin(), check.model.end(), 0.01);
+    transform_test_model(check.model, wtz);
+  }
+  std::fflush(log_out());
+  say_screen(" Calculating sensitivity matrix ...");
+  say_screen(" % done:");
+}
+
+void begin_thread_rows(int32_t n, const char* g_name, const char* name, thread_rows& t) {
+  alloc_row(t.g, n, g_name);
+  alloc_row(t.avg, n, name);
+  alloc_row(t.sq, n, name);
+  t.nnz = 0;
+  if (compressed) ALLOC_WORK();
+}
+
+void end_thread_rows(thread_rows& t, std::vector<double>& sens_sq, std::vector<double>& sens_avg,
+                     int64_t& nnz) {
+#pragma omp barrier
+  std::vector<double>().swap(t.g);
+  if (compressed) DEALLOC_WORK();
+#pragma omp critical(row_loop_sums)
+  {
+    for (std::size_t k = 0; k < t.sq.size(); ++k) sens_sq[k] += t.sq[k];
+    for (std::size_t k = 0; k < t.avg.size(); ++k) sens_avg[k] += t.avg[k];
+    nnz += t.nnz;
+  }
+}
+
+void end_rows(int32_t n, int32_t ndata, int64_t nnz, std::vector<double>& sens_avg,
+              compression_check& check) {
+  if (ndata > 0) {
+    for (double& v : sens_avg) v /= ndata;
+  }
+  if (compressed) {
+    report_compression(n, ndata, nnz, check.data_full.data(), check.data_comp.data());
+    std::vector<double>().swap(check.model);
+    std::vector<double>().swap(check.data_full);
+    std::vector<double>().swap(check.data_comp);
+  }
+}
 
 // report_progress
 // Given: rows done and the total. Returns: nothing; writes the next step of
@@ -59,9 +107,9 @@ void report_progress(int32_t done, int32_t total) {
 // Fails: "kernel g" / "kernel" when a thread's row, its sums or the arrays of
 // the compression check can't be had; a store or an argument that doesn't fit
 // the rows stops with a text; the stops of sens_row and of the row store.
-// Calls: SET_G_VALUES, sens_row, report_progress, and when compressed
-// transform_test_model, ALLOC_WORK, COMPRESS_ROW, dot_compressed,
-// DEALLOC_WORK, report_compression.
+// Calls: begin_rows, begin_thread_rows, SET_G_VALUES, sens_row,
+// report_progress, end_thread_rows, end_rows, and when compressed
+// COMPRESS_ROW, dot_compressed.
 void KERNEL(int32_t n, const std::vector<double>& wtz, const std::vector<int32_t>& top_index,
             const std::vector<int32_t>& obs_type, std::vector<double>& sens_sq,
             std::vector<double>& sens_avg) {
@@ -81,18 +129,8 @@ void KERNEL(int32_t n, const std::vector<double>& wtz, const std::vector<int32_t
 
   // The compression check: a uniform test model of 0.01, its datum from each
   // full row and from each compressed one.
-  std::vector<double> model, data_full, data_comp;
-  if (compressed) {
-    alloc_row(model, n, "kernel");
-    alloc_row(data_full, ndata, "kernel");
-    alloc_row(data_comp, ndata, "kernel");
-    std::fill(model.begin(), model.end(), 0.01);
-    transform_test_model(model, wtz);
-  }
-
-  std::fflush(log_out());
-  say_screen(" Calculating sensitivity matrix ...");
-  say_screen(" % done:");
+  compression_check check;
+  begin_rows(n, ndata, wtz, "kernel", check);
 
   int32_t count = 0;
   int64_t nnz = 0;
@@ -112,12 +150,9 @@ void KERNEL(int32_t n, const std::vector<double>& wtz, const std::vector<int32_t
 #pragma omp barrier
 
     // The row and the private sums live on the heap, whatever the row length.
-    std::vector<double> g, my_avg, my_sq;
-    alloc_row(g, n, "kernel g");
-    alloc_row(my_avg, n, "kernel");
-    alloc_row(my_sq, n, "kernel");
-    int64_t my_nnz = 0;
-    if (compressed) ALLOC_WORK();
+    thread_rows t;
+    begin_thread_rows(n, "kernel g", "kernel", t);
+    std::vector<double> &g = t.g, &my_avg = t.avg, &my_sq = t.sq;
 
 #pragma omp for schedule(static) nowait
     for (int32_t i = 1; i <= ndata; ++i) {
@@ -130,13 +165,13 @@ void KERNEL(int32_t n, const std::vector<double>& wtz, const std::vector<int32_t
       if (compressed) {
         // The datum of the test model, from the row before the weighting.
         double full = 0.0;
-        for (std::size_t k = 0; k < len; ++k) full += model[k] * g[k];
-        data_full[d] = full;
+        for (std::size_t k = 0; k < len; ++k) full += check.model[k] * g[k];
+        check.data_full[d] = full;
       }
       for (std::size_t k = 0; k < len; ++k) g[k] /= wtz[k];
       if (compressed) {
-        COMPRESS_ROW(g.data(), n, g_compressed[d], my_nnz, obs_type[d]);
-        data_comp[d] = dot_compressed(g_compressed[d]);
+        COMPRESS_ROW(g.data(), n, g_compressed[d], t.nnz, obs_type[d]);
+        check.data_comp[d] = dot_compressed(g_compressed[d]);
       } else {
         float* col = g_full.data() + d * len;
         for (std::size_t k = 0; k < len; ++k) col[k] = static_cast<float>(g[k]);
@@ -149,25 +184,7 @@ void KERNEL(int32_t n, const std::vector<double>& wtz, const std::vector<int32_t
         report_progress(count, ndata);
       }
     }
-#pragma omp barrier
-
-    std::vector<double>().swap(g);
-    if (compressed) DEALLOC_WORK();
-#pragma omp critical(kernel_sums)
-    {
-      for (std::size_t k = 0; k < len; ++k) sens_sq[k] += my_sq[k];
-      for (std::size_t k = 0; k < len; ++k) sens_avg[k] += my_avg[k];
-      nnz += my_nnz;
-    }
+    end_thread_rows(t, sens_sq, sens_avg, nnz);
   }
-
-  if (ndata > 0) {
-    for (std::size_t k = 0; k < len; ++k) sens_avg[k] /= ndata;
-  }
-  if (compressed) {
-    report_compression(n, ndata, nnz, data_full.data(), data_comp.data());
-    std::vector<double>().swap(model);
-    std::vector<double>().swap(data_full);
-    std::vector<double>().swap(data_comp);
-  }
+  end_rows(n, ndata, nnz, sens_avg, check);
 }
