@@ -1,276 +1,207 @@
+// Triangulation and surface, checked by their properties: lists, hull, fill level, empty
+// circumcircles; a plane reproduced inside the hull, the nearest hull point's value outside.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
-#include <numeric>
+#include <numbers>
 #include <random>
 
+#include "topo/surface.hpp"
 #include "topo/triangulation.hpp"
-#include "tri_check.hpp"
-
-using tt::net;
 
 namespace {
 
-net from(std::vector<std::pair<double, double>> pts) {
-  net t;
-  for (auto [x, y] : pts) {
-    t.x.push_back(x);
-    t.y.push_back(y);
-  }
+struct net {
+  std::vector<double> x, y, z;
+  std::vector<int32_t> adj, adj_end;
+  int32_t status = -9;
+  int32_t n() const { return static_cast<int32_t>(x.size()); }
+};
+
+// build: sort (when asked) and triangulate, in arrays of the client's size.
+// The sort must leave x ascending and carry y and z alike (z = x + 2y).
+net build(net t, bool sort = true) {
+  const int32_t n = t.n();
+  t.z.resize(t.x.size());
+  for (int32_t i = 0; i < n; ++i) t.z[i] = t.x[i] + 2 * t.y[i];
+  t.adj.assign(static_cast<std::size_t>(std::max(6 * n - 9, 1)), -7);
+  t.adj_end.assign(static_cast<std::size_t>(std::max(n, 1)), -7);
+  if (sort) order_nodes(n, 3, t.x, t.y, t.z, t.adj_end);
+  for (int32_t i = 0; sort && i < n; ++i)
+    EXPECT_TRUE(t.z[i] == t.x[i] + 2 * t.y[i] && (i == 0 || t.x[i - 1] <= t.x[i])) << i;
+  triangulate(n, t.x, t.y, t.adj, t.adj_end, t.status);
   return t;
 }
 
-bool joined(const net& t, int32_t a, int32_t b) {
-  const auto v = tt::neighbours(t, a);
-  return std::find(v.begin(), v.end(), b) != v.end();
+net points(std::vector<double> x, std::vector<double> y) { return net{x, y, {}, {}, {}}; }
+
+net random_net(int32_t n, uint32_t seed) {
+  std::mt19937 gen(seed);
+  std::uniform_real_distribution<double> u(0.0, 1.0);
+  net t;
+  for (int32_t i = 0; i < n; ++i) t.x.push_back(u(gen)), t.y.push_back(u(gen));
+  return t;
+}
+
+std::vector<int32_t> list(const net& t, int32_t k) {
+  return {t.adj.begin() + (k == 1 ? 0 : t.adj_end[k - 2]), t.adj.begin() + t.adj_end[k - 1]};
+}
+
+// The entry behind a in k's list: cyclic for an interior node, 0 behind the
+// last of a hull node; -1 when a is not in the list.
+int32_t after(const net& t, int32_t k, int32_t a) {
+  const auto v = list(t, k);
+  const auto i = std::find(v.begin(), v.end(), a);
+  return i == v.end() ? -1 : (i + 1 == v.end() ? v.front() : *(i + 1));
+}
+
+long double orient(const net& t, int32_t a, int32_t b, int32_t c) {
+  const long double ax = t.x[a - 1], ay = t.y[a - 1];
+  return (t.x[b - 1] - ax) * (t.y[c - 1] - ay) - (t.y[b - 1] - ay) * (t.x[c - 1] - ax);
+}
+
+// The first property of a Delaunay triangulation that fails, or "".
+std::string check(const net& t) {
+  const int32_t n = t.n();
+  if (t.status != 0) return "status " + std::to_string(t.status);
+  int32_t h = 0, end = 0;
+  for (int32_t k = 1; k <= n; ++k) {
+    if (t.adj_end[k - 1] < end + 2 || t.adj_end[k - 1] > std::ssize(t.adj)) return "list ends";
+    end = t.adj_end[k - 1];
+    h += t.adj[end - 1] == 0;  // a hull node
+  }
+  if (end != 6 * n - 6 - h) return "fill level " + std::to_string(end);
+  for (int32_t k = 1; k <= n; ++k) {
+    const std::string at = " at node " + std::to_string(k);
+    const auto v = list(t, k);
+    const bool hull = v.back() == 0;
+    double turn = 0.0;
+    for (std::size_t i = 0; i + hull < v.size(); ++i) {
+      const int32_t a = v[i], b = i + 1 < v.size() ? v[i + 1] : v[0];
+      if (a < 1 || a > n || a == k || std::count(v.begin(), v.end(), a) != 1) return "entry" + at;
+      if (b == 0) continue;
+      if (!(orient(t, k, a, b) > 0)) return "not counterclockwise" + at;
+      if (after(t, a, b) != k || after(t, b, k) != a) return "neighbours disagree" + at;
+      const double ax = t.x[a - 1] - t.x[k - 1], ay = t.y[a - 1] - t.y[k - 1];
+      const double bx = t.x[b - 1] - t.x[k - 1], by = t.y[b - 1] - t.y[k - 1];
+      turn += std::atan2(ax * by - ay * bx, ax * bx + ay * by);
+      // The circumcircle of (k, a, b), centre relative to k, holds no node.
+      const long double a2 = ax * ax + ay * ay, b2 = bx * bx + by * by, d = 2 * (ax * by - ay * bx);
+      const long double ux = (by * a2 - ay * b2) / d, uy = (ax * b2 - bx * a2) / d;
+      for (int32_t m = 1; a > k && b > k && m <= n; ++m) {  // each triangle once
+        const long double dx = t.x[m - 1] - t.x[k - 1] - ux, dy = t.y[m - 1] - t.y[k - 1] - uy;
+        if (dx * dx + dy * dy < (ux * ux + uy * uy) * (1 - 1e-9L)) return "circumcircle" + at;
+      }
+    }
+    if (!hull && std::fabs(turn - 2 * std::numbers::pi) > 1e-6) return "not one turn" + at;
+    if (hull && after(t, v[0], k) != 0) return "hull chain broken" + at;
+    for (int32_t m = 1; hull && m <= n; ++m)
+      if (orient(t, k, v[0], m) < 0) return "node outside the hull" + at;
+  }
+  return "";
 }
 
 }  // namespace
 
-// ------------------------------------------------------------------ sorting
-
-TEST(SortIndex, OrdersKeysOfEveryLengthAndKeepsThem) {
-  std::mt19937 gen(11);
-  for (int32_t n : {0, 1, 2, 3, 11, 12, 13, 40, 1000, 20000}) {
-    std::vector<double> key(static_cast<std::size_t>(n));
-    // Few distinct values, so that ties are common.
-    for (auto& k : key) k = static_cast<double>(gen() % 97) * 0.5 - 7.0;
-    const auto copy = key;
-    std::vector<int32_t> ind(static_cast<std::size_t>(n), -1);
-    sort_index(n, key, ind);
-    EXPECT_EQ(key, copy);
-    auto sorted_ind = ind;
-    std::sort(sorted_ind.begin(), sorted_ind.end());
-    std::vector<int32_t> one_to_n(static_cast<std::size_t>(n));
-    std::iota(one_to_n.begin(), one_to_n.end(), 1);
-    EXPECT_EQ(sorted_ind, one_to_n) << "n " << n;
-    for (int32_t i = 1; i < n; ++i)
-      ASSERT_LE(key[static_cast<std::size_t>(ind[i - 1] - 1)],
-                key[static_cast<std::size_t>(ind[i] - 1)])
-          << "n " << n;
-  }
-}
-
-TEST(SortIndex, AlreadySortedAndReversedInput) {
-  for (bool reversed : {false, true}) {
-    const int32_t n = 5000;
-    std::vector<double> key(n);
-    for (int32_t i = 0; i < n; ++i) key[i] = reversed ? n - i : i;
-    std::vector<int32_t> ind(n);
-    sort_index(n, key, ind);
-    for (int32_t i = 1; i < n; ++i) ASSERT_LE(key[ind[i - 1] - 1], key[ind[i] - 1]);
-  }
-}
-
-TEST(OrderNodes, PermutesTheCarriedArraysAlike) {
-  std::mt19937 gen(5);
-  const int32_t n = 3001;
-  std::vector<double> x(n), y(n), z(n);
-  for (int32_t i = 0; i < n; ++i) {
-    x[i] = static_cast<double>(gen() % 500);
-    y[i] = i;          // the original place
-    z[i] = 2.0 * i;    // tied to it
-  }
-  const auto x0 = x;
-  std::vector<int32_t> ind(n);
-  order_nodes(n, 3, x, y, z, ind);
-  std::vector<int32_t> seen(n, 0);
-  for (int32_t i = 0; i < n; ++i) {
-    const int32_t from = static_cast<int32_t>(y[i]);
-    EXPECT_EQ(ind[i], from + 1);  // the workspace keeps the permutation, signs restored
-    EXPECT_EQ(x[i], x0[from]);
-    EXPECT_EQ(z[i], 2.0 * from);
-    ++seen[from];
-    if (i > 0) EXPECT_LE(x[i - 1], x[i]);
-  }
-  EXPECT_EQ(std::count(seen.begin(), seen.end(), 1), n);
-
-  // One array only: the others stay as they are.
-  std::vector<double> a{3, 1, 2}, b{30, 10, 20}, c{300, 100, 200};
-  std::vector<int32_t> w(3);
-  order_nodes(3, 1, a, b, c, w);
-  EXPECT_EQ(a, (std::vector<double>{1, 2, 3}));
-  EXPECT_EQ(b, (std::vector<double>{30, 10, 20}));
-}
-
-// ------------------------------------------------------------- small cases
-
-TEST(Triangulate, FewerThanThreeNodesLeaveTheArraysAlone) {
-  net t = from({{0, 0}, {1, 1}});
-  tt::build(t, false);
-  EXPECT_EQ(t.status, 1);
-  EXPECT_TRUE(std::all_of(t.adj.begin(), t.adj.end(), [](int32_t v) { return v == -7; }));
-  EXPECT_TRUE(std::all_of(t.adj_end.begin(), t.adj_end.end(), [](int32_t v) { return v == -7; }));
-}
-
-TEST(Triangulate, ThreeNodesGiveThreeHullLists) {
-  net t = from({{0, 0}, {1, 0}, {0, 1}});
-  tt::build(t, false);
-  ASSERT_EQ(t.status, 0);
-  EXPECT_EQ(t.adj_end, (std::vector<int32_t>{3, 6, 9}));
-  for (int32_t k = 1; k <= 3; ++k) {
-    const auto v = tt::neighbours(t, k);
-    ASSERT_EQ(v.size(), 3u);
-    EXPECT_EQ(v[2], 0);
-  }
-  EXPECT_EQ(tt::check_triangulation(t, true), "");
-}
-
-TEST(Triangulate, CollinearNodesGiveStatus2AndTheirOrderAlongTheLine) {
-  // Out of order along the line: before the left end, between, behind the right end.
-  net t = from({{1, 1}, {2, 2}, {0, 0}, {1.5, 1.5}, {3, 3}, {0.5, 0.5}});
-  const std::vector<int32_t> adj_before(t.adj);
-  tt::build(t, false);
-  EXPECT_EQ(t.status, 2);
-  EXPECT_EQ(t.adj_end, (std::vector<int32_t>{3, 6, 1, 4, 2, 5}));
-  EXPECT_TRUE(std::all_of(t.adj.begin(), t.adj.end(), [](int32_t v) { return v == -7; }));
-}
-
-TEST(Triangulate, CollinearStartThenANodeOffTheLineOnEitherSide) {
+TEST(Triangulate, PointSetsGiveDelaunayTriangulations) {
+  std::vector<std::pair<net, bool>> sets{{points({0, 1, 0}, {0, 0, 1}), false}};
+  // Collinear starts, scrambled along the line, then an off-line node left
+  // or right: a fan. Then nodes on both sides.
   for (double side : {1.0, -1.0}) {
-    for (double off_x : {-1.0, 0.0, 1.5, 4.0, 9.0}) {
-      // The line nodes come in a scrambled order; the last one is off the line.
-      net t = from({{1, 0}, {2, 0}, {0, 0}, {1.5, 0}, {3, 0}, {0.5, 0}, {off_x, side}});
-      tt::build(t, false);
-      EXPECT_EQ(tt::check_triangulation(t, true), "") << side << " " << off_x;
-      // A fan: the off-line node sees every line node, and the line nodes
-      // join only their neighbours along the line.
-      for (int32_t k = 1; k <= 6; ++k) EXPECT_TRUE(joined(t, 7, k));
-      EXPECT_TRUE(joined(t, 3, 6));
-      EXPECT_TRUE(joined(t, 6, 1));
-      EXPECT_TRUE(joined(t, 1, 4));
-      EXPECT_TRUE(joined(t, 4, 2));
-      EXPECT_TRUE(joined(t, 2, 5));
-      EXPECT_FALSE(joined(t, 3, 1));
-      EXPECT_EQ(tt::hull_count(t), 7);
+    for (double off : {-1.0, 0.0, 1.5, 4.0, 9.0})
+      sets.push_back({points({1, 2, 0, 1.5, 3, 0.5, off}, {0, 0, 0, 0, 0, 0, side}), false});
+    sets.push_back({points({0, 0, 0, 0, side, -side, 2 * side, -3 * side, 0.1},
+                           {0, 1, 2, 3, 1.5, 0.7, 5, -1, 9}), false});
+  }
+  for (uint32_t s = 1; s <= 30; ++s) sets.push_back({random_net(3 + 7 * s, s), true});
+  sets.push_back({random_net(400, 77), false});
+  sets.push_back({random_net(2500, 2024), true});
+  // Integer grids, every cell four cocircular nodes: equality keeps the
+  // diagonal, so no swap loop repeats.
+  for (const auto& g : {std::array{12, 9, 1, 1}, {25, 25, 2, 3}, {1, 40, 1, 1}, {40, 2, 5, 1}}) {
+    net s;
+    for (int i = 0; i <= g[0]; ++i)
+      for (int j = 0; j <= g[1]; ++j) s.x.push_back(i * g[2]), s.y.push_back(j * g[3]);
+    sets.push_back({s, true});
+  }
+  for (const auto& [t, sort] : sets) EXPECT_EQ(check(build(t, sort)), "") << t.n() << " nodes";
+}
+
+TEST(Triangulate, FewNodesCollinearNodesAndCocircularQuads) {
+  const net two = build(points({0, 1}, {0, 1}), false);
+  EXPECT_TRUE(two.status == 1 && two.adj_end == std::vector<int32_t>(2, -7));
+  // All on one line: status 2, adj untouched, adj_end their order along it.
+  const net line = build(points({1, 2, 0, 1.5, 3, 0.5}, {1, 2, 0, 1.5, 3, 0.5}), false);
+  EXPECT_EQ(line.status, 2);
+  EXPECT_EQ(line.adj_end, (std::vector<int32_t>{3, 6, 1, 4, 2, 5}));
+  EXPECT_EQ(std::count(line.adj.begin(), line.adj.end(), -7), 27);
+  // Cocircular, acute and obtuse across the arc 2-3: it stays; node 4 moved inside: 1-4.
+  const net quad = build(points({-5, 3, 4, 5}, {0, 4, -3, 0}));
+  const net off = build(points({-5, 3, 4, 4.99}, {0, 4, -3, 0}));
+  EXPECT_EQ(check(quad) + check(off), "");
+  EXPECT_TRUE(after(quad, 2, 3) > 0 && after(off, 1, 4) > 0);
+  // The checker sees a node moved into a circumcircle and a list out of order.
+  net moved = off, broken = build(random_net(50, 4));
+  moved.x[3] = 9.0;
+  std::swap(broken.adj[10], broken.adj[11]);
+  EXPECT_TRUE(check(moved) != "" && check(broken) != "");
+}
+
+namespace {
+
+double plane(double x, double y) { return 12.5 - 3.0 * x + 7.25 * y; }
+
+// Nodes valued on the plane: random in the unit square, and its corners.
+net on_plane(int32_t inner, uint32_t seed, bool corners) {
+  net t = random_net(inner, seed);
+  for (int c = 0; corners && c < 4; ++c) t.x.push_back(c / 2), t.y.push_back(c % 2);
+  t = build(t);
+  for (int32_t k = 0; k < t.n(); ++k) t.z[k] = plane(t.x[k], t.y[k]);
+  return t;
+}
+
+struct ev { double pz = -1.0; int32_t st = -9, ist = 1; };
+ev at(const net& t, double px, double py, int32_t ist = 1) {
+  ev e{-1.0, -9, ist};
+  eval_surface(t.n(), px, py, t.x, t.y, t.z, t.adj, t.adj_end, e.ist, e.pz, e.st);
+  return e;
+}
+
+}  // namespace
+
+TEST(EvalSurface, PlaneInsideNearestHullPointOutsideAndTheSameFromAnyStart) {
+  // Nodes on a plane, in a hull of random shape, and samples over and round it: inside,
+  // the plane; outside, the plane at the nearest point of the hull arcs, by brute force.
+  // Searches started at the triangle of the sample before and at node 1 agree.
+  const net t = on_plane(300, 21, false);
+  net r = t;  // the same nodes with random values, for the starts
+  std::mt19937 gen(1);
+  for (auto& z : r.z) z = std::uniform_real_distribution<double>(50, 100)(gen);
+  int32_t ist = 1;
+  for (int i = 0; i < 61 * 61; ++i) {
+    const double px = -0.5 + i / 61 / 30.0, py = -0.5 + i % 61 / 30.0;
+    const ev e = at(t, px, py), carried = at(r, px, py, ist), fresh = at(r, px, py);
+    ASSERT_TRUE(carried.st == fresh.st && std::fabs(carried.pz - fresh.pz) < 1e-9) << px << " " << py;
+    ASSERT_TRUE(carried.ist >= 1 && carried.ist <= t.n());
+    ist = carried.ist;
+    double best = 1e300, value = plane(px, py);
+    for (int32_t a = 1; e.st == 1 && a <= t.n(); ++a) {
+      const auto v = list(t, a);
+      const double ax = t.x[a - 1], ay = t.y[a - 1];
+      const double dx = t.x[v[0] - 1] - ax, dy = t.y[v[0] - 1] - ay, l2 = dx * dx + dy * dy;
+      const double f = std::clamp(((px - ax) * dx + (py - ay) * dy) / l2, 0.0, 1.0);
+      const double d = std::hypot(ax + f * dx - px, ay + f * dy - py);
+      if (v.back() == 0 && d < best) best = d, value = plane(ax + f * dx, ay + f * dy);
     }
+    ASSERT_NEAR(e.pz, value, 1e-9) << px << " " << py << " status " << e.st;
   }
-}
-
-TEST(Triangulate, CollinearStartThenMoreNodesOnBothSides) {
-  for (double side : {1.0, -1.0}) {
-    net t = from({{0, 0}, {0, 1}, {0, 2}, {0, 3}, {side, 1.5}, {-side, 0.7}, {2 * side, 5},
-                  {-3 * side, -1}, {0.1, 9}});
-    tt::build(t, false);
-    EXPECT_EQ(tt::check_triangulation(t, true), "") << side;
-  }
-}
-
-TEST(Triangulate, FourCocircularNodesKeepTheFirstDiagonal) {
-  // Sorted on x: (0,0), (0,1), (1,0), (1,1). The first triangle holds the
-  // arc 2-3; node 4 lies exactly on its circumcircle, so the arc stays.
-  net t = from({{0, 0}, {0, 1}, {1, 0}, {1, 1}});
-  tt::build(t, true);
-  ASSERT_EQ(tt::check_triangulation(t, true), "");
-  EXPECT_TRUE(joined(t, 2, 3));
-  EXPECT_FALSE(joined(t, 1, 4));
-  // Slightly off the circle, the other diagonal wins.
-  net u = from({{0, 0}, {0, 1}, {1, 0}, {1.0005, 0.998}});
-  tt::build(u, true);
-  ASSERT_EQ(tt::check_triangulation(u, true), "");
-  EXPECT_TRUE(joined(u, 1, 4));
-  EXPECT_FALSE(joined(u, 2, 3));
-}
-
-TEST(SwapTest, DecidesByTheOppositeAngles) {
-  // out1 = (0,-1), out2 = (0,1); in1 left at (-a, 0), k right at (b, 0).
-  auto decide = [](double a, double b) {
-    std::vector<double> x{-a, b, 0, 0}, y{0, 0, -1, 1};
-    return swap_test(1, 2, 3, 4, x, y);
-  };
-  EXPECT_FALSE(decide(1.0, 1.0));    // on one circle: keep
-  EXPECT_FALSE(decide(2.0, 2.0));    // both angles acute
-  EXPECT_TRUE(decide(0.5, 0.5));     // both obtuse
-  EXPECT_TRUE(decide(0.5, 1.5));     // obtuse + acute, sum above 180
-  EXPECT_FALSE(decide(3.0, 0.5));    // acute + obtuse, sum below 180
-}
-
-TEST(ShiftBlock, MovesBothWaysWithoutOverwritingItsSource) {
-  std::vector<int32_t> a{1, 2, 3, 4, 5, 6, 7, 8};
-  shift_block(2, 5, 2, a);
-  EXPECT_EQ(a, (std::vector<int32_t>{1, 2, 3, 2, 3, 4, 5, 8}));
-  shift_block(4, 7, -3, a);
-  EXPECT_EQ(a, (std::vector<int32_t>{2, 3, 4, 5, 3, 4, 5, 8}));
-  const auto keep = a;
-  shift_block(3, 2, 1, a);
-  shift_block(1, 8, 0, a);
-  EXPECT_EQ(a, keep);
-}
-
-// ------------------------------------------------------------- large cases
-
-TEST(Triangulate, RandomPointSetsAreDelaunay) {
-  for (uint32_t seed = 1; seed <= 30; ++seed) {
-    net t = tt::random_net(static_cast<int32_t>(3 + seed * 7), seed);
-    tt::build(t);
-    ASSERT_EQ(tt::check_triangulation(t, false), "") << "seed " << seed;
-  }
-}
-
-TEST(Triangulate, UnsortedInputIsDelaunayToo) {
-  net t = tt::random_net(400, 77);
-  tt::build(t, false);
-  EXPECT_EQ(tt::check_triangulation(t, false), "");
-}
-
-TEST(Triangulate, ThousandsOfPoints) {
-  net t = tt::random_net(2500, 2024);
-  tt::build(t);
-  EXPECT_EQ(tt::check_triangulation(t, false), "");
-  EXPECT_LE(t.adj_end.back(), 6 * t.n() - 9);
-}
-
-TEST(Triangulate, GridsFullOfCocircularQuads) {
-  // Square and oblong grids, with integer coordinates so that every test is
-  // exact: every cell is four points on one circle.
-  for (auto [nx, ny, sx, sy] : {std::tuple{12, 9, 1.0, 1.0}, std::tuple{25, 25, 2.0, 3.0},
-                                std::tuple{1, 40, 1.0, 1.0}, std::tuple{40, 2, 5.0, 1.0}}) {
-    net t;
-    std::vector<std::pair<double, double>> pts;
-    for (int i = 0; i < nx + 1; ++i)
-      for (int j = 0; j < ny + 1; ++j) pts.push_back({i * sx, j * sy});
-    std::shuffle(pts.begin(), pts.end(), std::mt19937(3));
-    t = from(pts);
-    tt::build(t);
-    EXPECT_EQ(tt::check_triangulation(t, true), "") << nx << " x " << ny;
-    // Every grid node on the rim is on the hull.
-    EXPECT_EQ(tt::hull_count(t), 2 * (nx + ny));
-  }
-}
-
-TEST(Triangulate, ClustersAndWideRangesOfScale) {
-  // Points at very different scales, and a rotated grid with near-ties.
-  net t;
-  std::mt19937 gen(9);
-  std::normal_distribution<double> g(0.0, 1.0);
-  for (int i = 0; i < 300; ++i) {
-    const double s = (i % 3 == 0) ? 1e-3 : (i % 3 == 1 ? 1.0 : 1e3);
-    t.x.push_back(s * g(gen));
-    t.y.push_back(s * g(gen));
-  }
-  const double c = std::cos(0.3), s = std::sin(0.3);
-  for (int i = 0; i < 15; ++i)
-    for (int j = 0; j < 15; ++j) {
-      t.x.push_back(5000 + c * i - s * j);
-      t.y.push_back(s * i + c * j);
-    }
-  tt::build(t);
-  EXPECT_EQ(tt::check_triangulation(t, false), "");
-}
-
-TEST(TriangulationCheck, CatchesANonDelaunayArc) {
-  // The checker itself: a valid triangulation whose node then moves off the
-  // circle the other way is no longer Delaunay, and a broken list is caught.
-  net u = from({{0, 0}, {0, 1}, {1, 0}, {1.0005, 0.998}});
-  tt::build(u, true);
-  ASSERT_EQ(tt::check_triangulation(u, true), "");
-  u.x[3] = 1.2;
-  u.y[3] = 1.2;
-  EXPECT_NE(tt::check_triangulation(u, true), "");
-  net v = tt::random_net(50, 4);
-  tt::build(v);
-  ASSERT_EQ(tt::check_triangulation(v, false), "");
-  std::swap(v.adj[10], v.adj[11]);
-  EXPECT_NE(tt::check_triangulation(v, false), "");
+  // Behind a node: its value exactly. Behind the middle of an arc: the mean
+  // of its ends. On a hull arc: outside, interpolated along the arc.
+  const net s = on_plane(30, 6, true);
+  const ev node = at(s, 1.5, 1.2), mid = at(s, 0.5, -2.0), on = at(s, 0.0, 0.375);
+  EXPECT_TRUE(node.st == 1 && mid.st == 1 && on.st == 1);
+  EXPECT_EQ(node.pz, plane(1, 1));
+  EXPECT_NEAR(mid.pz, 0.5 * (plane(0, 0) + plane(1, 0)), 1e-12);
+  EXPECT_NEAR(on.pz, plane(0.0, 0.375), 1e-12);
 }
