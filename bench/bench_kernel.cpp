@@ -112,7 +112,7 @@ void Kernel(benchmark::State& state) {
   }
   set_screen(nullptr);
   std::fclose(sink);
-  std::vector<float>().swap(g_full);
+  float_matrix().swap(g_full);
   state.SetItemsProcessed(state.iterations() * int64_t{n} * 2000);
   state.counters["threads"] = threads;
 }

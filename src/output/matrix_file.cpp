@@ -32,8 +32,8 @@ void put_marker(std::FILE* f, int64_t value) {
 }
 
 // need: a record can't read past the end of its array.
-template <typename T>
-void need(const std::vector<T>& v, int64_t count, const char* text) {
+template <typename T, typename A>
+void need(const std::vector<T, A>& v, int64_t count, const char* text) {
   if (count < 0 || static_cast<uint64_t>(v.size()) < static_cast<uint64_t>(count)) stop_text(text);
 }
 
@@ -146,7 +146,7 @@ void write_matrix(int32_t n, const std::vector<double>& wtz, const std::vector<i
                    record_limit);
     }
     // Nothing reads the full matrix after this.
-    std::vector<float>().swap(g_full);
+    float_matrix().swap(g_full);
   }
 
   write_record(f, {{sens_sq.data(), 8 * len}}, record_limit);

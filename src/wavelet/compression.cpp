@@ -3,7 +3,7 @@
 
 bool compressed = false;
 std::vector<compressed_row> g_compressed;
-std::vector<float> g_full;
+float_matrix g_full;
 int32_t ncof = 0;
 std::vector<double> filter;
 int32_t nyp = 0, nxp = 0, nzp = 0;

@@ -3,6 +3,8 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -13,9 +15,32 @@ struct compressed_row {
   std::vector<int32_t> idx;
 };
 
+// uninit_allocator: vectors whose elements start unset. The uncompressed
+// matrix is written whole by the row loops before anything reads it, so
+// zeroing it first would only cost a pass over the largest array of the run.
+template <typename T>
+struct uninit_allocator : std::allocator<T> {
+  template <typename U>
+  struct rebind {
+    using other = uninit_allocator<U>;
+  };
+  uninit_allocator() = default;
+  template <typename U>
+  uninit_allocator(const uninit_allocator<U>&) noexcept {}
+  template <typename U>
+  void construct(U* p) noexcept {
+    ::new (static_cast<void*>(p)) U;
+  }
+  template <typename U, typename... Args>
+  void construct(U* p, Args&&... args) {
+    ::new (static_cast<void*>(p)) U(std::forward<Args>(args)...);
+  }
+};
+using float_matrix = std::vector<float, uninit_allocator<float>>;
+
 extern bool compressed;                        // a wavelet is in use
 extern std::vector<compressed_row> g_compressed;  // one record per datum
-extern std::vector<float> g_full;              // n x ndata, row i at [(i-1)*n]
+extern float_matrix g_full;                        // n x ndata, row i at [(i-1)*n]
 extern int32_t ncof;                           // filter length, 0 for none
 extern std::vector<double> filter;             // ncof unit-norm coefficients
 extern int32_t nyp, nxp, nzp;                  // padded extents (0 when none)

@@ -188,7 +188,7 @@ void estimate_thresholds(int32_t n, const std::vector<double>& wtz,
 //   wavelet name and the tolerance field.
 // Returns: the main thread's direction products set; compressed, filters,
 //   padded extents and thresholds set and g_compressed made (ndata empty
-//   records), or g_full made (n x ndata zeros) when no wavelet is used.
+//   records), or g_full made (n x ndata, each element written by the row loops) when no wavelet is used.
 // Fails: the stops of check_wavelet, set_padded_extents and
 //   estimate_thresholds; no memory for g_compressed: "setup_compression";
 //   for g_full: its own message and a stop.
@@ -222,7 +222,7 @@ void setup_compression(int32_t n, const std::vector<double>& wtz,
     const std::size_t len = static_cast<std::size_t>(n > 0 ? n : 0);
     bool ok = true;
     try {
-      g_full.assign(len * nd, 0.0f);
+      g_full.resize(len * nd);
     } catch (const std::bad_alloc&) {
       ok = false;
     } catch (const std::length_error&) {

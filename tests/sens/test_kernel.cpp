@@ -64,7 +64,7 @@ result run(int32_t n, int threads, bool regular, int32_t ref = 0, double cdy = 2
   omp_set_num_threads(threads);
   regular ? KERNEL2(n, r.wtz, top_index, kinds, ref, cdy, cdx, r.sq, r.avg)
           : KERNEL(n, r.wtz, top_index, kinds, r.sq, r.avg);
-  r.rows = g_full, r.recs = g_compressed, r.screen = cap.screen(), r.log = cap.log();
+  r.rows.assign(g_full.begin(), g_full.end()), r.recs = g_compressed, r.screen = cap.screen(), r.log = cap.log();
   compressed = false;
   g_compressed.clear();
   return r;
