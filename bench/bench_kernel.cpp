@@ -18,43 +18,23 @@
 #include "run/text_io.hpp"
 #include "wavelet/compression.hpp"
 
+#include "support/test_support.hpp"
+
 namespace {
 
 // survey: a 50 x 50 x 42 mesh of 10 m cells under a ground 0 to 2 layers down,
 // and ndata surface data on a grid 1.5 m above the mesh top; returns n.
 int32_t survey(int32_t ndata) {
-  mesh = mesh_model{};
-  mesh.ny = 50;
-  mesh.nx = 50;
-  mesh.nz = 42;
-  mesh.dy.assign(50, 10.0);
-  mesh.dx.assign(50, 10.0);
-  mesh.dz.assign(42, 10.0);
-  mesh.z0 = 500;
-  mesh.yn = {0};
-  mesh.xn = {0};
-  mesh.zn = {0};
-  for (double w : mesh.dy) mesh.yn.push_back(mesh.yn.back() + w);
-  for (double w : mesh.dx) mesh.xn.push_back(mesh.xn.back() + w);
-  for (double w : mesh.dz) mesh.zn.push_back(mesh.zn.back() + w);
-  top_index.assign(2500, 0);
+  qt::set_uniform_mesh(50, 50, 42, 10.0, 10.0, 10.0, 0.0, 0.0, 500.0);
   int32_t n = 0;
   for (int32_t c = 0; c < 2500; ++c) {
     top_index[c] = (c * 7 + c / 50) % 3;
     n += 42 - top_index[c];
   }
-  obs = obs_set{};
-  obs.incl = 65;
-  obs.decl = 12;
-  obs.geomag = 50000;
-  obs.aincl = 65;
-  obs.adecl = 12;
-  obs.idir = 1;
-  obs.ndata = ndata;
+  qt::set_field(65, 12, 65, 12);
   for (int32_t i = 0; i < ndata; ++i) {
-    obs.obs_y.push_back(3.3 + 497.0 * (i % 50) / 50.0);
-    obs.obs_x.push_back(2.7 + 497.0 * ((i / 50) % 50) / 50.0);
-    obs.obs_z.push_back(mesh.z0 + 1.5);
+    qt::add_datum(2.7 + 497.0 * ((i / 50) % 50) / 50.0, 3.3 + 497.0 * (i % 50) / 50.0,
+                  mesh.z0 + 1.5);
   }
   SET_G_VALUES(obs.incl, obs.decl, obs.aincl, obs.adecl);
   return n;

@@ -17,6 +17,8 @@
 #include "sens/kernel_mod.hpp"
 #include "wavelet/compression.hpp"
 
+#include "support/test_support.hpp"
+
 namespace {
 
 constexpr int side = 50, layers = 20;
@@ -41,33 +43,13 @@ struct bench_run {
 bench_run& setup() {
   static bench_run r;
   if (r.n > 0) return r;
-  mesh.nx = side;
-  mesh.ny = side;
-  mesh.nz = layers;
-  mesh.dx.assign(side, 25.0);
-  mesh.dy.assign(side, 25.0);
-  mesh.dz.assign(layers, 12.5);
-  mesh.xn = nodes_from(0.0, side, 25.0);
-  mesh.yn = nodes_from(0.0, side, 25.0);
-  mesh.zn = nodes_from(0.0, layers, 12.5);
-  mesh.z0 = 0.0;
-  top_index.assign(static_cast<std::size_t>(side) * side, 0);
+  qt::set_uniform_mesh(side, side, layers, 25.0, 25.0, 12.5);
   r.n = side * side * layers;
   r.wtz.assign(static_cast<std::size_t>(r.n), 1.0);
 
-  obs.incl = 70.0;
-  obs.decl = 10.0;
-  obs.geomag = 50000.0;
-  obs.aincl = 70.0;
-  obs.adecl = 10.0;
-  obs.idir = 1;
+  qt::set_field(70.0, 10.0, 70.0, 10.0);
   for (int j = 0; j < side; ++j)
-    for (int i = 0; i < side; ++i) {
-      obs.obs_x.push_back(12.5 + 25.0 * i);
-      obs.obs_y.push_back(12.5 + 25.0 * j);
-      obs.obs_z.push_back(2.0);
-    }
-  obs.ndata = side * side;
+    for (int i = 0; i < side; ++i) qt::add_datum(12.5 + 25.0 * i, 12.5 + 25.0 * j, 2.0);
   r.obs_type.assign(obs.ndata, 1);
 
   compressed = false;
