@@ -12,6 +12,10 @@
 #include "topo/surface.hpp"
 #include "topo/triangulation.hpp"
 
+using quolvent::eval_surface;
+using quolvent::order_nodes;
+using quolvent::triangulate;
+
 namespace {
 
 struct cloud {
@@ -39,9 +43,9 @@ cloud random_cloud(int32_t n) {
 
 void triangulate_cloud(cloud& c) {
   order_nodes(c.n, 3, c.x, c.y, c.z, c.adj_end);
-  int32_t status = 0;
+  quolvent::tri_status status = quolvent::tri_status::ok;
   triangulate(c.n, c.x, c.y, c.adj, c.adj_end, status);
-  if (status != 0) std::abort();
+  if (status != quolvent::tri_status::ok) std::abort();
 }
 
 void BM_triangulate(benchmark::State& state) {
@@ -69,7 +73,7 @@ void BM_sample(benchmark::State& state) {
     for (int i = 0; i < m; ++i) {
       for (int j = 0; j < m; ++j) {
         double pz = 0.0;
-        int32_t st = 0;
+        quolvent::surface_status st = quolvent::surface_status::inside;
         eval_surface(c.n, 2.5 * j, 2.5 * i, c.x, c.y, c.z, c.adj, c.adj_end, ist, pz, st);
         surf[static_cast<std::size_t>(j + i * m)] = pz;
       }

@@ -10,51 +10,59 @@
 #include <string>
 #include <vector>
 
-#include "model/active_cells.hpp"
 #include "model/model.hpp"
-#include "run/text_io.hpp"
 #include "sens/gsus_mod.hpp"
 #include "sens/gsus_no_atan_mod.hpp"
+#include "support/test_support.hpp"
+#include "wavelet/compress_row_mod.hpp"
 #include "wavelet/compression.hpp"
 #include "wavelet/threshold.hpp"
 #include "wavelet/wavelet_filters.hpp"
 #include "wavelet/wtn_mod.hpp"
 
+using namespace quolvent;
+
 namespace {
 
 const char* const names[] = {"daub1", "daub2", "daub4", "daub6", "symm6"};
 
-// one_row: the mesh, the filters and the weighted row of one datum.
+// The estimate writes its lines to the log; the benchmark has none.
+const run_log quiet(nullptr);
+
+// one_row: the survey of one datum, the compression record of a wavelet
+// with its surface threshold, the workspace that computes the datum's row,
+// and that row divided by the weighting.
 struct one_row {
+  survey s;
+  compression c;
+  row_workspace ws;
   std::vector<double> row;
-  double threshold = 0.0;
 };
 
+// compute_row: the sensitivity row of the survey's one datum into g.
+void compute_row(one_row& r, std::vector<double>& g) {
+  const mesh_model& m = r.s.mesh;
+  const obs_set& obs = r.s.obs;
+  sens_row(r.ws, obs.geomag, m.yn.data(), m.xn.data(), m.zn.data(), m.ny, m.nx, m.nz,
+           r.s.top_index.data(), 1, obs.obs_y[0], obs.obs_x[0], m.z0 - obs.obs_z[0], g.data(),
+           g.size(), quiet);
+}
+
 one_row make_row(int32_t nx, int32_t ny, int32_t nz, const char* wavelet) {
-  mesh = mesh_model{};
-  mesh.nx = nx, mesh.ny = ny, mesh.nz = nz;
-  mesh.dx.assign(nx, 10.0), mesh.dy.assign(ny, 10.0), mesh.dz.assign(nz, 10.0);
-  for (int32_t i = 0; i <= nx; ++i) mesh.xn.push_back(10.0 * i);
-  for (int32_t i = 0; i <= ny; ++i) mesh.yn.push_back(10.0 * i);
-  for (int32_t i = 0; i <= nz; ++i) mesh.zn.push_back(10.0 * i);
-  top_index.assign(static_cast<std::size_t>(nx) * ny, 0);
-  get_active_cells("null", top_index);
-  set_padded_extents();
-  check_wavelet(wavelet, filter, ncof);
-  set_filters(filter, ncof);
-  obs = obs_set{};
-  obs.geomag = 50000.0;
-  SET_G_VALUES(70.0, 10.0, 70.0, 10.0);
-  one_row r;
-  const int32_t n = cells.nactive;
-  r.row.assign(n, 0.0);
-  sens_row(mesh.yn.data(), mesh.xn.data(), mesh.zn.data(), ny, nx, nz, top_index.data(), 1,
-           5.0 * ny + 3.0, 5.0 * nx + 7.0, -2.0, r.row.data(), r.row.size());
-  for (int32_t iy = 1; iy <= ny; ++iy)
-    for (int32_t ix = 1; ix <= nx; ++ix)
-      for (int32_t iz = 1; iz <= nz; ++iz)
-        r.row[active_at(iz, ix, iy) - 1] *= std::pow(mesh.zn[iz - 1] + 5.0, 1.5);
-  r.threshold = wctol(r.row.data(), n, 0.05);
+  // Cells of 10 m, flat ground, one datum 2 m above a point near the centre.
+  obs_set obs = qt::field(70.0, 10.0, 70.0, 10.0);
+  qt::add_datum(obs, 5.0 * nx + 7.0, 5.0 * ny + 3.0, 2.0);
+  const mesh_model mesh = qt::uniform_mesh(nx, ny, nz, 10.0, 10.0, 10.0);
+  // Weighted by depth, a row of cells in cell order (z fastest).
+  std::vector<double> wtz;
+  for (int32_t col = 0; col < nx * ny; ++col)
+    for (int32_t iz = 1; iz <= nz; ++iz) wtz.push_back(std::pow(mesh.zn[iz - 1] + 5.0, -1.5));
+  one_row r{qt::make_survey(mesh, obs, {}, wtz), {}, make_row_workspace(survey_directions(obs)), {}};
+  r.c = setup_compression(r.s, wavelet, "1 0.05",
+                          [&r](int32_t, std::vector<double>& g) { compute_row(r, g); }, quiet);
+  r.row.assign(static_cast<std::size_t>(r.s.n), 0.0);
+  compute_row(r, r.row);
+  for (std::size_t k = 0; k < r.row.size(); ++k) r.row[k] /= r.s.wtz[k];
   return r;
 }
 
@@ -62,41 +70,41 @@ void compress_one_row(benchmark::State& state, int32_t nx, int32_t ny, int32_t n
   const char* wavelet = names[state.range(0)];
   state.SetLabel(wavelet);
   const one_row r = make_row(nx, ny, nz, wavelet);
-  wctol_surface = r.threshold;
-  ALLOC_WORK();
+  compress_workspace ws;
+  ALLOC_WORK(r.c, ws);
   compressed_row rec;
   int64_t nnz = 0;
   for (auto _ : state) {
     nnz = 0;
-    COMPRESS_ROW(r.row.data(), cells.nactive, rec, nnz, 1);
+    COMPRESS_ROW(r.c, r.s.cells, r.row.data(), r.s.n, rec, nnz, datum_kind::surface, ws);
     benchmark::DoNotOptimize(rec.val.data());
   }
-  DEALLOC_WORK();
-  state.counters["cells"] = cells.nactive;
-  state.counters["ncube"] = static_cast<double>(ncube);
+  DEALLOC_WORK(ws);
+  state.counters["cells"] = r.s.n;
+  state.counters["ncube"] = static_cast<double>(r.c.ncube);
   state.counters["kept"] = static_cast<double>(nnz);
-  state.counters["threshold"] = r.threshold;
+  state.counters["threshold"] = r.c.wctol_surface;
 }
 
 void transform_only(benchmark::State& state) {
   const char* wavelet = names[state.range(0)];
   state.SetLabel(wavelet);
   const one_row r = make_row(50, 50, 40, wavelet);
-  std::vector<double> cube(static_cast<std::size_t>(ncube));
+  std::vector<double> cube(static_cast<std::size_t>(r.c.ncube));
+  line_buffers lb;
   for (auto _ : state) {
-    row_to_cube(r.row.data(), cells.nactive, cube.data());
-    transform_cube(cube.data(), +1);
+    row_to_cube(r.c, r.s.cells, r.row.data(), r.s.n, cube.data());
+    transform_cube(r.c, cube.data(), +1, lb);
     benchmark::DoNotOptimize(cube.data());
   }
 }
 
 // For scale: computing the same row, on the same machine and load.
 void BM_sens_row_100k(benchmark::State& state) {
-  const one_row r = make_row(50, 50, 40, "daub2");
+  one_row r = make_row(50, 50, 40, "daub2");
   std::vector<double> g(r.row.size());
   for (auto _ : state) {
-    sens_row(mesh.yn.data(), mesh.xn.data(), mesh.zn.data(), mesh.ny, mesh.nx, mesh.nz,
-             top_index.data(), 1, 253.0, 257.0, -2.0, g.data(), g.size());
+    compute_row(r, g);
     benchmark::DoNotOptimize(g.data());
   }
 }
@@ -111,11 +119,4 @@ BENCHMARK(BM_compress_row_300k)->Arg(1)->Arg(3)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_sens_row_100k)->Unit(benchmark::kMillisecond);
 BENCHMARK(transform_only)->Arg(1)->Arg(3)->Unit(benchmark::kMillisecond);
 
-int main(int argc, char** argv) {
-  // The estimate writes its lines to the log; the benchmark has none.
-  set_log(nullptr);
-  benchmark::Initialize(&argc, argv);
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  return 0;
-}
+BENCHMARK_MAIN();

@@ -2,11 +2,17 @@
 // The first byte picks the reader; the rest is the file.
 #include <cstdint>
 #include <string>
+#include <vector>
 
+#include "base/channels.hpp"
+#include "base/stop.hpp"
+#include "base/text_io.hpp"
 #include "fuzz_support.hpp"
 #include "model/mesh.hpp"
 #include "model/model.hpp"
 #include "model/observations.hpp"
+
+using namespace quolvent;
 
 namespace {
 
@@ -23,9 +29,9 @@ bool mesh_too_big_to_fuzz(const std::string& name) {
   return int64_t{nx} + ny + nz > (int64_t{1} << 20);
 }
 
-// A 3 x 2 x 4 mesh with uneven ground, for the data split.
-void set_fixed_mesh() {
-  mesh = mesh_model{};
+// A 3 x 2 x 4 mesh, for the data split.
+mesh_model fixed_mesh() {
+  mesh_model mesh;
   mesh.nx = 3;
   mesh.ny = 2;
   mesh.nz = 4;
@@ -36,29 +42,31 @@ void set_fixed_mesh() {
   mesh.yn = {0, 10, 20};
   mesh.zn = {0, 5, 10, 15, 20};
   mesh.z0 = 100;
-  top_index = {2, 2, 0, 0, 4, 1};
+  return mesh;
 }
+
+// Its uneven ground: column tops (iy, ix), iy fastest.
+const std::vector<int32_t> fixed_tops{2, 2, 0, 0, 4, 1};
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  fuzz::quiet();
   if (size < 1) return 0;
+  const run_log quiet(nullptr);
   const int mode = data[0] % 3;
   const std::string name = fuzz::input_file("model", data + 1, size - 1);
   try {
     if (mode == 0) {
       if (!mesh_too_big_to_fuzz(name)) read_mesh(name);
     } else {
-      read_data_file(name);
+      const obs_set obs = read_data_file(name);
       if (mode == 2) {
-        set_fixed_mesh();
-        std::vector<int32_t> obs_type(static_cast<std::size_t>(obs.ndata));
-        int32_t data_kind = 0;
-        classify_data(obs_type, data_kind);
+        const data_split split = classify_data(fixed_mesh(), obs, fixed_tops, quiet);
+        // One kind per datum.
+        if (split.obs_type.size() != static_cast<std::size_t>(obs.ndata)) __builtin_trap();
       }
     }
-  } catch (const fuzz::caught_stop&) {
+  } catch (const stop&) {
   }
   return 0;
 }

@@ -1,5 +1,6 @@
-// What every fuzz target shares: quiet channels, stops that return to the
-// target, and the input written to a file of this process.
+// What every fuzz target shares: the input written to a file of this process.
+// Each target hands the routines a quiet run_log (no screen, no log) and
+// catches quolvent::stop, the end of every input the program refuses.
 #pragma once
 
 #include <cstdint>
@@ -7,20 +8,7 @@
 #include <string>
 #include <unistd.h>
 
-#include "run/text_io.hpp"
-
 namespace fuzz {
-
-struct caught_stop {};
-inline void throw_stop() { throw caught_stop{}; }
-
-// quiet: screen and log to /dev/null, and stops throw caught_stop.
-inline void quiet() {
-  static std::FILE* sink = std::fopen("/dev/null", "w");
-  set_screen(sink);
-  set_log(sink);
-  set_stop_handler(&throw_stop);
-}
 
 // input_file: the bytes written to a file named for the target and process.
 inline std::string input_file(const char* tag, const uint8_t* data, size_t size) {

@@ -1,16 +1,20 @@
 // Fuzz target over the free-format reader (text and file forms) and the
 // control-file parser. The first byte picks the reader; the rest is the input.
 #include <cstdint>
+#include <span>
 #include <string>
 
+#include "base/channels.hpp"
+#include "base/stop.hpp"
+#include "base/text_io.hpp"
 #include "fuzz_support.hpp"
-#include "model/model.hpp"
 #include "run/control_file.hpp"
-#include "run/text_io.hpp"
+
+using namespace quolvent;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  fuzz::quiet();
   if (size < 1) return 0;
+  const run_log quiet(nullptr);
   const int mode = data[0] % 3;
   const std::string text(reinterpret_cast<const char*>(data + 1), size - 1);
   int32_t i1 = 0, i2 = 0, iv[7] = {};
@@ -29,8 +33,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   } else {
     const std::string name = fuzz::input_file("control", data + 1, size - 1);
     try {
-      read_control_file(name);
-    } catch (const fuzz::caught_stop&) {
+      read_control_file(name, quiet);
+    } catch (const stop&) {
     }
   }
   return 0;

@@ -2,15 +2,20 @@
 // read over a fixed 6 x 5 x 4 mesh of 10 m cells from (0, 0).
 #include <cstdint>
 #include <string>
+#include <vector>
 
+#include "base/channels.hpp"
+#include "base/stop.hpp"
 #include "fuzz_support.hpp"
 #include "model/model.hpp"
-#include "topo/column_tops.hpp"
+#include "topo/ground.hpp"
+
+using namespace quolvent;
 
 namespace {
 
-void set_fixed_mesh() {
-  mesh = mesh_model{};
+mesh_model fixed_mesh() {
+  mesh_model mesh;
   mesh.nx = 6;
   mesh.ny = 5;
   mesh.nz = 4;
@@ -21,20 +26,23 @@ void set_fixed_mesh() {
   mesh.yn = {0, 10, 20, 30, 40, 50};
   mesh.zn = {0, 2, 6, 14, 30};
   mesh.z0 = 50;
+  return mesh;
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  fuzz::quiet();
+  const run_log quiet(nullptr);
   const std::string name = fuzz::input_file("topo", data, size);
-  set_fixed_mesh();
+  const mesh_model mesh = fixed_mesh();
   try {
-    read_topography(name);
-    // Every top is a layer count of the mesh.
-    for (int32_t t : top_index)
+    const std::vector<int32_t> tops = read_topography(name, mesh, quiet);
+    // One top per column, each a layer count of the mesh.
+    if (tops.size() != static_cast<std::size_t>(mesh.nx) * static_cast<std::size_t>(mesh.ny))
+      __builtin_trap();
+    for (int32_t t : tops)
       if (t < 0 || t > mesh.nz) __builtin_trap();
-  } catch (const fuzz::caught_stop&) {
+  } catch (const stop&) {
   }
   return 0;
 }

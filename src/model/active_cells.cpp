@@ -4,25 +4,24 @@
 #include <new>
 #include <span>
 
-#include "model/file_guard.hpp"
+#include "base/channels.hpp"
+#include "base/format.hpp"
+#include "base/stop.hpp"
+#include "base/text_io.hpp"
 #include "model/model.hpp"
-#include "run/format.hpp"
-#include "run/text_io.hpp"
+
+namespace quolvent {
 
 namespace {
 
-[[noreturn]] void flag_error(const std::string& text) {
-  report({"", text});
-  stop_plain();
-}
+[[noreturn]] void flag_error(const std::string& text) { stop_report({"", text}); }
 
 // read_flags: the flag file into flags (one free-format read over all cells),
 // then the tests of its length and of its values.
-void read_flags(const std::string& file_name, std::vector<int32_t>& flags) {
+void read_flags(const std::string& file_name, std::vector<int32_t>& flags, const run_log& out) {
   const std::string name = rtrim(file_name);
   text_file t;
   if (!text_open(t, file_name)) file_not_found("active cells", file_name);
-  file_guard close_on_exit(t);
 
   const int st = ff_read(t, {std::span<int32_t>(flags)});
   if (st < 0) flag_error("ERROR: end reached reading active cell file " + name);
@@ -33,16 +32,16 @@ void read_flags(const std::string& file_name, std::vector<int32_t>& flags) {
 
   for (int32_t f : flags) {
     if (f < -1 || f > 1) {
-      report({"", "ERROR: values in the active cell file should be -1, 0 or 1.", name});
-      stop_plain();
+      stop_report({"", "ERROR: values in the active cell file should be -1, 0 or 1.", name});
     }
   }
-  report_log({"active cells were read from file: " + name});
+  out.report_log({"active cells were read from file: " + name});
 }
 
 }  // namespace
 
-void get_active_cells(const std::string& file_name, const std::vector<int32_t>& top_index) {
+active_cells get_active_cells(const std::string& file_name, const mesh_model& mesh,
+                              const std::vector<int32_t>& top_index, const run_log& out) {
   const int32_t nx = mesh.nx, ny = mesh.ny, nz = mesh.nz;
   // read_mesh keeps nx*ny*nz below 2^31.
   const std::size_t ncell = static_cast<std::size_t>(nx) * static_cast<std::size_t>(ny) *
@@ -56,7 +55,7 @@ void get_active_cells(const std::string& file_name, const std::vector<int32_t>& 
     alloc_failed("get_active_cells");
   }
 
-  if (!is_null_name(file_name)) read_flags(file_name, flags);
+  if (!is_null_name(file_name)) read_flags(file_name, flags, out);
 
   std::size_t p = 0;  // flat position, iz fastest, then ix, then iy
   int64_t air = 0;
@@ -80,20 +79,21 @@ void get_active_cells(const std::string& file_name, const std::vector<int32_t>& 
   c.ncell_total = static_cast<int32_t>(ncell);
   c.nbelow = static_cast<int32_t>(static_cast<int64_t>(ncell) - air);
 
-  report_log({fmt_right("# of cells:", 30) + " " + fmt_int(nx) + " x " + fmt_int(ny) + " x " +
+  out.report_log({fmt_right("# of cells:", 30) + " " + fmt_int(nx) + " x " + fmt_int(ny) + " x " +
                   fmt_int(nz),
               fmt_right("total # of cells:", 30) + fmt_int(c.ncell_total, 8)});
   if (c.nactive != c.nbelow) {
-    report_log({fmt_right("# of active cells:", 30) + fmt_int(c.nactive, 8)});
+    out.report_log({fmt_right("# of active cells:", 30) + fmt_int(c.nactive, 8)});
   }
-  report_log({fmt_right("# of cells below topo:", 30) + fmt_int(c.nbelow, 8)});
-  if (c.ninf > 0) report_log({fmt_right("# of inactive cells (inf):", 30) + fmt_int(c.ninf, 8)});
+  out.report_log({fmt_right("# of cells below topo:", 30) + fmt_int(c.nbelow, 8)});
+  if (c.ninf > 0) out.report_log({fmt_right("# of inactive cells (inf):", 30) + fmt_int(c.ninf, 8)});
   if (c.ninactive > 0) {
-    report_log({fmt_right("# of inactive cells:", 30) + fmt_int(c.ninactive, 8)});
+    out.report_log({fmt_right("# of inactive cells:", 30) + fmt_int(c.ninactive, 8)});
   }
-  report_log({""});
+  out.report_log({""});
 
-  const bool none_active = c.nactive == 0;
-  cells = std::move(c);
-  if (none_active) flag_error("ERROR: all cells are inactive.");
+  if (c.nactive == 0) flag_error("ERROR: all cells are inactive.");
+  return c;
 }
+
+}  // namespace quolvent

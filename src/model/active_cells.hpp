@@ -5,11 +5,16 @@
 #include <string>
 #include <vector>
 
+#include "base/channels.hpp"
+#include "model/model.hpp"
+
+namespace quolvent {
+
 // get_active_cells
 //   Given:   file_name, "null"/"NULL" (first four characters) for no flag
 //            file, else a file of nx*ny*nz flags -1, 0, 1; top_index(iy, ix),
-//            ny*nx values, iy fastest; the global `mesh`.
-//   Returns: the global `cells` filled: active_map(iz, ix, iy) (> 0 the place
+//            ny*nx values, iy fastest, of the mesh; out, the run's log.
+//   Returns: the active cells: active_map(iz, ix, iy) (> 0 the place
 //            in a row, 0 no part, < 0 flagged "inf") and the counts; the
 //            counts are written to the log.
 //   Fails:   missing flag file -> file-not-found report "active cells"; too
@@ -17,6 +22,7 @@
 //            -1..1 -> their reports; no active cell -> "ERROR: all cells are
 //            inactive."; arrays that can't be allocated -> allocation report
 //            "get_active_cells". Each ends in a plain stop.
-//   Calls:   text_open, ff_read, report, report_log, file_not_found,
-//            alloc_failed, fmt_*.
-void get_active_cells(const std::string& file_name, const std::vector<int32_t>& top_index);
+active_cells get_active_cells(const std::string& file_name, const mesh_model& mesh,
+                              const std::vector<int32_t>& top_index, const run_log& out);
+
+}  // namespace quolvent

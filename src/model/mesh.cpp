@@ -6,9 +6,11 @@
 #include <new>
 #include <span>
 
-#include "model/file_guard.hpp"
+#include "base/stop.hpp"
+#include "base/text_io.hpp"
 #include "model/model.hpp"
-#include "run/text_io.hpp"
+
+namespace quolvent {
 
 namespace {
 
@@ -18,12 +20,8 @@ constexpr int64_t max_cells = int64_t{1} << 31;
 
 [[noreturn]] void mesh_error(const std::string& name, const char* why = nullptr) {
   const std::string line = "ERROR reading mesh file: " + rtrim(name);
-  if (why) {
-    report({"", line, why});
-  } else {
-    report({"", line});
-  }
-  stop_plain();
+  if (why) stop_report({"", line, why});
+  stop_report({"", line});
 }
 
 // nodes: the running sums origin, origin + w[0], ... in the order of the
@@ -38,10 +36,9 @@ bool accumulate_nodes(std::vector<double>& nodes, const std::vector<double>& wid
 
 }  // namespace
 
-void read_mesh(const std::string& name) {
+mesh_model read_mesh(const std::string& name) {
   text_file t;
   if (!text_open(t, name)) file_not_found("mesh", name);
-  file_guard close_on_exit(t);
 
   mesh_model m;
   if (ff_read(t, {m.nx, m.ny, m.nz}) != 0) mesh_error(name);
@@ -75,5 +72,7 @@ void read_mesh(const std::string& name) {
   const bool finite = accumulate_nodes(m.yn, m.dy) && accumulate_nodes(m.xn, m.dx) &&
                       accumulate_nodes(m.zn, m.dz);
   if (!finite) mesh_error(name, "The node coordinates are too large to be represented.");
-  mesh = std::move(m);
+  return m;
 }
+
+}  // namespace quolvent

@@ -3,9 +3,13 @@
 
 #include <string>
 
+#include "model/model.hpp"
+
+namespace quolvent {
+
 // read_mesh
 //   Given:   name, the mesh file (trailing blanks are cut).
-//   Returns: the global `mesh` filled: nx, ny, nz, the widths, the origin,
+//   Returns: the mesh: nx, ny, nz, the widths, the origin,
 //            z0, and the nodes as running sums (zn[0] = 0, depths downward).
 //   Fails:   a missing file -> file-not-found report "mesh"; a read that
 //            doesn't give five complete reads, a negative count, a mesh of
@@ -13,5 +17,6 @@
 //            mesh file: <name>" (with a line saying why for the last three);
 //            arrays that can't be allocated -> allocation report "read_mesh".
 //            Each ends in a plain stop.
-//   Calls:   text_open, ff_read, report, file_not_found, alloc_failed.
-void read_mesh(const std::string& name);
+mesh_model read_mesh(const std::string& name);
+
+}  // namespace quolvent

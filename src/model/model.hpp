@@ -1,5 +1,5 @@
-// The shared records of a run: filled once by their readers, read by
-// everything after them, alive to the end of the process.
+// The records of a run's model and data: each filled once by its reader or
+// stage, owned by the run, and handed down read-only to what comes after.
 //
 // Arrays are std::vector with 0-based storage: element i of a 1-based
 // quantity is at [i - 1]. Multi-dimensional arrays are flat, the first
@@ -10,17 +10,7 @@
 #include <string>
 #include <vector>
 
-// run_params: the parsed control file.
-struct run_params {
-  std::string mesh_file;    // line 1, comment cut, trailing blanks cut
-  std::string obs_file;     // line 2
-  std::string topo_file;    // line 3
-  std::string weight_file;  // line 4 (a file name, or "VALUE " and a number)
-  std::string wavelet;      // line 5, always exactly 5 characters, blank-padded
-  std::string eps_line;     // line 6, comment cut: "itol eps" or "null"
-  bool diag_flag = false;   // line 7
-};
-extern run_params params;
+namespace quolvent {
 
 // mesh_model: the rectilinear mesh. xn, yn are absolute coordinates; zn are
 // depths below the mesh top (zn[0] = 0, growing downward). The depth of a
@@ -31,7 +21,6 @@ struct mesh_model {
   std::vector<double> xn, yn, zn;  // nx+1, ny+1, nz+1 nodes
   double z0 = 0.0;                 // elevation of the mesh top
 };
-extern mesh_model mesh;
 
 // obs_set: the data in file order; datum i (1-based) is row i of the matrix.
 struct obs_set {
@@ -42,14 +31,10 @@ struct obs_set {
   std::vector<double> obs_x, obs_y, obs_z;    // easting, northing, elevation
   std::vector<double> obs_aincl, obs_adecl;   // only when idir is 0
 };
-extern obs_set obs;
 
-// top_index(iy, ix): layers above the ground in column (iy, ix); iy fastest.
-extern std::vector<int32_t> top_index;
-inline int32_t top_at(int iy, int ix) {
-  return top_index[static_cast<std::size_t>(iy - 1) +
-                   static_cast<std::size_t>(ix - 1) * static_cast<std::size_t>(mesh.ny)];
-}
+// datum_kind: where a datum was measured; for a whole survey, mixed when it
+// holds both. The values are those the program has always used for them.
+enum class datum_kind : int32_t { borehole = -1, mixed = 0, surface = 1 };
 
 // active_cells: a cell's place in a row (active_map(iz, ix, iy), iz fastest):
 // > 0 its 1-based place, 0 no part, < 0 flagged "inf"; and the counts.
@@ -61,11 +46,34 @@ struct active_cells {
   int32_t ninf = 0;
   int32_t ninactive = 0;
 };
-extern active_cells cells;
-inline int32_t active_at(int iz, int ix, int iy) {
-  const std::size_t nz = static_cast<std::size_t>(mesh.nz);
-  const std::size_t nx = static_cast<std::size_t>(mesh.nx);
-  return cells.active_map[static_cast<std::size_t>(iz - 1) +
-                          nz * (static_cast<std::size_t>(ix - 1) +
-                                nx * static_cast<std::size_t>(iy - 1))];
+
+// top_at: top_index(iy, ix), layers above the ground in column (iy, ix), of
+// a mesh with ny columns along y; top_index is ny x nx, iy fastest.
+inline int32_t top_at(const std::vector<int32_t>& top_index, int32_t ny, int iy, int ix) {
+  return top_index[static_cast<std::size_t>(iy - 1) +
+                   static_cast<std::size_t>(ix - 1) * static_cast<std::size_t>(ny)];
 }
+
+// active_at: active_map(iz, ix, iy) of the mesh m.
+inline int32_t active_at(const active_cells& c, const mesh_model& m, int iz, int ix, int iy) {
+  const std::size_t nz = static_cast<std::size_t>(m.nz);
+  const std::size_t nx = static_cast<std::size_t>(m.nx);
+  return c.active_map[static_cast<std::size_t>(iz - 1) +
+                      nz * (static_cast<std::size_t>(ix - 1) +
+                            nx * static_cast<std::size_t>(iy - 1))];
+}
+
+// survey: everything the row loops know of the model and the data, filled
+// stage by stage by the driver and read-only after.
+struct survey {
+  mesh_model mesh;
+  obs_set obs;
+  std::vector<int32_t> top_index;           // ny x nx, iy fastest
+  active_cells cells;
+  std::vector<datum_kind> obs_type;         // one per datum
+  datum_kind data_kind = datum_kind::mixed; // all surface, all borehole, mixed
+  std::vector<double> wtz;                  // the cell weighting, n values
+  int32_t n = 0;                            // row length: cells below the ground
+};
+
+}  // namespace quolvent

@@ -6,10 +6,11 @@
 #include <cmath>
 #include <new>
 
-#include "model/file_guard.hpp"
-#include "model/model.hpp"
-#include "run/format.hpp"
-#include "run/text_io.hpp"
+#include "base/format.hpp"
+#include "base/stop.hpp"
+#include "base/text_io.hpp"
+
+namespace quolvent {
 
 namespace {
 
@@ -29,13 +30,11 @@ struct data_reader {
 };
 
 [[noreturn]] void end_reached(const data_reader& r) {
-  report({"", "ERROR: end reached when reading data file " + r.name});
-  stop_plain();
+  stop_report({"", "ERROR: end reached when reading data file " + r.name});
 }
 
 [[noreturn]] void bad_line(const data_reader& r) {
-  report({"", "ERROR reading data file " + r.name, rtrim(r.line)});
-  stop_plain();
+  stop_report({"", "ERROR reading data file " + r.name, rtrim(r.line)});
 }
 
 // fetch: the next usable line into r.line, or the end-reached report.
@@ -45,11 +44,10 @@ void fetch(data_reader& r) {
 
 }  // namespace
 
-void read_data_file(const std::string& name) {
+obs_set read_data_file(const std::string& name) {
   data_reader r;
   r.name = rtrim(name);
   if (!text_open(r.t, name)) file_not_found("data", name);
-  file_guard close_on_exit(r.t);
 
   obs_set o;
   fetch(r);
@@ -57,14 +55,12 @@ void read_data_file(const std::string& name) {
   fetch(r);
   if (ff_read_text(r.line, {o.aincl, o.adecl, o.idir}) != 0) bad_line(r);
   if (o.idir != 0 && o.idir != 1) {
-    report({"", "ERROR: idir in data file should be 0 or 1.", rtrim(r.line)});
-    stop_plain();
+    stop_report({"", "ERROR: idir in data file should be 0 or 1.", rtrim(r.line)});
   }
   fetch(r);
   if (ff_read_text(r.line, {o.ndata}) != 0) bad_line(r);
   if (o.ndata < 1) {
-    report({"", "ERROR: Number of data should be positive.", r.name});
-    stop_plain();
+    stop_report({"", "ERROR: Number of data should be positive.", r.name});
   }
 
   const bool own_direction = o.idir == 0;
@@ -95,7 +91,7 @@ void read_data_file(const std::string& name) {
     alloc_failed("read_data_file");
   }
   text_close(r.t);
-  obs = std::move(o);
+  return o;
 }
 
 void locate(double v, const std::vector<double>& nodes, int32_t m, int32_t& cell, double& node) {
@@ -109,17 +105,17 @@ void locate(double v, const std::vector<double>& nodes, int32_t m, int32_t& cell
   cell = (beyond || std::fabs(v - nodes[0]) < node_tol) ? j : j - 1;
 }
 
-void classify_data(std::vector<int32_t>& obs_type, int32_t& data_kind) {
+data_split classify_data(const mesh_model& mesh, const obs_set& obs,
+                         const std::vector<int32_t>& top_index, const run_log& out) {
   const int32_t nx = mesh.nx, ny = mesh.ny, nz = mesh.nz;
-  auto top = [&](int32_t iy, int32_t ix) {
-    return top_index[static_cast<std::size_t>(iy - 1) +
-                     static_cast<std::size_t>(ix - 1) * static_cast<std::size_t>(ny)];
-  };
+  data_split split;
+  std::vector<datum_kind>& obs_type = split.obs_type;
+  obs_type.assign(static_cast<std::size_t>(std::max(obs.ndata, 0)), datum_kind::surface);
+  auto top = [&](int32_t iy, int32_t ix) { return top_at(top_index, ny, iy, ix); };
 
   bool on_edge = false;
   for (int32_t i = 1; i <= obs.ndata; ++i) {
     const std::size_t p = static_cast<std::size_t>(i) - 1;
-    obs_type[p] = 1;
     const double d = mesh.z0 - obs.obs_z[p];
     int32_t iy = 0, ix = 0, k = 0;
     double yp = 0, xp = 0, zp = 0;
@@ -146,10 +142,10 @@ void classify_data(std::vector<int32_t>& obs_type, int32_t& data_kind) {
     // t layers are air: t > k puts the point in the air, t == k in the last
     // air cell unless it sits on that cell's bottom node, the ground.
     if (t > k || (t == k && !z_on)) continue;
-    obs_type[p] = -1;
+    obs_type[p] = datum_kind::borehole;
 
     if (int(y_on) + int(x_on) + int(z_on) >= 2) {
-      report_log({"Point " + fmt_int(i, 7) + ": (" + fmt_sci(obs.obs_x[p], 14, 6) + "," +
+      out.report_log({"Point " + fmt_int(i, 7) + ": (" + fmt_sci(obs.obs_x[p], 14, 6) + "," +
                   fmt_sci(obs.obs_y[p], 14, 6) + "," + fmt_sci(obs.obs_z[p], 14, 6) +
                   ") is on an edge."});
       on_edge = true;
@@ -157,35 +153,39 @@ void classify_data(std::vector<int32_t>& obs_type, int32_t& data_kind) {
   }
 
   if (on_edge) {
-    report({"", "Error: there are data points on cell edges."});
-    stop_plain();
+    stop_report({"", "Error: there are data points on cell edges."});
   }
 
   int32_t nsurf = 0, nbore = 0;
   int64_t sum = 0;
   for (int32_t i = 0; i < obs.ndata; ++i) {
-    const int32_t v = obs_type[static_cast<std::size_t>(i)];
-    if (v == -1) {
+    const int32_t v = static_cast<int32_t>(obs_type[static_cast<std::size_t>(i)]);
+    if (obs_type[static_cast<std::size_t>(i)] == datum_kind::borehole) {
       ++nbore;
     } else {
       ++nsurf;
     }
     sum += v;
   }
-  report({fmt_right("# of surface  data:", 30) + fmt_int(nsurf, 8),
+  out.report({fmt_right("# of surface  data:", 30) + fmt_int(nsurf, 8),
           fmt_right("# of borehole data:", 30) + fmt_int(nbore, 8), ""});
   if (nbore > 0) {
-    report_log({"", "  Indices of borehole data:"});
+    out.report_log({"", "  Indices of borehole data:"});
     for (int32_t i = 1; i <= obs.ndata; ++i) {
-      if (obs_type[static_cast<std::size_t>(i) - 1] == -1) report_log({fmt_int(i, 6)});
+      if (obs_type[static_cast<std::size_t>(i) - 1] == datum_kind::borehole) {
+        out.report_log({fmt_int(i, 6)});
+      }
     }
-    report_log({""});
+    out.report_log({""});
   }
   if (sum == -int64_t{obs.ndata}) {
-    data_kind = -1;
+    split.data_kind = datum_kind::borehole;
   } else if (sum == int64_t{obs.ndata}) {
-    data_kind = 1;
+    split.data_kind = datum_kind::surface;
   } else {
-    data_kind = 0;
+    split.data_kind = datum_kind::mixed;
   }
+  return split;
 }
+
+}  // namespace quolvent

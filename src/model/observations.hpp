@@ -6,9 +6,14 @@
 #include <string>
 #include <vector>
 
+#include "base/channels.hpp"
+#include "model/model.hpp"
+
+namespace quolvent {
+
 // read_data_file
 //   Given:   name, the observation file (trailing blanks are cut).
-//   Returns: the global `obs` filled: field, direction, idir, ndata and the
+//   Returns: the data: field, direction, idir, ndata and the
 //            positions (and per-datum directions when idir is 0), in file order.
 //   Fails:   missing file -> file-not-found report "data"; a line missing
 //            -> "ERROR: end reached when reading data file <name>"; a line
@@ -17,9 +22,7 @@
 //            or 1." and the line; ndata below 1 -> "ERROR: Number of data
 //            should be positive." and the name; arrays that can't grow ->
 //            allocation report "read_data_file". Each ends in a plain stop.
-//   Calls:   text_open, next_data_line, ff_read_text, report, file_not_found,
-//            alloc_failed.
-void read_data_file(const std::string& name);
+obs_set read_data_file(const std::string& name);
 
 // locate
 //   Given:   v, nodes (m + 1 ascending values, 0-based storage), m.
@@ -28,17 +31,25 @@ void read_data_file(const std::string& name);
 //            index), and node, the first node not below v (the last one when
 //            v is beyond all). Values within 1e-6 of nodes(1) count as on it.
 //   Fails:   never.
-//   Calls:   nothing.
 void locate(double v, const std::vector<double>& nodes, int32_t m, int32_t& cell, double& node);
 
+// data_split: the kind of each datum and of the whole survey.
+struct data_split {
+  std::vector<datum_kind> obs_type;
+  datum_kind data_kind = datum_kind::mixed;
+};
+
 // classify_data
-//   Given:   obs_type, sized ndata; the globals `mesh`, `obs`, `top_index`.
-//   Returns: obs_type(i) = +1 for a surface datum, -1 for a borehole datum;
-//            data_kind = +1 all surface, -1 all borehole, 0 mixed. Writes the
-//            group counts to screen and log, and the borehole indices to the
-//            log.
+//   Given:   the mesh, the data, the column tops top_index (ny x nx), the
+//            run's log.
+//   Returns: obs_type(i) surface or borehole for each datum; data_kind
+//            surface when all are, borehole when all are, else mixed. Writes
+//            the group counts to screen and log, and the borehole indices to
+//            the log.
 //   Fails:   a borehole datum on a cell edge is logged ("Point ... is on an
 //            edge."); after all data, any such datum ends the run with
-//            "Error: there are data points on cell edges." and a plain stop.
-//   Calls:   locate, report, report_log, stop_plain, fmt_*.
-void classify_data(std::vector<int32_t>& obs_type, int32_t& data_kind);
+//            "Error: there are data points on cell edges." and a stop.
+data_split classify_data(const mesh_model& mesh, const obs_set& obs,
+                         const std::vector<int32_t>& top_index, const run_log& out);
+
+}  // namespace quolvent

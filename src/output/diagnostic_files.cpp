@@ -6,40 +6,14 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "model/model.hpp"
-#include "run/format.hpp"
-#include "run/text_io.hpp"
+#include "base/channels.hpp"
+#include "base/format.hpp"
+#include "base/stop.hpp"
+#include "output/output_file.hpp"
 
-namespace {
+namespace quolvent {
 
-std::FILE* create_text(const std::string& name) {
-  std::FILE* f = std::fopen(name.c_str(), "w");
-  if (!f) {
-    std::fputs(("quolvent: cannot write " + name + "\n").c_str(), stderr);
-    std::fflush(nullptr);
-    std::_Exit(1);
-  }
-  std::setvbuf(f, nullptr, _IOFBF, 1 << 20);
-  return f;
-}
-
-void close_text(std::FILE* f, const std::string& name) {
-  if (std::fflush(f) != 0 || std::ferror(f) || std::fclose(f) != 0) {
-    std::fputs(("quolvent: cannot write " + name + "\n").c_str(), stderr);
-    std::fflush(nullptr);
-    std::_Exit(1);
-  }
-}
-
-}  // namespace
-
-// write_sensitivity_model
-// Given: one value per cell below the ground in cell order, the column tops,
-// and the file name. Returns: nothing; the file holds one line per mesh cell:
-// 1e-20 above the ground, value / cell volume below. Fails: a file that can't
-// be written ends the run (platform error); fewer values than cells below the
-// ground stop the run with a text. Calls: fmt_sci, put_line.
-void write_sensitivity_model(const std::vector<double>& values,
+void write_sensitivity_model(const std::vector<double>& values, const mesh_model& mesh,
                              const std::vector<int32_t>& top_index, const std::string& name) {
   const int32_t ny = std::max(mesh.ny, 0), nx = std::max(mesh.nx, 0), nz = std::max(mesh.nz, 0);
   if (top_index.size() < static_cast<std::size_t>(ny) * static_cast<std::size_t>(nx) ||
@@ -59,7 +33,8 @@ void write_sensitivity_model(const std::vector<double>& values,
     for (int32_t ix = 1; ix <= nx; ++ix) below += static_cast<std::size_t>(nz - column_top(iy, ix));
   if (values.size() < below) stop_text("size(values) /= cells below the ground");
 
-  std::FILE* f = create_text(name);
+  output_file file(name, "w");
+  std::FILE* f = file.get();
   const std::string air = fmt_sci(1e-20, 8, 1);
   std::size_t next = 0;
   for (int32_t iy = 1; iy <= ny; ++iy)
@@ -74,16 +49,10 @@ void write_sensitivity_model(const std::vector<double>& values,
         put_line(f, fmt_sci(v, 12, 5));
       }
     }
-  close_text(f, name);
+  file.close();
 }
 
-// write_data_file
-// Given: the file name and one value per datum. Returns: nothing; the file
-// holds the observation header and one line per datum with its position
-// (and its direction when each datum has its own) and its value.
-// Fails: a file that can't be written ends the run (platform error); fewer
-// values than data stop the run with a text. Calls: fmt_fixed, fmt_int, fmt_sci.
-void write_data_file(const std::string& name, const std::vector<double>& values) {
+void write_data_file(const std::string& name, const obs_set& obs, const std::vector<double>& values) {
   const int32_t ndata = obs.ndata;
   const std::size_t count = static_cast<std::size_t>(ndata > 0 ? ndata : 0);
   if (values.size() < count || obs.obs_x.size() < count || obs.obs_y.size() < count ||
@@ -91,7 +60,8 @@ void write_data_file(const std::string& name, const std::vector<double>& values)
       (obs.idir <= 0 && (obs.obs_aincl.size() < count || obs.obs_adecl.size() < count))) {
     stop_text("size(values) /= ndata");
   }
-  std::FILE* f = create_text(name);
+  output_file file(name, "w");
+  std::FILE* f = file.get();
   put_line(f, fmt_fixed(obs.incl, 10, 2) + fmt_fixed(obs.decl, 10, 2) +
                   fmt_fixed(obs.geomag, 10, 2) + "  !! incl, decl, geomag");
   put_line(f, fmt_fixed(obs.aincl, 10, 2) + fmt_fixed(obs.adecl, 10, 2) + "     " +
@@ -107,5 +77,7 @@ void write_data_file(const std::string& name, const std::vector<double>& values)
     line += fmt_sci(values[d], 14, 6);
     put_line(f, line);
   }
-  close_text(f, name);
+  file.close();
 }
+
+}  // namespace quolvent

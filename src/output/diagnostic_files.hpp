@@ -5,11 +5,26 @@
 #include <string>
 #include <vector>
 
-// write_sensitivity_model: one line per mesh cell in cell order; cells above
-// the ground 1e-20, the others the next value of `values` over the cell volume.
-void write_sensitivity_model(const std::vector<double>& values,
+#include "model/model.hpp"
+
+namespace quolvent {
+
+// write_sensitivity_model
+// Given: one value per cell below the ground in cell order, the mesh and its
+//   column tops, and the file name.
+// Returns: the file holds one line per mesh cell in cell order: 1e-20 above
+//   the ground, value / cell volume below (0 for a cell of no volume).
+// Fails: a file that can't be written is a failure of the platform; fewer
+//   values than cells below the ground stop the run with a text.
+void write_sensitivity_model(const std::vector<double>& values, const mesh_model& mesh,
                              const std::vector<int32_t>& top_index, const std::string& name);
 
-// write_data_file: the observation header, then one line per datum with its
-// position (and direction when idir is 0) and values[i].
-void write_data_file(const std::string& name, const std::vector<double>& values);
+// write_data_file
+// Given: the file name, the data and one value per datum.
+// Returns: the file holds the observation header, then one line per datum
+//   with its position (and direction when idir is 0) and values[i].
+// Fails: a file that can't be written is a failure of the platform; fewer
+//   values than data stop the run with a text.
+void write_data_file(const std::string& name, const obs_set& obs, const std::vector<double>& values);
+
+}  // namespace quolvent

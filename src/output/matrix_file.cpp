@@ -6,29 +6,19 @@
 #include <cstdlib>
 #include <string>
 
-#include "model/model.hpp"
-#include "run/text_io.hpp"
-#include "wavelet/compression.hpp"
+#include "base/stop.hpp"
+#include "output/output_file.hpp"
 
 static_assert(std::endian::native == std::endian::little,
               "the matrix file is little-endian and is written straight from memory");
 
+namespace quolvent {
+
 namespace {
 
-// fatal_write: the file can't be created or written: the run can't go on.
-[[noreturn]] void fatal_write(const char* name) {
-  std::fputs((std::string("quolvent: cannot write ") + name + "\n").c_str(), stderr);
-  std::fflush(nullptr);
-  std::_Exit(1);
-}
-
-void put_bytes(std::FILE* f, const void* p, std::size_t bytes) {
-  if (bytes > 0 && std::fwrite(p, 1, bytes, f) != bytes) fatal_write("dulmarok.mtx");
-}
-
-void put_marker(std::FILE* f, int64_t value) {
+void put_marker(output_file& f, int64_t value) {
   const int32_t m = static_cast<int32_t>(value);
-  put_bytes(f, &m, sizeof m);
+  f.write(&m, sizeof m);
 }
 
 // need: a record can't read past the end of its array.
@@ -41,11 +31,7 @@ std::size_t count_of(int64_t c) { return static_cast<std::size_t>(c > 0 ? c : 0)
 
 }  // namespace
 
-// write_record
-// Given: an open binary file, the payload blocks and the frame limit.
-// Returns: nothing; the record is written. Fails: a write that fails ends the
-// run (platform error). Calls: fwrite.
-void write_record(std::FILE* f, const std::vector<record_block>& blocks, int64_t limit) {
+void write_record(output_file& f, const std::vector<record_block>& blocks, int64_t limit) {
   if (limit < 1) limit = subrecord_limit;
   int64_t total = 0;
   for (const auto& b : blocks) total += static_cast<int64_t>(b.bytes);
@@ -62,7 +48,7 @@ void write_record(std::FILE* f, const std::vector<record_block>& blocks, int64_t
       const record_block& b = blocks[block];
       const std::size_t take =
           static_cast<std::size_t>(std::min<int64_t>(todo, static_cast<int64_t>(b.bytes - offset)));
-      put_bytes(f, static_cast<const char*>(b.data) + offset, take);
+      f.write(static_cast<const char*>(b.data) + offset, take);
       offset += take;
       todo -= static_cast<int64_t>(take);
       if (offset == b.bytes) {
@@ -76,21 +62,19 @@ void write_record(std::FILE* f, const std::vector<record_block>& blocks, int64_t
   } while (left > 0);
 }
 
-// write_matrix
-// Given: the row length n, wtz (n), the column tops, the flag of record 6,
-// sens_sq (n) and the frame limit; the mesh, ndata, the filter, the padded
-// extents and the matrix store from the shared state. Returns: nothing; the
-// file is complete and closed; g_full is freed when it was written.
-// Fails: a file that can't be written ends the run (platform error); arrays
-// shorter than their counts stop the run with a text.
-// Calls: write_record, say_screen.
-void write_matrix(int32_t n, const std::vector<double>& wtz, const std::vector<int32_t>& top_index,
-                  int32_t flag, const std::vector<double>& sens_sq, int64_t record_limit) {
-  say_screen("");
-  say_screen("Writing out the matrix.");
-  say_screen("");
+void write_matrix(const std::string& path, const survey& s, const compression& c,
+                  matrix_store& store, int32_t flag, const std::vector<double>& sens_sq,
+                  const run_log& out, int64_t record_limit) {
+  out.say_screen("");
+  out.say_screen("Writing out the matrix.");
+  out.say_screen("");
 
-  const int32_t ndata = obs.ndata;
+  const mesh_model& mesh = s.mesh;
+  const std::vector<int32_t>& top_index = s.top_index;
+  const std::vector<double>& wtz = s.wtz;
+  const int32_t n = s.n;
+  const int32_t ndata = s.obs.ndata;
+  const int32_t ncof = c.ncof;
   const int32_t ny = mesh.ny, nx = mesh.nx, nz = mesh.nz;
   const std::size_t len = count_of(n);
   need(wtz, n, "size(wtz) /= n");
@@ -99,16 +83,14 @@ void write_matrix(int32_t n, const std::vector<double>& wtz, const std::vector<i
   need(mesh.xn, int64_t{nx} + 1, "size(xn) /= nx + 1");
   need(mesh.zn, int64_t{nz} + 1, "size(zn) /= nz + 1");
   need(top_index, int64_t{ny} * nx, "size(top_index) /= ny * nx");
-  need(filter, ncof, "size(filter) /= ncof");
-  if (compressed) {
-    need(g_compressed, ndata, "size(g_compressed) /= ndata");
+  need(c.filter, ncof, "size(filter) /= ncof");
+  if (c.compressed) {
+    need(store.g_compressed, ndata, "size(g_compressed) /= ndata");
   } else {
-    need(g_full, int64_t{n} * ndata, "size(g_full) /= n * ndata");
+    need(store.g_full, int64_t{n} * ndata, "size(g_full) /= n * ndata");
   }
 
-  std::FILE* f = std::fopen("dulmarok.mtx", "wb");
-  if (!f) fatal_write("dulmarok.mtx");
-  std::setvbuf(f, nullptr, _IOFBF, 1 << 20);
+  output_file f(path, "wb");
 
   const int32_t sizes[5] = {ndata, n, ny, nx, nz};
   write_record(f, {{sizes, sizeof sizes}}, record_limit);
@@ -122,16 +104,16 @@ void write_matrix(int32_t n, const std::vector<double>& wtz, const std::vector<i
 
   write_record(f, {{top_index.data(), 4 * count_of(int64_t{ny} * nx)}}, record_limit);
 
-  write_record(f, {{&ncof, 4}, {filter.data(), 8 * count_of(ncof)}}, record_limit);
+  write_record(f, {{&ncof, 4}, {c.filter.data(), 8 * count_of(ncof)}}, record_limit);
 
-  const int32_t padded[3] = {nyp, nxp, nzp};
+  const int32_t padded[3] = {c.nyp, c.nxp, c.nzp};
   write_record(f, {{padded, sizeof padded}}, record_limit);
 
   write_record(f, {{&flag, 4}, {wtz.data(), 8 * len}}, record_limit);
 
-  if (compressed) {
+  if (c.compressed) {
     for (int32_t i = 0; i < ndata; ++i) {
-      const compressed_row& rec = g_compressed[static_cast<std::size_t>(i)];
+      const compressed_row& rec = store.g_compressed[static_cast<std::size_t>(i)];
       const int32_t nnz = static_cast<int32_t>(rec.idx.size());
       if (rec.val.size() != rec.idx.size()) stop_text("size(val) /= size(idx)");
       write_record(f,
@@ -142,15 +124,16 @@ void write_matrix(int32_t n, const std::vector<double>& wtz, const std::vector<i
     }
   } else {
     for (int32_t i = 0; i < ndata; ++i) {
-      write_record(f, {{g_full.data() + static_cast<std::size_t>(i) * len, 4 * len}},
+      write_record(f, {{store.g_full.data() + static_cast<std::size_t>(i) * len, 4 * len}},
                    record_limit);
     }
     // Nothing reads the full matrix after this.
-    float_matrix().swap(g_full);
+    float_matrix().swap(store.g_full);
   }
 
   write_record(f, {{sens_sq.data(), 8 * len}}, record_limit);
 
-  if (std::fflush(f) != 0 || std::ferror(f)) fatal_write("dulmarok.mtx");
-  if (std::fclose(f) != 0) fatal_write("dulmarok.mtx");
+  f.close();
 }
+
+}  // namespace quolvent

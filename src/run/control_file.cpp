@@ -3,15 +3,17 @@
 
 #include <cstddef>
 
-#include "model/model.hpp"
-#include "run/text_io.hpp"
+#include "base/stop.hpp"
+#include "base/text_io.hpp"
+
+namespace quolvent {
 
 namespace {
 
 constexpr std::size_t field_width = 500;
 constexpr std::size_t echo_width = 200;
 
-const char* const sample_lines[] = {
+constexpr const char* sample_lines[] = {
     "",
     "Sample quolvent input file: (! must precede comments)",
     "",
@@ -25,60 +27,61 @@ const char* const sample_lines[] = {
     "",
 };
 
-void put_rule() {
-  say_log("");
-  say_log(std::string(64, '-'));
-  say_log("");
+void put_rule(const run_log& out) {
+  out.say_log("");
+  out.say_log(std::string(64, '-'));
+  out.say_log("");
 }
 
 // echo_file: the control file, as it stands, into the log between two rules.
-void echo_file(text_file& t) {
-  say_log("");
-  say_log("Reading input file: " + t.name);
-  put_rule();
+void echo_file(text_file& t, const run_log& out) {
+  out.say_log("");
+  out.say_log("Reading input file: " + t.name);
+  put_rule(out);
   std::string line;
-  while (read_line(t, line, echo_width) == 0) say_log(rtrim(line));
-  put_rule();
+  while (read_line(t, line, echo_width) == 0) out.say_log(rtrim(line));
+  put_rule(out);
   text_rewind(t);
 }
 
-[[noreturn]] void control_failure(const std::string& name, bool bad_flag) {
+[[noreturn]] void control_failure(const std::string& name, bool bad_flag, const run_log& out) {
   if (bad_flag) {
     for (const char* l : {"", "ERROR: enter 0 to not output, or 1 to output average uncompressed",
                           "sensitivity model file.", ""})
-      say_screen(l);
+      out.say_screen(l);
   }
-  say_screen("ERROR reading sensitivity input file " + rtrim(name));
-  print_sample();
+  out.say_screen("ERROR reading sensitivity input file " + rtrim(name));
+  print_sample(out);
   stop_plain();
 }
 
 }  // namespace
 
-void print_sample() {
-  for (const char* l : sample_lines) say_screen(l);
-  for (const char* l : sample_lines) say_log(l);
+void print_sample(const run_log& out) {
+  for (const char* l : sample_lines) out.say_screen(l);
+  for (const char* l : sample_lines) out.say_log(l);
 }
 
-void read_control_file(const std::string& name) {
+run_params read_control_file(const std::string& name, const run_log& out) {
   if (rtrim(name) == "-inp") {
-    print_sample();
+    print_sample(out);
     stop_plain();
   }
   text_file t;
   if (!text_open(t, name)) file_not_found("input", name);
-  echo_file(t);
+  echo_file(t, out);
 
   std::string field[6];
   for (int i = 0; i < 6; ++i) {
-    if (read_line(t, field[i], field_width) != 0) control_failure(name, false);
+    if (read_line(t, field[i], field_width) != 0) control_failure(name, false, out);
     if (i != 4) cut_comment(field[i]);
   }
   int32_t flag = -1;
-  if (ff_read(t, {flag}) != 0) control_failure(name, false);
-  if (flag != 0 && flag != 1) control_failure(name, true);
+  if (ff_read(t, {flag}) != 0) control_failure(name, false, out);
+  if (flag != 0 && flag != 1) control_failure(name, true, out);
   text_close(t);
 
+  run_params params;
   params.mesh_file = rtrim(field[0]);
   params.obs_file = rtrim(field[1]);
   params.topo_file = rtrim(field[2]);
@@ -89,4 +92,7 @@ void read_control_file(const std::string& name) {
   params.wavelet = wavelet;
   params.eps_line = rtrim(field[5]);
   params.diag_flag = flag == 1;
+  return params;
 }
+
+}  // namespace quolvent

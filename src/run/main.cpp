@@ -1,4 +1,4 @@
-// The program's entry: the whole run lives in sens3d.
+// The program's entry: one run of the command line.
 #include "run/sens3d.hpp"
 
-int main(int argc, char** argv) { return sens3d(argc, argv); }
+int main(int argc, char** argv) { return quolvent::run_command_line(argc, argv, stdout); }

@@ -1,4 +1,4 @@
-// The run driver: the program's one pipeline, top to bottom, once per process.
+// The run driver: the program's one pipeline, top to bottom.
 #include "run/sens3d.hpp"
 
 #include <algorithm>
@@ -9,6 +9,10 @@
 #include <vector>
 #include <xmmintrin.h>
 
+#include "base/format.hpp"
+#include "base/stop.hpp"
+#include "base/text_io.hpp"
+#include "base/timing.hpp"
 #include "model/active_cells.hpp"
 #include "model/cell_values.hpp"
 #include "model/mesh.hpp"
@@ -17,14 +21,19 @@
 #include "output/diagnostic_files.hpp"
 #include "output/matrix_file.hpp"
 #include "run/control_file.hpp"
-#include "run/format.hpp"
-#include "run/text_io.hpp"
-#include "run/timing.hpp"
+#include "run/row_store.hpp"
 #include "sens/grid_check.hpp"
+#include "sens/gsus_mod.hpp"
+#include "sens/gsus_no_atan_mod.hpp"
 #include "sens/kernel2_mod.hpp"
 #include "sens/kernel_mod.hpp"
-#include "topo/column_tops.hpp"
+#include "topo/ground.hpp"
 #include "wavelet/compression.hpp"
+#include "wavelet/compress_row_mod.hpp"
+#include "wavelet/threshold.hpp"
+#include "wavelet/uncompressg_mod.hpp"
+
+namespace quolvent {
 
 namespace {
 
@@ -45,11 +54,26 @@ int thread_count_from(const char* arg) {
   return n;
 }
 
-void print_usage() {
-  say_screen("");
-  say_screen(std::string("   Usage: ") + program_name + " " + program_name + ".inp  [nThreads]");
-  say_screen("");
-  say_screen(std::string("   For a sample input file, type: ") + program_name + " -inp");
+// thread_count_scope: the thread count of the parallel regions for one run;
+// the process gets its own count back when the run ends, however it ends.
+class thread_count_scope {
+ public:
+  explicit thread_count_scope(int n) : saved_(omp_get_max_threads()) {
+    if (n > 0) omp_set_num_threads(n);
+  }
+  thread_count_scope(const thread_count_scope&) = delete;
+  thread_count_scope& operator=(const thread_count_scope&) = delete;
+  ~thread_count_scope() { omp_set_num_threads(saved_); }
+
+ private:
+  int saved_;
+};
+
+void print_usage(const run_log& out) {
+  out.say_screen("");
+  out.say_screen(std::string("   Usage: ") + program_name + " " + program_name + ".inp  [nThreads]");
+  out.say_screen("");
+  out.say_screen(std::string("   For a sample input file, type: ") + program_name + " -inp");
 }
 
 // threshold_echo: the text behind " Wavelet   threshold: " for the eps line.
@@ -58,22 +82,22 @@ std::string threshold_echo(const std::string& eps_line) {
   int32_t itol = 0;
   double eps = 0.0;
   if (ff_read_text(eps_line, {itol, eps}) != 0) {
-    report({"", "Unrecognized input for compression threshold,", "program is terminated."});
-    stop_plain();
+    stop_report({"", "Unrecognized input for compression threshold,", "program is terminated."});
   }
   return (itol == 1 ? "relative accuracy =" : "relative threshold =") + fmt_fixed(eps, 6, 4);
 }
 
-void print_parameters(const std::string& input_name) {
-  say_log("with the following parameters:");
-  say_log("");
-  say_log("          Input file: " + rtrim(input_name));
-  say_log("   Observations file: " + rtrim(params.obs_file));
-  say_log("           Mesh file: " + rtrim(params.mesh_file));
-  say_log("     Topography file: " + rtrim(params.topo_file));
-  say_log(" Wavelet compression: " + params.wavelet);
-  say_log(" Wavelet   threshold: " + threshold_echo(params.eps_line));
-  say_log("");
+void print_parameters(const run_params& params, const std::string& input_name,
+                      const run_log& out) {
+  out.say_log("with the following parameters:");
+  out.say_log("");
+  out.say_log("          Input file: " + rtrim(input_name));
+  out.say_log("   Observations file: " + rtrim(params.obs_file));
+  out.say_log("           Mesh file: " + rtrim(params.mesh_file));
+  out.say_log("     Topography file: " + rtrim(params.topo_file));
+  out.say_log(" Wavelet compression: " + params.wavelet);
+  out.say_log(" Wavelet   threshold: " + threshold_echo(params.eps_line));
+  out.say_log("");
 }
 
 // worker_stack_bytes: each worker of the row loops keeps row-sized arrays,
@@ -83,94 +107,136 @@ std::size_t worker_stack_bytes(int32_t n) {
   return std::max(floor_bytes, std::size_t{40} * static_cast<std::size_t>(std::max(n, 0)));
 }
 
+// read_survey: steps 13 to 20, the model, the data, the ground and the
+// weighting, each stage filling its part of the survey.
+survey read_survey(const run_params& params, const run_log& out) {
+  survey s;
+  s.mesh = read_mesh(params.mesh_file);
+  s.obs = read_data_file(params.obs_file);
+  s.top_index = read_topography(params.topo_file, s.mesh, out);
+  s.cells = get_active_cells("null", s.mesh, s.top_index, out);
+  data_split split = classify_data(s.mesh, s.obs, s.top_index, out);
+  s.obs_type = std::move(split.obs_type);
+  s.data_kind = split.data_kind;
+  s.n = s.cells.nbelow;
+  kmp_set_stacksize_s(worker_stack_bytes(s.n));
+  out.flush();
+  s.wtz.assign(static_cast<std::size_t>(s.n), 0.0);
+  read_cell_values(params.weight_file, "weighting", s.cells, s.wtz, out);
+  return s;
+}
+
 // run_pipeline: steps 13 to 33, from the mesh to the uncompress stage.
-void run_pipeline() {
+void run_pipeline(const run_params& params, phase_clock& clock, const run_log& out) {
   // init: the model, the data, the ground and the weighting.
-  read_mesh(params.mesh_file);
-  read_data_file(params.obs_file);
-  std::vector<int32_t> obs_type(static_cast<std::size_t>(obs.ndata));
-  read_topography(params.topo_file);
-  get_active_cells("null", top_index);
-  int32_t data_kind = 0;
-  classify_data(obs_type, data_kind);
-  const int32_t n = cells.nbelow;
-  kmp_set_stacksize_s(worker_stack_bytes(n));
-  std::fflush(screen_out());
-  std::fflush(log_out());
-  std::vector<double> wtz(static_cast<std::size_t>(n));
-  read_cell_values(params.weight_file, "weighting", wtz);
-  bool regular = false;
-  int32_t ref_datum = 0;
-  double cell_dy = 0.0, cell_dx = 0.0;
-  grid_check(data_kind, obs.idir, regular, ref_datum, cell_dy, cell_dx);
-  phase_timer("init", 1, screen_out(), log_out());
-  std::fflush(log_out());
+  const survey s = read_survey(params, out);
+  const grid_survey grid = grid_check(s.mesh, s.obs, s.data_kind);
+  clock.phase_timer("init", 1, out.screen(), out.log());
+  out.flush();
 
   // sens: the rows, the sensitivity model and the matrix file.
   std::vector<double> sens_sq, sens_avg;
-  try {
-    sens_sq.assign(static_cast<std::size_t>(n), 0.0);
-    sens_avg.assign(static_cast<std::size_t>(n), 0.0);
-  } catch (const std::bad_alloc&) {
-    alloc_failed("sens3d");
+  assign_or_stop(sens_sq, static_cast<std::size_t>(s.n), 0.0, "sens3d");
+  assign_or_stop(sens_avg, static_cast<std::size_t>(s.n), 0.0, "sens3d");
+  // The sample rows of the threshold estimate: the survey's directions, on
+  // this thread.
+  row_workspace sample_ws = make_row_workspace(survey_directions(s.obs));
+  const sample_row_fn sample_row = [&](int32_t idat, std::vector<double>& row) {
+    const std::size_t d = static_cast<std::size_t>(idat - 1);
+    sens_row(sample_ws, s.obs.geomag, s.mesh.yn.data(), s.mesh.xn.data(), s.mesh.zn.data(),
+             s.mesh.ny, s.mesh.nx, s.mesh.nz, s.top_index.data(), idat, s.obs.obs_y[d],
+             s.obs.obs_x[d], s.mesh.z0 - s.obs.obs_z[d], row.data(), row.size(), out);
+  };
+  const compression c = setup_compression(s, params.wavelet, params.eps_line, sample_row, out);
+  DEALLOC_AT(sample_ws.cache);
+  matrix_store store = make_matrix_store(c, s.n, s.obs.ndata);
+  {
+    store_sink sink(s, c, store);
+    if (grid.regular) {
+      KERNEL2(s, grid, sink, sens_sq, sens_avg, out);
+    } else {
+      KERNEL(s, sink, sens_sq, sens_avg, out);
+    }
+    if (c.compressed) {
+      report_compression(s.n, s.obs.ndata, sink.nnz(), sink.data_full().data(),
+                         sink.data_comp().data(), out);
+      if (params.diag_flag) {
+        write_data_file("data_notcompressed.txt", s.obs, sink.data_full());
+        write_data_file("data_compressed.txt", s.obs, sink.data_comp());
+      }
+    }
   }
-  setup_compression(n, wtz, top_index, obs_type, params.wavelet, params.eps_line);
-  if (regular) {
-    KERNEL2(n, wtz, top_index, obs_type, ref_datum, cell_dy, cell_dx, sens_sq, sens_avg);
-  } else {
-    KERNEL(n, wtz, top_index, obs_type, sens_sq, sens_avg);
-  }
-  phase_timer("sens", 1, screen_out(), log_out());
-  write_sensitivity_model(sens_avg, top_index, "sensitivity.txt");
-  write_matrix(n, wtz, top_index, 1, sens_sq);
+  clock.phase_timer("sens", 1, out.screen(), out.log());
+  write_sensitivity_model(sens_avg, s.mesh, s.top_index, "sensitivity.txt");
+  write_matrix("dulmarok.mtx", s, c, store, 1, sens_sq, out);
   std::vector<double>().swap(sens_sq);
 
   // uncompress: what the compressed rows make of the average sensitivity.
-  if (compressed && params.diag_flag) {
-    UNCOMPRESSG(n, wtz, sens_avg);
-    write_sensitivity_model(sens_avg, top_index, "sensitivity_compressed.txt");
-    phase_timer("uncompress", 1, screen_out(), log_out());
+  if (c.compressed && params.diag_flag) {
+    UNCOMPRESSG(c, s.cells, store, s.n, s.obs.ndata, s.wtz, sens_avg, out);
+    write_sensitivity_model(sens_avg, s.mesh, s.top_index, "sensitivity_compressed.txt");
+    clock.phase_timer("uncompress", 1, out.screen(), out.log());
   }
 }
 
 }  // namespace
 
-int sens3d(int argc, char** argv) {
+void sens3d(int argc, char** argv, run_log& out) {
   const int nargs = argc - 1;
 
   // Set-up: floating-point control, affinity and threads, before any
   // parallel region starts.
   set_denormals_to_zero();
   setenv("KMP_AFFINITY", "scatter", 1);
-  if (nargs == 2) {
-    const int n = thread_count_from(argv[2]);
-    if (n > 0) omp_set_num_threads(n);
-  }
-  phase_timer("start", 0, screen_out(), nullptr);
-  print_banner("QUOLVENT", nullptr);
+  const thread_count_scope threads(nargs == 2 ? thread_count_from(argv[2]) : 0);
+  phase_clock clock;
+  clock.phase_timer("start", 0, out.screen(), nullptr);
+  print_banner("QUOLVENT", out.screen());
   if (nargs < 1) {
-    print_usage();
+    print_usage(out);
     stop_plain();
   }
   std::string input_name(argv[1]);
   if (input_name.size() > field_width) input_name.resize(field_width);
 
-  log_create();
-  print_banner("QUOLVENT", log_out());
-  read_control_file(input_name);
-  print_timestamp("QUOLVENT started on: ", log_out());
-  print_parameters(input_name);
+  out.open_log("quolvent.log");
+  print_banner("QUOLVENT", out.log());
+  const run_params params = read_control_file(input_name, out);
+  print_timestamp("QUOLVENT started on: ", out.log());
+  print_parameters(params, input_name, out);
   try {
-    run_pipeline();
+    run_pipeline(params, clock, out);
   } catch (const std::bad_alloc&) {
     // An allocation without a report of its own: say so plainly and stop.
-    report({"", "ERROR: not enough memory for this run.", ""});
-    stop_plain();
+    stop_report({"", "ERROR: not enough memory for this run.", ""});
   }
 
-  phase_timer("TOTAL", -1, screen_out(), log_out());
-  print_timestamp("QUOLVENT ended on: ", log_out());
-  log_close();
-  std::fflush(nullptr);
-  return 0;
+  clock.phase_timer("TOTAL", -1, out.screen(), out.log());
+  print_timestamp("QUOLVENT ended on: ", out.log());
+  out.close_log();
+  std::fflush(out.screen());
 }
+
+int run_command_line(int argc, char** argv, std::FILE* screen) {
+  run_log out(screen);
+  int status = 0;
+  try {
+    sens3d(argc, argv, out);
+  } catch (const stop& s) {
+    out.deliver(s);
+    status = s.status;
+  } catch (const std::bad_alloc&) {
+    // Before the pipeline, or while a stop was being made.
+    out.deliver([] {
+      stop s;
+      s.screen_lines = {"", "ERROR: not enough memory for this run.", ""};
+      s.log_lines = s.screen_lines;
+      return s;
+    }());
+  }
+  out.close_log();
+  std::fflush(screen);
+  return status;
+}
+
+}  // namespace quolvent

@@ -1,6 +1,28 @@
 // The run driver: one fixed pipeline from the command line to the matrix file.
 #pragma once
 
-// sens3d: runs the whole program for the command line (argc, argv). Every
-// failure ends the process through a stop; a normal run returns 0.
-int sens3d(int argc, char** argv);
+#include <cstdio>
+
+#include "base/channels.hpp"
+
+namespace quolvent {
+
+// sens3d
+//   Given:   the command line (argc, argv: the control file and an optional
+//            thread count); the run's log, whose screen is where the run's
+//            screen goes. Files are read and written as the command line
+//            names them, the outputs in the current directory.
+//   Returns: after a complete run: every output written, the log closed.
+//   Fails:   every failure is a stop (an exception carrying its report);
+//            run_command_line delivers it.
+void sens3d(int argc, char** argv, run_log& out);
+
+// run_command_line
+//   Given:   the command line; the stream the run calls its screen.
+//   Returns: the exit status of the program: 0 after a complete run and after
+//            every reported stop, 1 after a failure of the platform. A stop's
+//            report is on the screen, in the log and on the error stream as
+//            it says; the log is closed. Nothing is left open or held.
+int run_command_line(int argc, char** argv, std::FILE* screen = stdout);
+
+}  // namespace quolvent

@@ -6,12 +6,12 @@
 #include <new>
 #include <stdexcept>
 
-#include "run/text_io.hpp"
+#include "base/stop.hpp"
 #include "sens/vector_math.hpp"
 
-namespace {
+namespace quolvent {
 
-thread_local arctangent_cache t_cache;
+namespace {
 
 // node_line: what one vertical line of nodes shares: its horizontal offsets.
 struct node_line {
@@ -23,12 +23,13 @@ struct node_line {
 // The loop has no branch and the arithmetic is exact IEEE, so the compiler may
 // run it several values at a time without changing a bit.
 void fill_line(const node_line& L, const double* zn, double oz, int k0, int k1, double* r,
-               double* ax, double* ay) {
+               double* ax, double* ay, int width) {
   for (int k = k0; k < k1; ++k) {
     const double z = zn[k] - oz;
     const double rr = std::sqrt(z * z + L.hh);
     // At the point itself both quotients are 0 over 0; the cell that reads
-    // such a node is set aside by GSUS, but the cache holds no NaN either.
+    // such a node is set aside by the prism formula, but the cache holds no
+    // NaN either.
     const double qx = (L.y * z) / (L.xs * rr);
     const double qy = (z * L.x) / (rr * L.ys);
     r[k] = rr;
@@ -36,28 +37,16 @@ void fill_line(const node_line& L, const double* zn, double oz, int k0, int k1, 
     ay[k] = rr == 0.0 ? 0.0 : qy;
   }
   if (k1 > k0) {
-    atan_array(ax + k0, static_cast<std::size_t>(k1 - k0));
-    atan_array(ay + k0, static_cast<std::size_t>(k1 - k0));
+    atan_array(ax + k0, static_cast<std::size_t>(k1 - k0), width);
+    atan_array(ay + k0, static_cast<std::size_t>(k1 - k0), width);
   }
 }
 
 }  // namespace
 
-// at_cache
-// Given: nothing. Returns: the calling thread's cache. Fails: never.
-// Calls: nothing.
-arctangent_cache& at_cache() { return t_cache; }
-
-// CALC_ARCTANGENTS
-// Given: the node arrays yn[0..ny], xn[0..nx], zn[0..nz], the column tops
-// top[(j-1) + (i-1)*ny] and the observation point (oy, ox, oz).
-// Returns: nothing; fills the calling thread's cache at and below each
-// node's start level. Fails: an allocation that fails stops the run with
-// "calc_arctangents". Calls: alloc_failed, sqrt, atan_array.
-void CALC_ARCTANGENTS(const double* yn, const double* xn, const double* zn, int32_t ny,
-                      int32_t nx, int32_t nz, const int32_t* top, double oy, double ox,
-                      double oz) {
-  arctangent_cache& c = t_cache;
+void CALC_ARCTANGENTS(arctangent_cache& c, int width, const double* yn, const double* xn,
+                      const double* zn, int32_t ny, int32_t nx, int32_t nz, const int32_t* top,
+                      double oy, double ox, double oz) {
   const int32_t ez = std::max(nz, 0) + 1, ex = std::max(nx, 0) + 1, ey = std::max(ny, 0) + 1;
 
   // Arrays made for other extents would put nodes in the wrong places (or
@@ -119,21 +108,11 @@ void CALC_ARCTANGENTS(const double* yn, const double* xn, const double* zn, int3
       double* r = c.r_node.data() + base;
       double* ax = c.at_x.data() + base;
       double* ay = c.at_y.data() + base;
-      fill_line(L, zn, oz, start - 1, ez, r, ax, ay);
+      fill_line(L, zn, oz, start - 1, ez, r, ax, ay, width);
     }
   }
 }
 
-// DEALLOC_AT
-// Given: nothing. Returns: nothing; the calling thread's cache is empty.
-// Fails: never. Calls: nothing.
-void DEALLOC_AT() {
-  arctangent_cache& c = t_cache;
-  std::vector<double>().swap(c.at_x);
-  std::vector<double>().swap(c.at_y);
-  std::vector<double>().swap(c.r_node);
-  std::vector<double>().swap(c.col_q);
-  std::vector<double>().swap(c.col_s);
-  std::vector<unsigned char>().swap(c.col_edge);
-  c.ez = c.ex = c.ey = 0;
-}
+void DEALLOC_AT(arctangent_cache& c) { c = arctangent_cache{}; }
+
+}  // namespace quolvent

@@ -1,11 +1,13 @@
 // CALC_ARCTANGENTS_MOD: the per-node part of the prism formula, computed once
 // per observation point: the distance to each mesh node and two arctangents.
-// Each thread keeps its own three arrays; GSUS only reads them.
+// Each thread of a row loop keeps its own cache; the prism formula only reads it.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <vector>
+
+namespace quolvent {
 
 // arctangent_cache: r_node, at_x, at_y, each ez * ex * ey values with the
 // node (k, i, j) (1-based: z, x, y) at (k-1) + ez*((i-1) + ex*(j-1)).
@@ -19,17 +21,19 @@ struct arctangent_cache {
   int32_t ez = 0, ex = 0, ey = 0;
 };
 
-// at_cache: the calling thread's cache.
-arctangent_cache& at_cache();
+// CALC_ARCTANGENTS: fills the cache c for the point (oy, ox, oz) over the
+// mesh yn[0..ny], xn[0..nx], zn[0..nz] (zn are depths), column tops
+// top[(j-1) + (i-1)*ny], with arctangents at most `width` lanes at a time.
+// Only the part of each node line that some cell below the ground can reach
+// is computed: from 1 + the smallest top of the four columns around the node
+// down, the rim of the mesh always whole. The arrays are made anew when the
+// node counts change.
+// Fails: no memory for the arrays: the allocation stop "calc_arctangents".
+void CALC_ARCTANGENTS(arctangent_cache& c, int width, const double* yn, const double* xn,
+                      const double* zn, int32_t ny, int32_t nx, int32_t nz, const int32_t* top,
+                      double oy, double ox, double oz);
 
-// CALC_ARCTANGENTS: fills the calling thread's cache for the point (oy, ox, oz)
-// over the mesh yn[0..ny], xn[0..nx], zn[0..nz] (zn are depths), column tops
-// top[(j-1) + (i-1)*ny]. Only the part of each node line that some cell below
-// the ground can reach is computed: from 1 + the smallest top of the four
-// columns around the node down, the rim of the mesh always whole.
-void CALC_ARCTANGENTS(const double* yn, const double* xn, const double* zn, int32_t ny,
-                      int32_t nx, int32_t nz, const int32_t* top, double oy, double ox,
-                      double oz);
+// DEALLOC_AT: frees the cache's arrays.
+void DEALLOC_AT(arctangent_cache& c);
 
-// DEALLOC_AT: frees the calling thread's cache, if it has one.
-void DEALLOC_AT();
+}  // namespace quolvent

@@ -7,8 +7,9 @@
 #include <limits>
 #include <vector>
 
-#include "model/model.hpp"
-#include "wavelet/hpsort.hpp"
+#include "base/hpsort.hpp"
+
+namespace quolvent {
 
 namespace {
 
@@ -80,22 +81,22 @@ void spacing_stats(const double* a, int32_t n, double& spacing, double& spread) 
   spread = (gmax - gmin) / spacing;
 }
 
-void grid_check(int32_t data_kind, int32_t idir, bool& regular, int32_t& ref_datum,
-                double& cell_dy, double& cell_dx) {
-  regular = false;
+grid_survey grid_check(const mesh_model& mesh, const obs_set& obs, datum_kind data_kind) {
+  grid_survey g;
+  const int32_t idir = obs.idir;
   const int32_t nd = obs.ndata;
   const int32_t ny = mesh.ny;
   const int32_t nx = mesh.nx;
-  if (nd < 1 || ny < 1 || nx < 1) return;
+  if (nd < 1 || ny < 1 || nx < 1) return g;
 
   // 1. Every datum inside the mesh in plan view, edges included.
   const auto [ylo, yhi] = std::minmax_element(obs.obs_y.begin(), obs.obs_y.begin() + nd);
   const auto [xlo, xhi] = std::minmax_element(obs.obs_x.begin(), obs.obs_x.begin() + nd);
-  if (mesh.yn[0] > *ylo || *yhi > mesh.yn[static_cast<std::size_t>(ny)]) return;
-  if (mesh.xn[0] > *xlo || *xhi > mesh.xn[static_cast<std::size_t>(nx)]) return;
+  if (mesh.yn[0] > *ylo || *yhi > mesh.yn[static_cast<std::size_t>(ny)]) return g;
+  if (mesh.xn[0] > *xlo || *xhi > mesh.xn[static_cast<std::size_t>(nx)]) return g;
 
   // 2. Surface data only, one direction for all.
-  if (data_kind <= 0 || idir == 0) return;
+  if (data_kind != datum_kind::surface || idir == 0) return g;
 
   // 3. One level, measured against the height above the mesh top.
   double zmin = obs.obs_z[0], zmax = obs.obs_z[0], zsum = 0.0;
@@ -108,25 +109,25 @@ void grid_check(int32_t data_kind, int32_t idir, bool& regular, int32_t& ref_dat
   const double height = std::fabs(mesh.z0 - zsum / nd);
   const double zrange = zmax - zmin;
   if (height > 0.0) {
-    if (exceeds(zrange / height)) return;
+    if (exceeds(zrange / height)) return g;
   } else if (zrange > 0.0) {
-    return;  // levels differ, and there is no height to measure them by
+    return g;  // levels differ, and there is no height to measure them by
   }
 
   // 4, 5. Uniform cells along y, then x.
-  if (!uniform_widths(mesh.yn, ny, cell_dy)) return;
-  if (!uniform_widths(mesh.xn, nx, cell_dx)) return;
+  if (!uniform_widths(mesh.yn, ny, g.cell_dy)) return g;
+  if (!uniform_widths(mesh.xn, nx, g.cell_dx)) return g;
 
   // 6. Regular spacing of the data along y and x.
   double sp_y = 0.0, spr_y = 0.0, sp_x = 0.0, spr_x = 0.0;
   spacing_stats(obs.obs_y.data(), nd, sp_y, spr_y);
-  if (exceeds(spr_y)) return;
+  if (exceeds(spr_y)) return g;
   spacing_stats(obs.obs_x.data(), nd, sp_x, spr_x);
-  if (exceeds(spr_x)) return;
+  if (exceeds(spr_x)) return g;
 
   // 7. The spacing a whole number of cells.
-  if (!whole_multiple(sp_y, cell_dy)) return;
-  if (!whole_multiple(sp_x, cell_dx)) return;
+  if (!whole_multiple(sp_y, g.cell_dy)) return g;
+  if (!whole_multiple(sp_x, g.cell_dx)) return g;
 
   // 8. The reference datum: nearest the mesh centre, the first of equals.
   const double yc = mesh.yn[static_cast<std::size_t>(ny / 2)];
@@ -138,8 +139,11 @@ void grid_check(int32_t data_kind, int32_t idir, bool& regular, int32_t& ref_dat
     const double d = std::sqrt(ey * ey + ex * ex);
     if (d < best) {
       best = d;
-      ref_datum = i + 1;
+      g.ref_datum = i + 1;
     }
   }
-  regular = best < 1e20;
+  g.regular = best < 1e20;
+  return g;
 }
+
+}  // namespace quolvent

@@ -5,24 +5,32 @@
 
 #include <cstdint>
 
+#include "model/model.hpp"
+
+namespace quolvent {
+
 // Relative tolerance of every test of grid_check.
 inline constexpr double grid_rel_tol = 0.01;
 // Two coordinates closer than this (0.001 taken at 32-bit precision) are one
 // grid line.
 inline constexpr double grid_same_coord = static_cast<double>(0.001f);
 
+// grid_survey: the outcome of the regular survey test. When regular, the
+// 1-based datum nearest the mesh centre in plan view (first of equals) and the
+// mean cell widths along y and x, always finite and above 0.
+struct grid_survey {
+  bool regular = false;
+  int32_t ref_datum = 0;
+  double cell_dy = 0.0, cell_dx = 0.0;
+};
+
 // grid_check
-// Given: data_kind (+1 all surface, -1 all borehole, 0 mixed) and idir (0 when
-//   each datum has its own direction); reads the shared mesh and obs records.
-// Returns: regular, true when every test passes; then ref_datum, the 1-based
-//   datum nearest the mesh centre in plan view (first of equals), and cell_dy,
-//   cell_dx, the mean cell widths along y and x, always finite and above 0.
-//   When regular is false, ref_datum is left as it was and cell_dy, cell_dx
-//   hold what was set before the failing test.
+// Given: the mesh, the data and data_kind (all surface, all borehole, mixed).
+// Returns: regular true when every test passes, with the reference datum and
+//   the widths; otherwise regular false (the widths then hold what was set
+//   before the failing test).
 // Fails: never; an unusable mesh or survey just gives regular false.
-// Calls: spacing_stats.
-void grid_check(int32_t data_kind, int32_t idir, bool& regular, int32_t& ref_datum,
-                double& cell_dy, double& cell_dx);
+grid_survey grid_check(const mesh_model& mesh, const obs_set& obs, datum_kind data_kind);
 
 // spacing_stats
 // Given: a[0..n-1], one coordinate of all data.
@@ -32,5 +40,6 @@ void grid_check(int32_t data_kind, int32_t idir, bool& regular, int32_t& ref_dat
 //   values there is no gap: both are NaN, and the caller must treat them as
 //   passing and never use them as numbers.
 // Fails: never.
-// Calls: hpsort.
 void spacing_stats(const double* a, int32_t n, double& spacing, double& spread);
+
+}  // namespace quolvent

@@ -1,26 +1,11 @@
-// GSUS_MOD: the direction products of the prism formula, one set per thread.
+// GSUS_MOD: the direction products of the prism formula.
 #include "sens/gsus_mod.hpp"
 
 #include <cmath>
 
-namespace {
+namespace quolvent {
 
-// Each thread of a row loop has its own products: with per-datum directions
-// two threads are at two different data at the same time.
-thread_local dir_products t_dir;
-
-}  // namespace
-
-// g_dir
-// Given: nothing. Returns: the calling thread's products. Fails: never.
-// Calls: nothing.
-dir_products& g_dir() { return t_dir; }
-
-// SET_G_VALUES
-// Given: the field inclination and declination and the measured inclination
-// and declination, in degrees. Returns: nothing; overwrites the calling
-// thread's six products. Fails: never. Calls: cos, sin.
-void SET_G_VALUES(double incl, double decl, double aincl, double adecl) {
+void SET_G_VALUES(double incl, double decl, double aincl, double adecl, dir_products& d) {
   const double rad = 0.017453292519943295;
   const double fi = incl * rad, fd = decl * rad;
   const double ai = aincl * rad, ad = adecl * rad;
@@ -33,7 +18,6 @@ void SET_G_VALUES(double incl, double decl, double aincl, double adecl) {
   const double mx = std::cos(ai) * std::sin(ad);
   const double mz = std::sin(ai);
 
-  dir_products& d = t_dir;
   d.gyy = ly * my;
   d.gxx = lx * mx;
   d.gzz = lz * mz;
@@ -41,3 +25,13 @@ void SET_G_VALUES(double incl, double decl, double aincl, double adecl) {
   d.gyz = ly * mz + lz * my;
   d.gxz = lx * mz + lz * mx;
 }
+
+dir_products survey_directions(const obs_set& obs) {
+  const bool common = obs.idir != 0 || obs.obs_aincl.empty() || obs.obs_adecl.empty();
+  dir_products d;
+  SET_G_VALUES(obs.incl, obs.decl, common ? obs.aincl : obs.obs_aincl[0],
+               common ? obs.adecl : obs.obs_adecl[0], d);
+  return d;
+}
+
+}  // namespace quolvent

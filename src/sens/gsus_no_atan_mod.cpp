@@ -6,22 +6,21 @@
 #include <cmath>
 #include <string>
 
-#include "model/model.hpp"
-#include "run/format.hpp"
-#include "run/text_io.hpp"
-#include "sens/calc_arctangents_mod.hpp"
-#include "sens/gsus_mod.hpp"
+#include "base/format.hpp"
+#include "base/stop.hpp"
 #include "sens/vector_math.hpp"
+
+namespace quolvent {
 
 namespace {
 
-const double four_pi = 12.566370614359172;
+constexpr double four_pi = 12.566370614359172;
 
 // The guard distance: squared distance from the point's line along an axis to
 // a cell edge parallel to it, below which the logarithm has no value.
-const double edge_sq = 1e-6;
+constexpr double edge_sq = 1e-6;
 
-// cache_view: the calling thread's cache as plain pointers and strides.
+// cache_view: a cache as plain pointers and strides.
 struct cache_view {
   const double* r;
   const double* ax;
@@ -35,11 +34,11 @@ cache_view view_of(const arctangent_cache& c) {
   return {c.r_node.data(), c.at_x.data(), c.at_y.data(), sx, sx * static_cast<std::size_t>(c.ex)};
 }
 
-// gsus_prepare: GSUS up to its logarithms: the three quotients in q[0..2]
-// and the arctangent sums Sy, Sx, Sz in s[0..2]. Returns false (and leaves q
-// and s alone) where the formula has no value: an edge guard, or the point on
-// the cell's node (2, 2, 2).
-inline bool gsus_prepare(const cache_view& cv, int32_t sy, int32_t sx, int32_t sz, double y1,
+// gsus_prepare: the prism formula of one cell up to its logarithms: the
+// three quotients in q[0..2] and the arctangent sums Sy, Sx, Sz in s[0..2].
+// Returns false (and leaves q and s alone) where the formula has no value: an
+// edge guard, or the point on the cell's node (2, 2, 2).
+inline bool gsus_prepare(const cache_view& cv, axis_side sy, axis_side sx, axis_side sz, double y1,
                          double y2, double x1, double x2, double z1, double z2, double y1sq,
                          double y2sq, double x1sq, double x2sq, double z1sq, double z2sq,
                          int32_t j, int32_t i, int32_t k, double* q, double* s) {
@@ -62,10 +61,10 @@ inline bool gsus_prepare(const cache_view& cv, int32_t sy, int32_t sx, int32_t s
   // numbers of one sign, then one logarithm (taken by the caller, several
   // cells at a time).
   double Qy, Qx, Qz;
-  if (sy > 0) {
+  if (sy == axis_side::positive) {
     Qy = ((R222 + y2) * (R121 + y1) * (R112 + y1) * (R211 + y2)) /
           ((R122 + y1) * (R221 + y2) * (R212 + y2) * (R111 + y1));
-  } else if (sy < 0) {
+  } else if (sy == axis_side::negative) {
     Qy = ((R122 - y1) * (R221 - y2) * (R212 - y2) * (R111 - y1)) /
           ((R222 - y2) * (R121 - y1) * (R112 - y1) * (R211 - y2));
   } else {
@@ -74,10 +73,10 @@ inline bool gsus_prepare(const cache_view& cv, int32_t sy, int32_t sx, int32_t s
     Qy = ((R222 + y2) * (R122 - y1) * q2 * q3 * (R111 - y1) * (R211 + y2)) /
           (q1 * (R121 - y1) * (R221 + y2) * (R112 - y1) * (R212 + y2) * q4);
   }
-  if (sx > 0) {
+  if (sx == axis_side::positive) {
     Qx = ((R222 + x2) * (R211 + x1) * (R112 + x1) * (R121 + x2)) /
           ((R212 + x1) * (R221 + x2) * (R122 + x2) * (R111 + x1));
-  } else if (sx < 0) {
+  } else if (sx == axis_side::negative) {
     Qx = ((R212 - x1) * (R221 - x2) * (R122 - x2) * (R111 - x1)) /
           ((R222 - x2) * (R211 - x1) * (R112 - x1) * (R121 - x2));
   } else {
@@ -86,10 +85,10 @@ inline bool gsus_prepare(const cache_view& cv, int32_t sy, int32_t sx, int32_t s
     Qx = ((R222 + x2) * (R212 - x1) * q2 * q3 * (R121 + x2) * (R111 - x1)) /
           (q1 * (R221 + x2) * (R211 - x1) * (R122 + x2) * (R112 - x1) * q4);
   }
-  if (sz > 0) {
+  if (sz == axis_side::positive) {
     Qz = ((R222 + z2) * (R211 + z1) * (R121 + z1) * (R112 + z2)) /
           ((R221 + z1) * (R212 + z2) * (R122 + z2) * (R111 + z1));
-  } else if (sz < 0) {
+  } else if (sz == axis_side::negative) {
     Qz = ((R221 - z1) * (R212 - z2) * (R122 - z2) * (R111 - z1)) /
           ((R222 - z2) * (R211 - z1) * (R121 - z1) * (R112 - z2));
   } else {
@@ -112,7 +111,8 @@ inline bool gsus_prepare(const cache_view& cv, int32_t sy, int32_t sx, int32_t s
 
   // A plane at offset 0 was cached as if at +0.001; it stands for the side
   // of the plane the cell's value needs.
-  const bool inside = sy == 0 && sx == 0 && sz == 0;
+  const bool inside =
+      sy == axis_side::across && sx == axis_side::across && sz == axis_side::across;
   if (y1 == 0.0 && !inside) P1 = -P1;
   if (y2 == 0.0 && inside) P2 = -P2;
   if (x1 == 0.0 && !inside) Q1 = -Q1;
@@ -134,58 +134,37 @@ inline double gsus_finish(const dir_products& d, const double* L, const double* 
   return d.gxz * L[0] + d.gyz * L[1] + d.gxy * L[2] + d.gyy * s[0] + d.gxx * s[1] + d.gzz * s[2];
 }
 
-void edge_message(int32_t idat, int32_t i, int32_t j, int32_t k) {
+void edge_message(const run_log& out, int32_t idat, int32_t i, int32_t j, int32_t k) {
   const std::string line = " Observation point" + fmt_free_int(idat) + "  is on the edge" +
                            " of the model cell (" + fmt_free_int(i) + fmt_free_int(j) +
                            fmt_free_int(k) + " ).";
-  report_log({"", line, "Sensitivity set to zero!", ""});
+  out.report_log({"", line, "Sensitivity set to zero!", ""});
 }
 
 }  // namespace
 
-// axis_flag
-// Given: the offsets a < b of an axis's two planes. Returns: +1, -1 or 0.
-// Fails: never. Calls: nothing.
-int32_t axis_flag(double a, double b) {
-  if (a > 0.0 && b >= 0.0) return 1;
-  if (a < 0.0 && b <= 0.0) return -1;
-  return 0;
+row_workspace make_row_workspace(const dir_products& d) {
+  row_workspace ws;
+  ws.dir = d;
+  ws.math_width = machine_vector_width();
+  return ws;
 }
 
-// GSUS
-// Given: the sign flags, the plane offsets and their squares of cell
-// (j, i, k), whose corners are in the calling thread's cache. Returns: the
-// integral of the dipole kernel over the cell for the thread's directions.
-// Fails: edge_flag 1 and 0.0 when the formula has no value there.
-// Calls: gsus_prepare, log_array, gsus_finish, at_cache, g_dir.
-double GSUS(int32_t sy, int32_t sx, int32_t sz, int32_t& edge_flag, double y1, double y2,
-            double x1, double x2, double z1, double z2, double y1sq, double y2sq, double x1sq,
-            double x2sq, double z1sq, double z2sq, int32_t j, int32_t i, int32_t k) {
-  double q[3], s[3];
-  if (!gsus_prepare(view_of(at_cache()), sy, sx, sz, y1, y2, x1, x2, z1, z2, y1sq, y2sq, x1sq,
-                    x2sq, z1sq, z2sq, j, i, k, q, s)) {
-    edge_flag = 1;
-    return 0.0;
-  }
-  edge_flag = 0;
-  log_array(q, 3);
-  return gsus_finish(g_dir(), q, s);
+axis_side axis_flag(double a, double b) {
+  if (a > 0.0 && b >= 0.0) return axis_side::positive;
+  if (a < 0.0 && b <= 0.0) return axis_side::negative;
+  return axis_side::across;
 }
 
-// sens_row
-// Given: a mesh, column tops, the datum number and its point. Returns:
-// nothing; g[0..glen-1] holds the row. Fails: a cell without a value gets 0
-// and a log message; a walk that doesn't fill g exactly stops the run with
-// "indx /= size(g)". Calls: CALC_ARCTANGENTS, gsus_prepare, log_array,
-// gsus_finish, report_log, stop_text.
-void sens_row(const double* yn, const double* xn, const double* zn, int32_t ny, int32_t nx,
-              int32_t nz, const int32_t* top, int32_t idat, double oy, double ox, double oz,
-              double* g, std::size_t glen) {
-  const double scale = obs.geomag / four_pi;
-  CALC_ARCTANGENTS(yn, xn, zn, ny, nx, nz, top, oy, ox, oz);
-  arctangent_cache& c = at_cache();
+void sens_row(row_workspace& ws, double geomag, const double* yn, const double* xn,
+              const double* zn, int32_t ny, int32_t nx, int32_t nz, const int32_t* top,
+              int32_t idat, double oy, double ox, double oz, double* g, std::size_t glen,
+              const run_log& out) {
+  const double scale = geomag / four_pi;
+  arctangent_cache& c = ws.cache;
+  CALC_ARCTANGENTS(c, ws.math_width, yn, xn, zn, ny, nx, nz, top, oy, ox, oz);
   const cache_view cv = view_of(c);
-  const dir_products d = g_dir();
+  const dir_products d = ws.dir;
   double* q = c.col_q.data();
   double* s = c.col_s.data();
   unsigned char* no_value = c.col_edge.data();
@@ -194,11 +173,11 @@ void sens_row(const double* yn, const double* xn, const double* zn, int32_t ny, 
   for (int32_t j = 1; j <= ny; ++j) {
     const double y1 = yn[j - 1] - oy, y2 = yn[j] - oy;
     const double y1sq = y1 * y1, y2sq = y2 * y2;
-    const int32_t sy = axis_flag(y1, y2);
+    const axis_side sy = axis_flag(y1, y2);
     for (int32_t i = 1; i <= nx; ++i) {
       const double x1 = xn[i - 1] - ox, x2 = xn[i] - ox;
       const double x1sq = x1 * x1, x2sq = x2 * x2;
-      const int32_t sx = axis_flag(x1, x2);
+      const axis_side sx = axis_flag(x1, x2);
       const int32_t kt = std::clamp(
           top[static_cast<std::size_t>(j - 1) + static_cast<std::size_t>(i - 1) * ny], 0, nz);
       const std::size_t m = static_cast<std::size_t>(nz - kt);
@@ -209,19 +188,19 @@ void sens_row(const double* yn, const double* xn, const double* zn, int32_t ny, 
       for (std::size_t t = 0; t < m; ++t) {
         const int32_t k = kt + 1 + static_cast<int32_t>(t);
         const double z1 = zn[k - 1] - oz, z2 = zn[k] - oz;
-        const int32_t sz = axis_flag(z1, z2);
+        const axis_side sz = axis_flag(z1, z2);
         const bool ok = gsus_prepare(cv, sy, sx, sz, y1, y2, x1, x2, z1, z2, y1sq, y2sq, x1sq,
                                      x2sq, z1 * z1, z2 * z2, j, i, k, q + 3 * t, s + 3 * t);
         no_value[t] = ok ? 0 : 1;
         if (!ok) q[3 * t] = q[3 * t + 1] = q[3 * t + 2] = 1.0;
       }
-      log_array(q, 3 * m);
+      log_array(q, 3 * m, ws.math_width);
       for (std::size_t t = 0; t < m; ++t) {
         double v = no_value[t] ? 0.0 : gsus_finish(d, q + 3 * t, s + 3 * t) * scale;
         // A value that isn't a number (a degenerate cell) is treated like a
         // point on an edge: no NaN or Inf ever reaches a row.
         if (no_value[t] || !std::isfinite(v)) {
-          edge_message(idat, i, j, kt + 1 + static_cast<int32_t>(t));
+          edge_message(out, idat, i, j, kt + 1 + static_cast<int32_t>(t));
           v = 0.0;
         }
         g[indx++] = v;
@@ -230,3 +209,5 @@ void sens_row(const double* yn, const double* xn, const double* zn, int32_t ny, 
   }
   if (indx != glen) stop_text("indx /= size(g)");
 }
+
+}  // namespace quolvent

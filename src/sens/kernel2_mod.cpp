@@ -8,12 +8,12 @@
 #include <new>
 #include <stdexcept>
 
-#include "model/model.hpp"
-#include "run/text_io.hpp"
-#include "sens/calc_arctangents_mod.hpp"
+#include "base/stop.hpp"
+#include "sens/gsus_mod.hpp"
 #include "sens/gsus_no_atan_mod.hpp"
 #include "sens/kernel_mod.hpp"
-#include "wavelet/compression.hpp"
+
+namespace quolvent {
 
 namespace {
 
@@ -43,7 +43,8 @@ enum class plan_status { ok, unusable, too_large };
 // plan_shifts: unusable when the arguments give no shift to work with,
 // too_large when the cube would need 2^31 positions or more; in both cases
 // the general loop runs instead.
-plan_status plan_shifts(int32_t ref_datum, double cell_dy, double cell_dx, shift_plan& p) {
+plan_status plan_shifts(const mesh_model& mesh, const obs_set& obs, int32_t ref_datum,
+                        double cell_dy, double cell_dx, shift_plan& p) {
   const int32_t nd = obs.ndata;
   if (ref_datum < 1 || ref_datum > nd) return plan_status::unusable;
   if (mesh.ny < 1 || mesh.nx < 1 || mesh.nz < 0) return plan_status::unusable;
@@ -89,7 +90,7 @@ plan_status plan_shifts(int32_t ref_datum, double cell_dy, double cell_dx, shift
 
 // rows_fit: the column tops lie within 0..nz and leave exactly n cells, so
 // the copy neither writes past g nor reads past a column of the cube.
-bool rows_fit(int32_t n, const std::vector<int32_t>& top) {
+bool rows_fit(const mesh_model& mesh, int32_t n, const std::vector<int32_t>& top) {
   const std::size_t ncol = static_cast<std::size_t>(mesh.ny) * static_cast<std::size_t>(mesh.nx);
   if (top.size() < ncol) return false;
   int64_t cells = 0;
@@ -125,32 +126,32 @@ int32_t grid_shift(double cells) {
   return static_cast<int32_t>(cells >= 0.0 ? cells + 0.5 : cells - 0.5);
 }
 
-void KERNEL2(int32_t n, const std::vector<double>& wtz, const std::vector<int32_t>& top_index,
-             const std::vector<int32_t>& obs_type, int32_t ref_datum, double cell_dy,
-             double cell_dx, std::vector<double>& sens_sq, std::vector<double>& sens_avg) {
+void KERNEL2(const survey& s, const grid_survey& grid, row_sink& sink,
+             std::vector<double>& sens_sq, std::vector<double>& sens_avg, const run_log& out) {
+  const mesh_model& mesh = s.mesh;
+  const obs_set& obs = s.obs;
+  const std::vector<int32_t>& top_index = s.top_index;
+  const int32_t n = s.n;
   const int32_t ndata = obs.ndata;
   const int32_t ny = mesh.ny, nx = mesh.nx, nz = mesh.nz;
   const std::size_t nn = static_cast<std::size_t>(std::max(n, 0));
+  const double cell_dy = grid.cell_dy, cell_dx = grid.cell_dx;
+  const int32_t ref_datum = grid.ref_datum;
 
   shift_plan plan;
-  const plan_status st = plan_shifts(ref_datum, cell_dy, cell_dx, plan);
+  const plan_status st = plan_shifts(mesh, obs, ref_datum, cell_dy, cell_dx, plan);
   if (st != plan_status::ok) {
     if (st == plan_status::too_large)
-      report_log({"", " Regular survey: the extended mesh would reach 2**31 cells,",
-                  " so the rows are computed datum by datum.", ""});
+      out.report_log({"", " Regular survey: the extended mesh would reach 2**31 cells,",
+                      " so the rows are computed datum by datum.", ""});
     else
-      report_log({"", " Regular survey without a usable reference datum or cell width,",
-                  " so the rows are computed datum by datum.", ""});
-    KERNEL(n, wtz, top_index, obs_type, sens_sq, sens_avg);
+      out.report_log({"", " Regular survey without a usable reference datum or cell width,",
+                      " so the rows are computed datum by datum.", ""});
+    KERNEL(s, sink, sens_sq, sens_avg, out);
     return;
   }
-  if (!rows_fit(n, top_index)) stop_text("indx /= size(g)");
-  // Every row lands in its own record, or its own column of the full matrix.
-  const std::size_t nd = static_cast<std::size_t>(ndata);
-  if (compressed && g_compressed.size() != nd) stop_text("size(g_compressed) /= ndata");
-  if (!compressed && g_full.size() != nn * nd) stop_text("size(g_full) /= n * ndata");
-  if (compressed && obs_type.size() < nd) stop_text("size(obs_type) /= ndata");
-  if (wtz.size() != nn) stop_text("size(wtz) /= n");
+  if (!rows_fit(mesh, n, top_index)) stop_text("indx /= size(g)");
+  if (s.wtz.size() != nn) stop_text("size(wtz) /= n");
 
   // The cube and the extended mesh.
   const int32_t hy = plan.hy, hx = plan.hx, ny2 = plan.ny2, nx2 = plan.nx2;
@@ -179,85 +180,85 @@ void KERNEL2(int32_t n, const std::vector<double>& wtz, const std::vector<int32_
   sens_avg.assign(nn, 0.0);
   sens_sq.assign(nn, 0.0);
 
-  // The test model of the compression check.
-  compression_check check;
-  begin_rows(n, ndata, wtz, "kernel2", check);
-  int32_t count = 0;
-  int64_t nnz = 0;
+  begin_rows(sink, n, ndata, "kernel2", out);
+  const double test_model = sink.test_model();
 
   // The reference row over the extended mesh, on this thread alone.
-  // The cache left here by the threshold estimate is too small for it.
   const std::size_t r = static_cast<std::size_t>(ref_datum) - 1;
   const double oy = obs.obs_y[r];
   const double ox = obs.obs_x[r];
   const double oz = mesh.z0 - obs.obs_z[r];
-  DEALLOC_AT();
-  sens_row(yn2.data(), xn2.data(), mesh.zn.data(), ny2, nx2, nz, top2.data(), ref_datum, oy, ox,
-           oz, gbig.data(), gbig.size());
+  {
+    row_workspace ws = make_row_workspace(survey_directions(obs));
+    sens_row(ws, obs.geomag, yn2.data(), xn2.data(), mesh.zn.data(), ny2, nx2, nz, top2.data(),
+             ref_datum, oy, ox, oz, gbig.data(), gbig.size(), out);
+  }
 
   // Every row a shifted, weighted sub-block of the cube.
+  row_loop loop(out, ndata);
   const double* cube = gbig.data();
+  const double* wtz = s.wtz.data();
   const std::size_t col_stride = static_cast<std::size_t>(nz);
   const std::size_t line_stride = static_cast<std::size_t>(nx2) * col_stride;
 #pragma omp parallel default(shared)
   {
     thread_rows t;
-    begin_thread_rows(n, "kernel2 g", "kernel2", t);
-    std::vector<double> &g = t.g, &my_avg = t.avg, &my_sq = t.sq;
+    loop.latch.run([&] { begin_thread_rows(sink, n, "kernel2 g", "kernel2", t); });
 
 #pragma omp for schedule(static) nowait
     for (int32_t i = 0; i < ndata; ++i) {
-      const std::size_t id = static_cast<std::size_t>(i);
-      // The sub-block of this datum: a datum north of the reference
-      // reads the cube further south.
-      const std::size_t base =
-          (static_cast<std::size_t>(plan.iy[id] + hy) * static_cast<std::size_t>(nx2) +
-           static_cast<std::size_t>(plan.ix[id] + hx)) *
-          col_stride;
+      if (loop.latch.stopped()) continue;
+      loop.latch.run([&] {
+        const std::size_t id = static_cast<std::size_t>(i);
+        // The sub-block of this datum: a datum north of the reference
+        // reads the cube further south.
+        const std::size_t base =
+            (static_cast<std::size_t>(plan.iy[id] + hy) * static_cast<std::size_t>(nx2) +
+             static_cast<std::size_t>(plan.ix[id] + hx)) *
+            col_stride;
 
-      // Copy the active cells, weighted, with the sums on the way; an
-      // uncompressed row goes straight to its column of the full matrix.
-      float* column = compressed ? nullptr : g_full.data() + id * nn;
-      std::size_t indx = 0;
-      for (int32_t j = 0; j < ny; ++j) {
-        const double* line = cube + base + static_cast<std::size_t>(j) * line_stride;
-        for (int32_t ip = 0; ip < nx; ++ip) {
-          const int32_t t = top_index[static_cast<std::size_t>(j) +
-                                      static_cast<std::size_t>(ip) * static_cast<std::size_t>(ny)];
-          const double* col = line + static_cast<std::size_t>(ip) * col_stride + t;
-          const int32_t m = nz - t;
-          if (column != nullptr)
-            copy_cells<true>(col, wtz.data() + indx, nullptr, my_avg.data() + indx,
-                             my_sq.data() + indx, column + indx, m);
-          else
-            copy_cells<false>(col, wtz.data() + indx, g.data() + indx, my_avg.data() + indx,
-                              my_sq.data() + indx, nullptr, m);
-          indx += static_cast<std::size_t>(m);
+        // Copy the active cells, weighted, with the sums on the way; a row
+        // kept whole goes straight to its place in the store.
+        float* column = sink.full_column(i);
+        double* g = t.g.data();
+        std::size_t indx = 0;
+        for (int32_t j = 0; j < ny; ++j) {
+          const double* line = cube + base + static_cast<std::size_t>(j) * line_stride;
+          for (int32_t ip = 0; ip < nx; ++ip) {
+            const int32_t tp = top_index[static_cast<std::size_t>(j) +
+                                         static_cast<std::size_t>(ip) * static_cast<std::size_t>(ny)];
+            const double* col = line + static_cast<std::size_t>(ip) * col_stride + tp;
+            const int32_t m = nz - tp;
+            if (column != nullptr)
+              copy_cells<true>(col, wtz + indx, nullptr, t.avg.data() + indx, t.sq.data() + indx,
+                               column + indx, m);
+            else
+              copy_cells<false>(col, wtz + indx, g + indx, t.avg.data() + indx,
+                                t.sq.data() + indx, nullptr, m);
+            indx += static_cast<std::size_t>(m);
+          }
         }
-      }
 
-      // A compressed row: the test datum is that of the unweighted row.
-      if (compressed) {
-        double full = 0.0;
-        for (std::size_t k = 0; k < nn; ++k) full += check.model[k] * (g[k] * wtz[k]);
-        check.data_full[id] = full;
-        COMPRESS_ROW(g.data(), n, g_compressed[id], t.nnz, obs_type[id]);
-        check.data_comp[id] = dot_compressed(g_compressed[id]);
-      }
-
-#pragma omp critical(kernel2_progress)
-      {
-        ++count;
-        report_progress(count, ndata);
-      }
+        // A row through the sink: the test datum is that of the unweighted row.
+        if (column == nullptr) {
+          double full = 0.0;
+          if (test_model != 0.0) {
+            for (std::size_t k = 0; k < nn; ++k) full += test_model * (g[k] * wtz[k]);
+          }
+          sink.put(*t.part, i, g, full);
+        }
+        loop.progress.row_done();
+      });
     }
-
-    end_thread_rows(t, sens_sq, sens_avg, nnz);
+    end_thread_rows(loop, sink, t, sens_sq, sens_avg);
   }
+  loop.latch.rethrow();
 
   std::vector<double>().swap(gbig);
   std::vector<double>().swap(yn2);
   std::vector<double>().swap(xn2);
   std::vector<int32_t>().swap(top2);
-  end_rows(n, ndata, nnz, sens_avg, check);
+  end_rows(ndata, sens_avg);
 }
+
+}  // namespace quolvent

@@ -35,9 +35,9 @@ __attribute__((target("avx2"))) void log4_groups(double* v, std::size_t groups) 
 }  // namespace
 #endif
 
-namespace {
+namespace quolvent {
 
-int best_width() {
+int machine_vector_width() {
 #if defined(QUOLVENT_VECTOR_MATH)
   __builtin_cpu_init();
   return __builtin_cpu_supports("avx2") ? 4 : 2;
@@ -46,16 +46,15 @@ int best_width() {
 #endif
 }
 
-const int machine_width = best_width();
-int width_now = machine_width;
+namespace {
 
 #if defined(QUOLVENT_VECTOR_MATH)
 // apply: f over v[0..count), `width` at a time; the last few lanes through a
 // padded group, the padding a value that is harmless to f.
-void apply(double* v, std::size_t count, double pad, void (*groups4)(double*, std::size_t),
-           __m128d (*pair)(__m128d)) {
+void apply(double* v, std::size_t count, int width, double pad,
+           void (*groups4)(double*, std::size_t), __m128d (*pair)(__m128d)) {
   std::size_t i = 0;
-  if (width_now >= 4) {
+  if (width >= 4) {
     const std::size_t full = count / 4;
     groups4(v, full);
     i = 4 * full;
@@ -70,44 +69,38 @@ void apply(double* v, std::size_t count, double pad, void (*groups4)(double*, st
   for (; i + 2 <= count; i += 2) _mm_storeu_pd(v + i, pair(_mm_loadu_pd(v + i)));
   if (i < count) v[i] = _mm_cvtsd_f64(pair(_mm_set_pd(pad, v[i])));
 }
+
+// usable: the width asked for, within what the machine runs.
+int usable(int width) {
+  const int machine = machine_vector_width();
+  return width < machine ? width : machine;
+}
 #endif
 
 }  // namespace
 
-// vector_width
-// Given: nothing. Returns: 4, 2 or 1. Fails: never. Calls: nothing.
-int vector_width() { return width_now; }
-
-// force_vector_width
-// Given: the widest width allowed, 0 for the machine's best. Returns: nothing.
-// Fails: never. Calls: nothing.
-void force_vector_width(int width) {
-  width_now = width > 0 ? std::min(width, machine_width) : machine_width;
-}
-
-// atan_array
-// Given: count numbers at v. Returns: their arctangents, in place.
-// Fails: never. Calls: the vector or scalar arctangent.
-void atan_array(double* v, std::size_t count) {
+void atan_array(double* v, std::size_t count, int width) {
 #if defined(QUOLVENT_VECTOR_MATH)
-  if (width_now >= 2) {
-    apply(v, count, 0.0, atan4_groups, _ZGVbN2v_atan);
+  width = usable(width);
+  if (width >= 2) {
+    apply(v, count, width, 0.0, atan4_groups, _ZGVbN2v_atan);
     return;
   }
 #endif
+  (void)width;
   for (std::size_t i = 0; i < count; ++i) v[i] = std::atan(v[i]);
 }
 
-// log_array
-// Given: count positive numbers at v. Returns: their logarithms, in place.
-// Fails: never (0 gives -Inf, a negative number NaN, as log does).
-// Calls: the vector or scalar logarithm.
-void log_array(double* v, std::size_t count) {
+void log_array(double* v, std::size_t count, int width) {
 #if defined(QUOLVENT_VECTOR_MATH)
-  if (width_now >= 2) {
-    apply(v, count, 1.0, log4_groups, _ZGVbN2v_log);
+  width = usable(width);
+  if (width >= 2) {
+    apply(v, count, width, 1.0, log4_groups, _ZGVbN2v_log);
     return;
   }
 #endif
+  (void)width;
   for (std::size_t i = 0; i < count; ++i) v[i] = std::log(v[i]);
 }
+
+}  // namespace quolvent

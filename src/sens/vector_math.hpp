@@ -7,15 +7,17 @@
 
 #include <cstddef>
 
-// vector_width: the width in use (4, 2 or 1).
-int vector_width();
+namespace quolvent {
 
-// force_vector_width: use at most `width` (benchmarks compare the widths; 0
-// restores the widest the machine has). Not for use while rows are computed.
-void force_vector_width(int width);
+// machine_vector_width: the widest width this processor runs (4, 2 or 1).
+int machine_vector_width();
 
-// atan_array: v[i] = atan(v[i]) for i < count.
-void atan_array(double* v, std::size_t count);
+// atan_array: v[i] = atan(v[i]) for i < count, at most `width` lanes at a
+// time (a width above the machine's is the machine's).
+void atan_array(double* v, std::size_t count, int width);
 
-// log_array: v[i] = log(v[i]) for i < count.
-void log_array(double* v, std::size_t count);
+// log_array: v[i] = log(v[i]) for i < count, at most `width` lanes at a time.
+// 0 gives -Inf and a negative number NaN, as log does.
+void log_array(double* v, std::size_t count, int width);
+
+}  // namespace quolvent

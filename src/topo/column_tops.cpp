@@ -4,26 +4,16 @@
 #include <algorithm>
 #include <cmath>
 
-#include "model/model.hpp"
-#include "run/text_io.hpp"
-#include "topo/topo_reader.hpp"
 
-void read_topography(const std::string& file_name) {
-  const std::size_t ny = static_cast<std::size_t>(std::max(mesh.ny, 0));
-  const std::size_t nx = static_cast<std::size_t>(std::max(mesh.nx, 0));
-  top_index.assign(ny * nx, 0);
-  // No topography: a flat ground at or above the mesh top.
-  if (is_null_name(file_name)) return;
-  read_topo_file(file_name);
-}
+namespace quolvent {
 
-void column_tops(const std::vector<double>& surf, int32_t ny, int32_t nx, int32_t nz,
-                 const std::vector<double>& zn, double z0, std::vector<int32_t>& top_index) {
+std::vector<int32_t> column_tops(const std::vector<double>& surf, int32_t ny, int32_t nx, int32_t nz,
+                                 const std::vector<double>& zn, double z0) {
   const std::size_t nyc = static_cast<std::size_t>(std::max(ny, 0));
   const std::size_t nxc = static_cast<std::size_t>(std::max(nx, 0));
   const int32_t nzc = std::max(nz, 0);
   const std::size_t ns = 2 * nyc + 1;  // samples along the first subscript
-  top_index.assign(nyc * nxc, 0);
+  std::vector<int32_t> top_index(nyc * nxc, 0);
 
   // Layer boundary elevations, falling with k.
   std::vector<double> elev(static_cast<std::size_t>(nzc) + 1);
@@ -62,4 +52,7 @@ void column_tops(const std::vector<double>& surf, int32_t ny, int32_t nx, int32_
       top_index[(iy - 1) + (ix - 1) * nyc] = t;
     }
   }
+  return top_index;
 }
+
+}  // namespace quolvent

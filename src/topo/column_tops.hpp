@@ -3,29 +3,22 @@
 #pragma once
 
 #include <cstdint>
-#include <string>
 #include <vector>
 
-// read_topography
-//   Given:   the topography file name of the control file; the global mesh.
-//   Returns: the global top_index allocated with ny x nx entries and filled: all
-//            0 when the name begins with exactly "null" or "NULL" (no file is
-//            opened), otherwise from the file.
-//   Fails:   every failure of the file is a report and a stop, by read_topo_file.
-//   Calls:   is_null_name, read_topo_file.
-void read_topography(const std::string& file_name);
+namespace quolvent {
 
 // column_tops
 //   Given:   surf, the surface sampled at (2ny + 1) x (2nx + 1) points (first
 //            subscript fastest) over every node line and cell mid-line of the
 //            mesh; the layer count nz, the node depths zn (nz + 1 values), the
 //            mesh top z0.
-//   Returns: top_index, resized to ny x nx (iy fastest): per column the layer
+//   Returns: top_index, ny x nx (iy fastest): per column the layer
 //            holding the lowest of its nine samples and every layer above it;
 //            0 when that sample is at or above z0, nz when it is below the mesh
 //            bottom. A sample that is not a number is passed over; a column
 //            with no sample that is a number gets 0, as without topography.
 //   Fails:   never.
-//   Calls:   nothing.
-void column_tops(const std::vector<double>& surf, int32_t ny, int32_t nx, int32_t nz,
-                 const std::vector<double>& zn, double z0, std::vector<int32_t>& top_index);
+std::vector<int32_t> column_tops(const std::vector<double>& surf, int32_t ny, int32_t nx, int32_t nz,
+                                 const std::vector<double>& zn, double z0);
+
+}  // namespace quolvent

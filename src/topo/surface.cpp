@@ -6,6 +6,8 @@
 
 #include "topo/triangulation.hpp"
 
+namespace quolvent {
+
 void find_triangle(int32_t nst, double px, double py, std::span<const double> tx,
                    std::span<const double> ty, std::span<const int32_t> adj,
                    std::span<const int32_t> adj_end, int32_t& i1, int32_t& i2, int32_t& i3) {
@@ -158,17 +160,17 @@ step8:
 void eval_surface(int32_t n, double px, double py, std::span<const double> tx,
                   std::span<const double> ty, std::span<const double> tz,
                   std::span<const int32_t> adj, std::span<const int32_t> adj_end, int32_t& ist,
-                  double& pz, int32_t& status) {
+                  double& pz, surface_status& status) {
   if (n < 3 || ist < 1 || ist > n) {
     pz = 0.0;
-    status = -1;
+    status = surface_status::unusable;
     return;
   }
   int32_t i1 = 0, i2 = 0, i3 = 0;
   find_triangle(ist, px, py, tx, ty, adj, adj_end, i1, i2, i3);
   if (i1 == 0) {
     pz = 0.0;
-    status = -2;
+    status = surface_status::no_triangle;
     return;
   }
   ist = i1;
@@ -183,7 +185,7 @@ void eval_surface(int32_t n, double px, double py, std::span<const double> tx,
     const double det = (x3 - x2) * (y1 - y3) - (x1 - x3) * (y3 - y2);
     if (det == 0.0) {
       pz = 0.0;
-      status = -2;
+      status = surface_status::no_triangle;
       return;
     }
     // Barycentric weights, each from differences taken at a vertex.
@@ -191,7 +193,7 @@ void eval_surface(int32_t n, double px, double py, std::span<const double> tx,
     const double w2 = ((x1 - x3) * (py - y1) - (y1 - y3) * (px - x1)) / det;
     const double w3 = ((x2 - x1) * (py - y1) - (y2 - y1) * (px - x1)) / det;
     pz = (w1 * z1 + w2 * z2) + w3 * z3;
-    status = 0;
+    status = surface_status::inside;
     return;
   }
 
@@ -205,7 +207,7 @@ void eval_surface(int32_t n, double px, double py, std::span<const double> tx,
   for (int32_t steps = 0;; ++steps) {
     if (steps > n) {
       pz = 0.0;
-      status = -2;
+      status = surface_status::no_triangle;
       return;
     }
     const int32_t n2 = A(E(n1) - 1);
@@ -214,15 +216,17 @@ void eval_surface(int32_t n, double px, double py, std::span<const double> tx,
     if (dp <= 0.0) {
       // p projects behind n1: the node itself is nearest.
       pz = Z(n1);
-      status = 1;
+      status = surface_status::outside;
       return;
     }
     if ((px - x2) * (x1 - x2) + (py - y2) * (y1 - y2) > 0.0) {
       const double t = dp / ((x2 - x1) * (x2 - x1) + (y2 - y1) * (y2 - y1));
       pz = t * Z(n2) + (1.0 - t) * Z(n1);
-      status = 1;
+      status = surface_status::outside;
       return;
     }
     n1 = n2;
   }
 }
+
+}  // namespace quolvent

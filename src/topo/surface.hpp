@@ -9,13 +9,22 @@
 #include <cstdint>
 #include <span>
 
+namespace quolvent {
+
+// surface_status: how a surface value was found, or why there is none.
+enum class surface_status {
+  inside,       // inside the hull: linear in its triangle
+  outside,      // outside the hull or on a hull arc: the nearest hull point's value
+  unusable,     // fewer than 3 nodes, or a search start outside 1..n
+  no_triangle,  // collinear nodes, or a triangle of zero area
+};
+
 // left
 //   Given:   the points a, b and p.
 //   Returns: true when p lies on or to the left of the directed line from a
 //            to b, by the exact comparison (bx - ax)(py - ay) >= (px - ax)(by - ay);
 //            ties count as left.
 //   Fails:   never.
-//   Calls:   nothing.
 inline bool left(double ax, double ay, double bx, double by, double px, double py) {
   return (bx - ax) * (py - ay) >= (px - ax) * (by - ay);
 }
@@ -28,7 +37,6 @@ inline bool left(double ax, double ay, double bx, double by, double px, double p
 //            rightmost and i2 the leftmost hull node visible from p, i3 = 0; all
 //            nodes and p on one line, i1 = i2 = i3 = 0. Allocates nothing.
 //   Fails:   only by the collinear result.
-//   Calls:   left, list_index.
 void find_triangle(int32_t nst, double px, double py, std::span<const double> tx,
                    std::span<const double> ty, std::span<const int32_t> adj,
                    std::span<const int32_t> adj_end, int32_t& i1, int32_t& i2, int32_t& i3);
@@ -36,15 +44,16 @@ void find_triangle(int32_t nst, double px, double py, std::span<const double> tx
 // eval_surface
 //   Given:   n nodes with values tz, their triangulation, the point (px, py),
 //            the search start ist (in and out).
-//   Returns: pz and status: 0 p inside the hull, linear in its triangle; 1 p
-//            outside or on a hull arc, the value at the nearest hull point. On
+//   Returns: pz and status: inside, linear in its triangle; outside (or on a
+//            hull arc), the value at the nearest hull point. On
 //            success ist becomes a node of the triangle or arc found, so that
 //            the next search starts nearby.
-//   Fails:   by status alone, never stops the run: -1 for n < 3 or ist outside
-//            1..n (pz = 0.0, ist unchanged); -2 for collinear nodes or a
-//            triangle of zero area (pz = 0.0).
-//   Calls:   find_triangle.
+//   Fails:   by status alone, never stops the run: unusable for n < 3 or ist
+//            outside 1..n (pz = 0.0, ist unchanged); no_triangle for
+//            collinear nodes or a triangle of zero area (pz = 0.0).
 void eval_surface(int32_t n, double px, double py, std::span<const double> tx,
                   std::span<const double> ty, std::span<const double> tz,
                   std::span<const int32_t> adj, std::span<const int32_t> adj_end, int32_t& ist,
-                  double& pz, int32_t& status);
+                  double& pz, surface_status& status);
+
+}  // namespace quolvent

@@ -4,8 +4,10 @@
 #include <algorithm>
 #include <array>
 
-#include "run/text_io.hpp"
+#include "base/stop.hpp"
 #include "topo/surface.hpp"
+
+namespace quolvent {
 
 namespace {
 
@@ -332,7 +334,7 @@ void swap_diagonal(int32_t in1, int32_t in2, int32_t out1, int32_t out2, std::sp
 // ------------------------------------------------------------ construction
 
 void add_node(int32_t k, std::span<const double> tx, std::span<const double> ty,
-              std::span<int32_t> adj, std::span<int32_t> adj_end, int32_t& status) {
+              std::span<int32_t> adj, std::span<int32_t> adj_end, tri_status& status) {
   const lists L{adj, adj_end};
   int32_t i1 = 0, i2 = 0, i3 = 0;
   // The nodes come sorted, so the node added last is close by.
@@ -343,10 +345,10 @@ void add_node(int32_t k, std::span<const double> tx, std::span<const double> ty,
   const bool located = i3 == 0 ? (i1 != 0 && i2 != 0 && i1 != i2)
                                : (i1 != 0 && i1 != i2 && i2 != i3 && i1 != i3);
   if (!located) {
-    status = 1;
+    status = tri_status::collinear;
     return;
   }
-  status = 0;
+  status = tri_status::ok;
   if (i3 == 0)
     insert_boundary(k, i1, i2, adj, adj_end);
   else
@@ -385,12 +387,12 @@ void add_node(int32_t k, std::span<const double> tx, std::span<const double> ty,
 }
 
 void triangulate(int32_t n, std::span<const double> tx, std::span<const double> ty,
-                 std::span<int32_t> adj, std::span<int32_t> adj_end, int32_t& status) {
+                 std::span<int32_t> adj, std::span<int32_t> adj_end, tri_status& status) {
   if (n < 3) {
-    status = 1;
+    status = tri_status::too_few;
     return;
   }
-  status = 0;
+  status = tri_status::ok;
   const lists L{adj, adj_end};
   auto X = [&](int32_t i) { return tx[static_cast<std::size_t>(i - 1)]; };
   auto Y = [&](int32_t i) { return ty[static_cast<std::size_t>(i - 1)]; };
@@ -404,7 +406,7 @@ void triangulate(int32_t n, std::span<const double> tx, std::span<const double> 
   double dxr = xr - xl, dyr = yr - yl;
   for (;;) {
     if (k == n) {
-      status = 2;
+      status = tri_status::collinear;
       return;
     }
     km1 = k;
@@ -480,11 +482,13 @@ void triangulate(int32_t n, std::span<const double> tx, std::span<const double> 
   // coordinates whose arithmetic overflows: the nodes then can't be told
   // from a line.
   for (int32_t kk = k + 1; kk <= n; ++kk) {
-    int32_t st = 0;
+    tri_status st = tri_status::ok;
     add_node(kk, tx, ty, adj, adj_end, st);
-    if (st != 0) {
-      status = 2;
+    if (st != tri_status::ok) {
+      status = tri_status::collinear;
       return;
     }
   }
 }
+
+}  // namespace quolvent

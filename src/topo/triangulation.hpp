@@ -24,6 +24,15 @@
 #include <cstdint>
 #include <span>
 
+namespace quolvent {
+
+// tri_status: the outcome of building a triangulation or adding a node.
+enum class tri_status {
+  ok,         // built
+  too_few,    // fewer than three nodes
+  collinear,  // every node on one line (or one that can't be placed)
+};
+
 // order_nodes
 //   Given:   n, the number of arrays to permute nar (1: x alone, 2: x and y,
 //            3: x, y and z), the key array x, the further arrays y, z, and an
@@ -32,7 +41,6 @@
 //            permutation (ind(i): the old place of the value now at i). For
 //            nar < 1 or n < 2 the arrays stay as they are.
 //   Fails:   never.
-//   Calls:   sort_index.
 void order_nodes(int32_t n, int32_t nar, std::span<double> x, std::span<double> y,
                  std::span<double> z, std::span<int32_t> ind);
 
@@ -41,31 +49,29 @@ void order_nodes(int32_t n, int32_t nar, std::span<double> x, std::span<double> 
 //   Returns: ind, a permutation of 1..n with x(ind(1)) <= x(ind(2)) <= ...;
 //            the keys are untouched.
 //   Fails:   never.
-//   Calls:   nothing.
 void sort_index(int32_t n, std::span<const double> x, std::span<int32_t> ind);
 
 // triangulate
 //   Given:   n nodes tx, ty (sorted on tx, for short walks), adj of 6n - 9
 //            entries, adj_end of n.
-//   Returns: adj, adj_end filled and status 0; status 1 for n < 3 (arrays
-//            untouched); status 2 when all nodes are collinear (adj_end then
-//            holds the nodes in their order along the line, adj is untouched).
-//   Fails:   by status alone; status 2 also when a node can't be located
+//   Returns: adj, adj_end filled and status ok; too_few for n < 3 (arrays
+//            untouched); collinear when all nodes are on one line (adj_end
+//            then holds the nodes in their order along the line, adj is
+//            untouched).
+//   Fails:   by status alone; collinear also when a node can't be located
 //            because the arithmetic of the coordinates overflows (the arrays
 //            are then partly built and of no use).
-//   Calls:   add_node.
 void triangulate(int32_t n, std::span<const double> tx, std::span<const double> ty,
-                 std::span<int32_t> adj, std::span<int32_t> adj_end, int32_t& status);
+                 std::span<int32_t> adj, std::span<int32_t> adj_end, tri_status& status);
 
 // add_node
 //   Given:   node k and the triangulation of nodes 1..k-1.
 //   Returns: the triangulation of nodes 1..k, Delaunay again around k, and
-//            status 0.
-//   Fails:   status 1, nothing changed, when nodes 1..k are all on one line.
-//   Calls:   find_triangle, insert_boundary, insert_interior, list_index,
-//            swap_test, swap_diagonal.
+//            status ok.
+//   Fails:   status collinear, nothing changed, when nodes 1..k are all on
+//            one line.
 void add_node(int32_t k, std::span<const double> tx, std::span<const double> ty,
-              std::span<int32_t> adj, std::span<int32_t> adj_end, int32_t& status);
+              std::span<int32_t> adj, std::span<int32_t> adj_end, tri_status& status);
 
 // insert_interior
 //   Given:   node k inside the counterclockwise triangle (i1, i2, i3) of the
@@ -73,7 +79,6 @@ void add_node(int32_t k, std::span<const double> tx, std::span<const double> ty,
 //   Returns: k joined to the three vertices; k's list i1, i2, i3 at the end
 //            of adj.
 //   Fails:   never.
-//   Calls:   list_index, shift_block.
 void insert_interior(int32_t k, int32_t i1, int32_t i2, int32_t i3, std::span<int32_t> adj,
                      std::span<int32_t> adj_end);
 
@@ -83,7 +88,6 @@ void insert_interior(int32_t k, int32_t i1, int32_t i2, int32_t i3, std::span<in
 //   Returns: k joined to i1, i2 and every hull node between them, which
 //            become interior.
 //   Fails:   never.
-//   Calls:   shift_block.
 void insert_boundary(int32_t k, int32_t i1, int32_t i2, std::span<int32_t> adj,
                      std::span<int32_t> adj_end);
 
@@ -95,7 +99,6 @@ void insert_boundary(int32_t k, int32_t i1, int32_t i2, std::span<int32_t> adj,
 //            degrees, so that the arc in1-k is to replace it; four nodes on one
 //            circle keep the arc.
 //   Fails:   never.
-//   Calls:   nothing.
 bool swap_test(int32_t in1, int32_t k, int32_t out1, int32_t out2, std::span<const double> tx,
                std::span<const double> ty);
 
@@ -105,7 +108,6 @@ bool swap_test(int32_t in1, int32_t k, int32_t out1, int32_t out2, std::span<con
 //   Returns: the arc replaced by in1-in2; adj keeps its length, and only the
 //            stretches between the removals and the insertions move.
 //   Fails:   never.
-//   Calls:   list_index, shift_block.
 void swap_diagonal(int32_t in1, int32_t in2, int32_t out1, int32_t out2, std::span<int32_t> adj,
                    std::span<int32_t> adj_end);
 
@@ -114,7 +116,6 @@ void swap_diagonal(int32_t in1, int32_t in2, int32_t out1, int32_t out2, std::sp
 //   Returns: the position of b in v's list, searched backward from adj_end(v).
 //   Fails:   a b missing from the list means broken lists: an internal check
 //            stops the run with a text.
-//   Calls:   stop_text on that failure.
 int32_t list_index(int32_t v, int32_t b, std::span<const int32_t> adj,
                    std::span<const int32_t> adj_end);
 
@@ -124,5 +125,6 @@ int32_t list_index(int32_t v, int32_t b, std::span<const int32_t> adj,
 //            copied in the direction that never overwrites its own source;
 //            nothing for k = 0 or first > last.
 //   Fails:   never.
-//   Calls:   nothing.
 void shift_block(int32_t first, int32_t last, int32_t k, std::span<int32_t> a);
+
+}  // namespace quolvent

@@ -7,22 +7,16 @@
 #include <cstddef>
 #include <new>
 
-#include "model/model.hpp"
-#include "output/diagnostic_files.hpp"
-#include "run/format.hpp"
-#include "run/text_io.hpp"
-#include "wavelet/wtn_mod.hpp"
+#include "base/format.hpp"
+#include "base/stop.hpp"
 
-std::vector<double> test_model_w;
+namespace quolvent {
 
 namespace {
 
-// work: the calling thread's cube.
-thread_local std::vector<double> work;
-
 [[noreturn]] void store_full() {
-  report({"", "ERROR: cannot allocate any more memory for the compressed sensitivity matrix.", ""});
-  stop_plain();
+  stop_report(
+      {"", "ERROR: cannot allocate any more memory for the compressed sensitivity matrix.", ""});
 }
 
 }  // namespace
@@ -33,47 +27,27 @@ int64_t kept_count(const double* cube, int64_t count, double t) {
   return kept;
 }
 
-// ALLOC_WORK
-// Given: ncube. Returns: the calling thread's cube of ncube values.
-// Fails: no memory: the allocation stop "alloc_work". Calls: alloc_failed.
-void ALLOC_WORK() {
-  try {
-    work.assign(static_cast<std::size_t>(ncube), 0.0);
-  } catch (const std::bad_alloc&) {
-    alloc_failed("alloc_work");
-  }
+void ALLOC_WORK(const compression& c, compress_workspace& ws) {
+  assign_or_stop(ws.work, static_cast<std::size_t>(c.ncube), 0.0, "alloc_work");
 }
 
-// DEALLOC_WORK
-// Given: nothing. Returns: the calling thread's cube given back.
-// Fails: never. Calls: nothing.
-void DEALLOC_WORK() {
-  // Giving memory back can't fail here; the vector is simply emptied.
-  std::vector<double>().swap(work);
-}
+void DEALLOC_WORK(compress_workspace& ws) { std::vector<double>().swap(ws.work); }
 
-// COMPRESS_ROW
-// Given: row[0..n-1], already divided by wtz; the record of its datum; the
-//   thread's nnz accumulator; kind, the datum's obs_type.
-// Returns: rec holds, in ascending 1-based cube positions, every wavelet
-//   coefficient whose magnitude reaches the relative threshold of its kind
-//   (wctol_borehole for kind < 0, else wctol_surface) times the row's largest,
-//   rounded to 32 bits; its count is added to nnz. The row is not changed.
-// Fails: no memory for the record: message and stop; the two passes
-//   disagreeing: "i /= nnz". Calls: row_to_cube, transform_cube.
-void COMPRESS_ROW(const double* row, int32_t n, compressed_row& rec, int64_t& nnz, int32_t kind) {
+void COMPRESS_ROW(const compression& c, const active_cells& cells, const double* row, int32_t n,
+                  compressed_row& rec, int64_t& nnz, datum_kind kind, compress_workspace& ws) {
   std::vector<float>().swap(rec.val);
   std::vector<int32_t>().swap(rec.idx);
-  // A thread that skipped ALLOC_WORK gets its cube here rather than writing
-  // past an empty one.
-  if (work.size() != static_cast<std::size_t>(ncube)) ALLOC_WORK();
-  double* w = work.data();
-  row_to_cube(row, n, w);
-  transform_cube(w, +1);
+  // A workspace that skipped ALLOC_WORK gets its cube here rather than
+  // writing past an empty one.
+  if (ws.work.size() != static_cast<std::size_t>(c.ncube)) ALLOC_WORK(c, ws);
+  const int64_t ncube = c.ncube;
+  double* w = ws.work.data();
+  row_to_cube(c, cells, row, n, w);
+  transform_cube(c, w, +1, ws.lines);
 
   double m = 0.0;
   for (int64_t i = 0; i < ncube; ++i) m = std::fmax(m, std::fabs(w[i]));
-  const double t = m * ((kind < 0) ? wctol_borehole : wctol_surface);
+  const double t = m * ((kind == datum_kind::borehole) ? c.wctol_borehole : c.wctol_surface);
   const int64_t count = kept_count(w, ncube, t);
 
   try {
@@ -95,29 +69,24 @@ void COMPRESS_ROW(const double* row, int32_t n, compressed_row& rec, int64_t& nn
   nnz += count;
 }
 
-// transform_test_model
-// Given: a and b of one row's length (the test model and wtz).
-// Returns: test_model_w = forward transform of the cube of a * b.
-// Fails: no memory: the allocation stop "transform_test_model".
-// Calls: row_to_cube, transform_cube.
-void transform_test_model(const std::vector<double>& a, const std::vector<double>& b) {
-  const std::size_t len = std::min(a.size(), b.size());
+std::vector<double> transform_test_model(const compression& c, const active_cells& cells,
+                                         double value, const std::vector<double>& wtz) {
+  const std::size_t len = wtz.size();
+  std::vector<double> test_model_w;
   try {
     std::vector<double> prod(len);
-    for (std::size_t i = 0; i < len; ++i) prod[i] = a[i] * b[i];
-    test_model_w.assign(static_cast<std::size_t>(ncube), 0.0);
-    row_to_cube(prod.data(), static_cast<int64_t>(len), test_model_w.data());
+    for (std::size_t i = 0; i < len; ++i) prod[i] = value * wtz[i];
+    test_model_w.assign(static_cast<std::size_t>(c.ncube), 0.0);
+    row_to_cube(c, cells, prod.data(), static_cast<int64_t>(len), test_model_w.data());
   } catch (const std::bad_alloc&) {
     alloc_failed("transform_test_model");
   }
-  transform_cube(test_model_w.data(), +1);
+  line_buffers lines;
+  transform_cube(c, test_model_w.data(), +1, lines);
+  return test_model_w;
 }
 
-// dot_compressed
-// Given: a record filled by COMPRESS_ROW; test_model_w set.
-// Returns: the sum of val(k) * test_model_w(idx(k)); 0 for an empty record.
-// Fails: a position outside the test model stops with a text. Calls: nothing.
-double dot_compressed(const compressed_row& rec) {
+double dot_compressed(const std::vector<double>& test_model_w, const compressed_row& rec) {
   const std::size_t m = std::min(rec.val.size(), rec.idx.size());
   const std::size_t size = test_model_w.size();
   double s = 0.0;
@@ -131,26 +100,19 @@ double dot_compressed(const compressed_row& rec) {
   return s;
 }
 
-// report_compression
-// Given: the row length, ndata, the total kept count, and data_full and
-//   data_comp (ndata each, or both nullptr).
-// Returns: the report in the log; with diag_flag the two data files.
-//   A datum whose exact response is 0 is left out of the mean error and
-//   counted on a line of its own; with nothing kept the ratio says so.
-// Fails: never. Calls: fmt_right, fmt_int, fmt_sci, write_data_file.
 void report_compression(int32_t n, int32_t ndata, int64_t nnz, const double* data_full,
-                        const double* data_comp) {
-  say_log("");
-  say_log("");
-  say_log(fmt_right("Number of non-zeros:", 30) + fmt_int(nnz, 10));
+                        const double* data_comp, const run_log& out) {
+  out.say_log("");
+  out.say_log("");
+  out.say_log(fmt_right("Number of non-zeros:", 30) + fmt_int(nnz, 10));
   if (nnz > 0) {
     const double ratio = static_cast<double>(n) * static_cast<double>(ndata) / static_cast<double>(nnz);
-    say_log(fmt_right("Compression   ratio:", 30) + fmt_sci(ratio, 12, 4));
+    out.say_log(fmt_right("Compression   ratio:", 30) + fmt_sci(ratio, 12, 4));
   } else {
     // Every coefficient dropped: the ratio has no value to show.
-    say_log(fmt_right("Compression   ratio:", 30) + "   no coefficient kept");
+    out.say_log(fmt_right("Compression   ratio:", 30) + "   no coefficient kept");
   }
-  say_log("");
+  out.say_log("");
   if (data_full != nullptr && data_comp != nullptr) {
     // A datum whose exact response is 0 has no relative error; it is left
     // out of the mean and counted instead.
@@ -162,14 +124,11 @@ void report_compression(int32_t n, int32_t ndata, int64_t nnz, const double* dat
       ++used;
     }
     const double mean = (used > 0) ? sum / static_cast<double>(used) : 0.0;
-    say_log(fmt_right("achieved relative error:", 30) + fmt_sci(mean, 12, 4));
-    if (used < ndata) say_log(fmt_right("zero-response data left out:", 30) + fmt_int(ndata - used, 10));
-    if (params.diag_flag) {
-      const std::size_t nd = static_cast<std::size_t>(ndata > 0 ? ndata : 0);
-      write_data_file("data_notcompressed.txt", std::vector<double>(data_full, data_full + nd));
-      write_data_file("data_compressed.txt", std::vector<double>(data_comp, data_comp + nd));
-    }
+    out.say_log(fmt_right("achieved relative error:", 30) + fmt_sci(mean, 12, 4));
+    if (used < ndata) out.say_log(fmt_right("zero-response data left out:", 30) + fmt_int(ndata - used, 10));
   }
-  say_log("");
-  if (log_out() != nullptr) std::fflush(log_out());
+  out.say_log("");
+  if (out.log() != nullptr) std::fflush(out.log());
 }
+
+}  // namespace quolvent

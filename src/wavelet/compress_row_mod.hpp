@@ -1,21 +1,73 @@
 // COMPRESS_ROW_MOD: one row at a time into the sparse wavelet store, and the
 // test model that checks what the compression cost.
-//
-// The routines themselves (COMPRESS_ROW, ALLOC_WORK, DEALLOC_WORK,
-// transform_test_model, dot_compressed, report_compression) are declared in
-// wavelet/compression.hpp beside the store they fill.
 #pragma once
 
+#include <cstdint>
 #include <vector>
 
+#include "base/channels.hpp"
+#include "model/model.hpp"
 #include "wavelet/compression.hpp"
+#include "wavelet/wtn_mod.hpp"
 
-// test_model_w: the wavelet coefficients of the test model times wtz, ncube
-// values; written once by transform_test_model, read by dot_compressed.
-extern std::vector<double> test_model_w;
+namespace quolvent {
+
+// compress_workspace: one thread's cube and line buffers, made inside the
+// parallel region.
+struct compress_workspace {
+  std::vector<double> work;
+  line_buffers lines;
+};
+
+// ALLOC_WORK
+// Given: the compression record. Returns: ws.work, a cube of ncube values.
+// Fails: no memory: the allocation stop "alloc_work".
+void ALLOC_WORK(const compression& c, compress_workspace& ws);
+
+// DEALLOC_WORK: ws's cube given back.
+void DEALLOC_WORK(compress_workspace& ws);
+
+// COMPRESS_ROW
+// Given: the compression record and the active cells; row[0..n-1], already
+//   divided by wtz; the record of its datum; the thread's nnz accumulator;
+//   the datum's kind; the thread's workspace.
+// Returns: rec holds, in ascending 1-based cube positions, every wavelet
+//   coefficient whose magnitude reaches the relative threshold of its kind
+//   (wctol_borehole for a borehole datum, else wctol_surface) times the row's
+//   largest, rounded to 32 bits; its count is added to nnz. The row is not
+//   changed.
+// Fails: no memory for the record: message and stop; the two passes
+//   disagreeing: "i /= nnz".
+void COMPRESS_ROW(const compression& c, const active_cells& cells, const double* row, int32_t n,
+                  compressed_row& rec, int64_t& nnz, datum_kind kind, compress_workspace& ws);
 
 // kept_count
-// Given: a cube of ncube values and an absolute threshold t.
+// Given: a cube of count values and an absolute threshold t.
 // Returns: the number of values v with |v| >= t.
-// Fails: never. Calls: nothing.
+// Fails: never.
 int64_t kept_count(const double* cube, int64_t count, double t);
+
+// transform_test_model
+// Given: the uniform value of the test model and wtz (one row's length).
+// Returns: the forward transform of the cube of value * wtz, ncube values.
+// Fails: no memory: the allocation stop "transform_test_model".
+std::vector<double> transform_test_model(const compression& c, const active_cells& cells,
+                                         double value, const std::vector<double>& wtz);
+
+// dot_compressed
+// Given: the transformed test model and a record filled by COMPRESS_ROW.
+// Returns: the sum of val(k) * test_model_w(idx(k)); 0 for an empty record.
+// Fails: a position outside the test model stops with a text.
+double dot_compressed(const std::vector<double>& test_model_w, const compressed_row& rec);
+
+// report_compression
+// Given: the row length, ndata, the total kept count, and data_full and
+//   data_comp (ndata each, or both nullptr); the run's log.
+// Returns: the report in the log. A datum whose exact response is 0 is left
+//   out of the mean error and counted on a line of its own; with nothing kept
+//   the ratio says so.
+// Fails: never.
+void report_compression(int32_t n, int32_t ndata, int64_t nnz, const double* data_full,
+                        const double* data_comp, const run_log& out);
+
+}  // namespace quolvent

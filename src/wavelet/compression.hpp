@@ -1,12 +1,35 @@
-// The store of the matrix and the state of its compression, shared by the
-// row loops, the matrix file and the uncompress stage.
+// The compression record of a run (filters, padded cube, thresholds) and the
+// store of the matrix the row loops fill.
 #pragma once
 
 #include <cstdint>
 #include <memory>
 #include <new>
-#include <string>
 #include <vector>
+
+namespace quolvent {
+
+// wtn_filters: the low-pass and high-pass filters of the transform and the
+// offset of their first tap.
+struct wtn_filters {
+  std::vector<double> cc;  // low-pass
+  std::vector<double> cr;  // high-pass
+  int32_t ncof = 0;
+  int32_t ioff = 0;
+};
+
+// compression: what every compressed row shares, set once by
+// setup_compression and read-only after.
+struct compression {
+  bool compressed = false;         // a wavelet is in use
+  int32_t ncof = 0;                // filter length, 0 for none
+  std::vector<double> filter;      // ncof unit-norm coefficients
+  wtn_filters flt;                 // the filters the transform applies
+  int32_t ny = 0, nx = 0, nz = 0;  // the mesh extents the cube holds
+  int32_t nyp = 0, nxp = 0, nzp = 0;  // padded extents (0 when none)
+  int64_t ncube = 0;                  // nyp * nxp * nzp
+  double wctol_surface = 0.0, wctol_borehole = 0.0;  // relative thresholds
+};
 
 // compressed_row: the kept wavelet coefficients of one row: val (rounded to
 // 32 bits) and idx (1-based positions in the padded cube, strictly ascending).
@@ -38,38 +61,10 @@ struct uninit_allocator : std::allocator<T> {
 };
 using float_matrix = std::vector<float, uninit_allocator<float>>;
 
-extern bool compressed;                        // a wavelet is in use
-extern std::vector<compressed_row> g_compressed;  // one record per datum
-extern float_matrix g_full;                        // n x ndata, row i at [(i-1)*n]
-extern int32_t ncof;                           // filter length, 0 for none
-extern std::vector<double> filter;             // ncof unit-norm coefficients
-extern int32_t nyp, nxp, nzp;                  // padded extents (0 when none)
-extern int64_t ncube;                          // nyp * nxp * nzp
-extern double wctol_surface, wctol_borehole;   // relative thresholds
+// matrix_store: the rows of the matrix, one of the two forms in use.
+struct matrix_store {
+  std::vector<compressed_row> g_compressed;  // one record per datum
+  float_matrix g_full;                       // n x ndata, row i at [(i-1)*n]
+};
 
-// setup_compression: checks the wavelet, sets the filters and the padded
-// extents, estimates the thresholds, and allocates g_compressed (compressed)
-// or g_full (uncompressed). Sets the main thread's direction products.
-void setup_compression(int32_t n, const std::vector<double>& wtz,
-                       const std::vector<int32_t>& top_index,
-                       const std::vector<int32_t>& obs_type, const std::string& wavelet,
-                       const std::string& eps_line);
-
-// COMPRESS_ROW: compresses row[0..n-1] (already divided by wtz) into rec,
-// adding its count to the thread's nnz; kind < 0 uses wctol_borehole.
-void COMPRESS_ROW(const double* row, int32_t n, compressed_row& rec, int64_t& nnz, int32_t kind);
-// ALLOC_WORK / DEALLOC_WORK: the calling thread's cube of ncube values.
-void ALLOC_WORK();
-void DEALLOC_WORK();
-// transform_test_model: test_model_w = forward transform of a * b.
-void transform_test_model(const std::vector<double>& a, const std::vector<double>& b);
-// dot_compressed: sum of val(k) * test_model_w(idx(k)); 0 for an empty record.
-double dot_compressed(const compressed_row& rec);
-// report_compression: the log report after the row loop; data_full and
-// data_comp (ndata each) are given together or both nullptr.
-void report_compression(int32_t n, int32_t ndata, int64_t nnz, const double* data_full,
-                        const double* data_comp);
-
-// UNCOMPRESSG: sens_avg = mean over the data of |row| as the compressed rows
-// give it, rows multiplied back by wtz.
-void UNCOMPRESSG(int32_t n, const std::vector<double>& wtz, std::vector<double>& sens_avg);
+}  // namespace quolvent

@@ -1,4 +1,4 @@
-// Threshold estimation and the choice of the matrix store. The estimate costs
+// Threshold estimation and the matrix store. The estimate costs
 // one row, one transform and one sort per kind of datum, whatever the number
 // of data.
 #include "wavelet/threshold.hpp"
@@ -8,26 +8,25 @@
 #include <new>
 #include <stdexcept>
 
-#include "model/model.hpp"
-#include "run/format.hpp"
-#include "run/text_io.hpp"
-#include "sens/gsus_mod.hpp"
-#include "sens/gsus_no_atan_mod.hpp"
-#include "wavelet/compression.hpp"
-#include "wavelet/hpsort.hpp"
+#include "base/format.hpp"
+#include "base/hpsort.hpp"
+#include "base/stop.hpp"
+#include "base/text_io.hpp"
 #include "wavelet/wavelet_filters.hpp"
 #include "wavelet/wtn_mod.hpp"
+
+namespace quolvent {
 
 namespace {
 
 [[noreturn]] void out_of_reach() {
-  report_log({" Cannot achieve the required relative accuracy,", " program is terminated."});
-  stop_plain();
+  stop_report_log({" Cannot achieve the required relative accuracy,", " program is terminated."});
 }
 
 // sample_datum: the 1-based number of the datum of this kind nearest to the
 // centre of the mesh (borehole data also by depth); 0 when there is none.
-int32_t sample_datum(const std::vector<int32_t>& obs_type, int32_t kind) {
+int32_t sample_datum(const mesh_model& mesh, const obs_set& obs,
+                     const std::vector<datum_kind>& obs_type, datum_kind kind) {
   const double yc = mesh.yn[static_cast<std::size_t>(mesh.ny / 2)];
   const double xc = mesh.xn[static_cast<std::size_t>(mesh.nx / 2)];
   // With fewer than two layers there is no middle node; the top one serves.
@@ -40,7 +39,7 @@ int32_t sample_datum(const std::vector<int32_t>& obs_type, int32_t kind) {
     const double dy = yc - obs.obs_y[i];
     const double dx = xc - obs.obs_x[i];
     double d = dy * dy + dx * dx;
-    if (kind < 0) {
+    if (kind == datum_kind::borehole) {
       const double dz = obs.obs_z[i] + zc - mesh.z0;
       d += dz * dz;
     }
@@ -54,7 +53,9 @@ int32_t sample_datum(const std::vector<int32_t>& obs_type, int32_t kind) {
 
 }  // namespace
 
-double wctol(const double* row, int32_t n, double eps) {
+double wctol(const compression& c, const active_cells& cells, const double* row, int32_t n,
+             double eps, const run_log& out) {
+  const int64_t ncube = c.ncube;
   const std::size_t nc = static_cast<std::size_t>(ncube);
   std::vector<double> y;
   {
@@ -65,8 +66,9 @@ double wctol(const double* row, int32_t n, double eps) {
     } catch (const std::bad_alloc&) {
       alloc_failed("wctol");
     }
-    row_to_cube(row, n, x.data());
-    transform_cube(x.data(), +1);
+    row_to_cube(c, cells, row, n, x.data());
+    line_buffers lines;
+    transform_cube(c, x.data(), +1, lines);
     for (std::size_t i = 0; i < nc; ++i) y[i] = x[i] * x[i];
   }
   hpsort(y.data(), ncube);
@@ -74,10 +76,9 @@ double wctol(const double* row, int32_t n, double eps) {
   // Relative energy: the strongest coefficient is 1. Summed smallest first.
   const double top = nc > 0 ? y[nc - 1] : 0.0;
   if (!(top > 0.0) || !std::isfinite(top)) {
-    report({"", "ERROR: the sample row has no finite value other than 0, so no threshold",
-            "can be estimated from it. Give the relative threshold itself (itol 2).",
-            "program is terminated."});
-    stop_plain();
+    stop_report({"", "ERROR: the sample row has no finite value other than 0, so no threshold",
+                 "can be estimated from it. Give the relative threshold itself (itol 2).",
+                 "program is terminated."});
   }
   double total = 0.0;
   for (std::size_t i = 0; i < nc; ++i) {
@@ -119,17 +120,16 @@ double wctol(const double* row, int32_t n, double eps) {
   for (std::size_t i = nc; i > 0 && y[i - 1] >= thr; --i) ++kept;
   const double result = std::sqrt(thr);
 
-  report_log({"", fmt_right("At the relative  accuracy of:", 30) + fmt_sci(eps, 12, 4),
+  out.report_log({"", fmt_right("At the relative  accuracy of:", 30) + fmt_sci(eps, 12, 4),
               fmt_right("Estimated relative threshold:", 30) + fmt_sci(result, 12, 4),
               fmt_right("Predicted compression  ratio:", 30) +
                   fmt_sci(static_cast<double>(n) / static_cast<double>(kept), 12, 4)});
   return result;
 }
 
-void estimate_thresholds(int32_t n, const std::vector<double>& wtz,
-                         const std::vector<int32_t>& top_index,
-                         const std::vector<int32_t>& obs_type, const std::string& eps_line,
-                         double& surface, double& borehole) {
+void estimate_thresholds(const compression& c, const survey& s, const std::string& eps_line,
+                         const sample_row_fn& sample_row, const run_log& out, double& surface,
+                         double& borehole) {
   int32_t itol = 0;
   double eps = std::numeric_limits<double>::quiet_NaN();
   if (is_null_name(eps_line)) {
@@ -140,42 +140,32 @@ void estimate_thresholds(int32_t n, const std::vector<double>& wtz,
     // that is unreadable input as much as a bad token.
     const int status = ff_read_text(eps_line, {itol, eps});
     if (status != 0 || !std::isfinite(eps)) {
-      report({"Unrecognized input for compression threshold,", "program is terminated."});
-      stop_plain();
+      stop_report({"Unrecognized input for compression threshold,", "program is terminated."});
     }
   }
-  if (itol != 1 && itol != 2) {
-    report({"Error:  itol should be 1 or 2."});
-    stop_plain();
-  }
+  if (itol != 1 && itol != 2) stop_report({"Error:  itol should be 1 or 2."});
   if (itol == 2) {
     surface = eps;
     borehole = eps;
     return;
   }
   if (!(eps > 0.0)) {
-    report({"", "ERROR: the relative accuracy must be above 0 when itol is 1.",
-            "program is terminated."});
-    stop_plain();
+    stop_report({"", "ERROR: the relative accuracy must be above 0 when itol is 1.",
+                 "program is terminated."});
   }
 
+  const int32_t n = s.n;
   std::vector<double> row;
-  try {
-    row.assign(static_cast<std::size_t>(n > 0 ? n : 0), 0.0);
-  } catch (const std::bad_alloc&) {
-    alloc_failed("setup_compression");
-  }
-  for (int32_t kind : {1, -1}) {
-    const int32_t idat = sample_datum(obs_type, kind);
+  assign_or_stop(row, static_cast<std::size_t>(n > 0 ? n : 0), 0.0, "setup_compression");
+  for (datum_kind kind : {datum_kind::surface, datum_kind::borehole}) {
+    const int32_t idat = sample_datum(s.mesh, s.obs, s.obs_type, kind);
     if (idat == 0) continue;
-    report_log({"", kind > 0 ? "    Sensitivity of surface  data:" : "    Sensitivity of borehole data:"});
-    const std::size_t d = static_cast<std::size_t>(idat - 1);
-    sens_row(mesh.yn.data(), mesh.xn.data(), mesh.zn.data(), mesh.ny, mesh.nx, mesh.nz,
-             top_index.data(), idat, obs.obs_y[d], obs.obs_x[d], mesh.z0 - obs.obs_z[d], row.data(),
-             row.size());
-    for (std::size_t i = 0; i < row.size(); ++i) row[i] /= wtz[i];
-    const double t = wctol(row.data(), n, eps);
-    if (kind > 0) {
+    out.report_log({"", kind == datum_kind::surface ? "    Sensitivity of surface  data:"
+                                                    : "    Sensitivity of borehole data:"});
+    sample_row(idat, row);
+    for (std::size_t i = 0; i < row.size(); ++i) row[i] /= s.wtz[i];
+    const double t = wctol(c, s.cells, row.data(), n, eps, out);
+    if (kind == datum_kind::surface) {
       surface = t;
     } else {
       borehole = t;
@@ -183,55 +173,41 @@ void estimate_thresholds(int32_t n, const std::vector<double>& wtz,
   }
 }
 
-// setup_compression
-// Given: the row length, wtz, the column tops, the kinds of the data, the
-//   wavelet name and the tolerance field.
-// Returns: the main thread's direction products set; compressed, filters,
-//   padded extents and thresholds set and g_compressed made (ndata empty
-//   records), or g_full made (n x ndata, each element written by the row loops) when no wavelet is used.
-// Fails: the stops of check_wavelet, set_padded_extents and
-//   estimate_thresholds; no memory for g_compressed: "setup_compression";
-//   for g_full: its own message and a stop.
-// Calls: SET_G_VALUES, check_wavelet, set_padded_extents, set_filters,
-//   estimate_thresholds.
-void setup_compression(int32_t n, const std::vector<double>& wtz,
-                       const std::vector<int32_t>& top_index,
-                       const std::vector<int32_t>& obs_type, const std::string& wavelet,
-                       const std::string& eps_line) {
-  // The main thread's products serve the sample rows here and are copied to
-  // every thread of the row loop.
-  const bool common = obs.idir != 0 || obs.obs_aincl.empty() || obs.obs_adecl.empty();
-  SET_G_VALUES(obs.incl, obs.decl, common ? obs.aincl : obs.obs_aincl[0],
-               common ? obs.adecl : obs.obs_adecl[0]);
-
-  check_wavelet(wavelet, filter, ncof);
-  if (ncof > 0) set_padded_extents();
-  compressed = ncof >= 1;
-  const std::size_t nd = static_cast<std::size_t>(obs.ndata > 0 ? obs.ndata : 0);
-  if (compressed) {
-    try {
-      g_compressed.assign(nd, compressed_row{});
-    } catch (const std::bad_alloc&) {
-      alloc_failed("setup_compression");
-    } catch (const std::length_error&) {
-      alloc_failed("setup_compression");
-    }
-    set_filters(filter, ncof);
-    estimate_thresholds(n, wtz, top_index, obs_type, eps_line, wctol_surface, wctol_borehole);
-  } else {
-    const std::size_t len = static_cast<std::size_t>(n > 0 ? n : 0);
-    bool ok = true;
-    try {
-      g_full.resize(len * nd);
-    } catch (const std::bad_alloc&) {
-      ok = false;
-    } catch (const std::length_error&) {
-      ok = false;
-    }
-    if (!ok) {
-      report({"", "Error: not enough memory to allocate for the uncompressed",
-              "sensitivity matrix.  Try using compression.", ""});
-      stop_plain();
-    }
+compression setup_compression(const survey& s, const std::string& wavelet,
+                              const std::string& eps_line, const sample_row_fn& sample_row,
+                              const run_log& out) {
+  compression c;
+  check_wavelet(wavelet, c.filter, c.ncof, out);
+  if (c.ncof > 0) set_padded_extents(s.mesh, c);
+  c.compressed = c.ncof >= 1;
+  if (c.compressed) {
+    c.flt = set_filters(c.filter, c.ncof);
+    estimate_thresholds(c, s, eps_line, sample_row, out, c.wctol_surface, c.wctol_borehole);
   }
+  return c;
 }
+
+matrix_store make_matrix_store(const compression& c, int32_t n, int32_t ndata) {
+  matrix_store store;
+  const std::size_t nd = static_cast<std::size_t>(ndata > 0 ? ndata : 0);
+  if (c.compressed) {
+    assign_or_stop(store.g_compressed, nd, compressed_row{}, "setup_compression");
+    return store;
+  }
+  const std::size_t len = static_cast<std::size_t>(n > 0 ? n : 0);
+  bool ok = true;
+  try {
+    store.g_full.resize(len * nd);
+  } catch (const std::bad_alloc&) {
+    ok = false;
+  } catch (const std::length_error&) {
+    ok = false;
+  }
+  if (!ok) {
+    stop_report({"", "Error: not enough memory to allocate for the uncompressed",
+                 "sensitivity matrix.  Try using compression.", ""});
+  }
+  return store;
+}
+
+}  // namespace quolvent

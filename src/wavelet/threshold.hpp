@@ -1,30 +1,62 @@
 // Threshold estimation: from a required relative accuracy to the relative
-// threshold of each kind of datum, by way of one sample row per kind.
-// setup_compression itself is declared in wavelet/compression.hpp.
+// threshold of each kind of datum, by way of one sample row per kind; and the
+// set-up of the compression record and of the matrix store.
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
+#include "base/channels.hpp"
+#include "model/model.hpp"
+#include "wavelet/compression.hpp"
+
+namespace quolvent {
+
+// sample_row_fn: fills row (n values, before the weighting) with the
+// sensitivity row of the 1-based datum idat. The threshold estimate is handed
+// one by the driver, so that it never computes a row itself.
+using sample_row_fn = std::function<void(int32_t idat, std::vector<double>& row)>;
+
+// setup_compression
+// Given: the survey (its row length, weighting, active cells, data kinds),
+//   the wavelet name and the tolerance field of the control file, the sample
+//   rows, the run's log.
+// Returns: the compression record: compressed, filters, padded extents and,
+//   when compressed, the thresholds.
+// Fails: the stops of check_wavelet, set_padded_extents and
+//   estimate_thresholds.
+compression setup_compression(const survey& s, const std::string& wavelet,
+                              const std::string& eps_line, const sample_row_fn& sample_row,
+                              const run_log& out);
+
+// make_matrix_store
+// Given: the compression record, the row length n, ndata.
+// Returns: ndata empty records when compressed, else g_full of n x ndata
+//   (each element written by the row loops).
+// Fails: no memory for the records: "setup_compression"; for g_full: its own
+//   message and a stop.
+matrix_store make_matrix_store(const compression& c, int32_t n, int32_t ndata);
+
 // estimate_thresholds
-// Given: the row length n, wtz (n), the column tops, the kind of each datum,
-//   and eps_line: "null"/"NULL" (itol 1, eps 0.05) or "itol eps".
+// Given: the compression record (filters and padded extents set), the survey,
+//   eps_line ("null"/"NULL": itol 1, eps 0.05; or "itol eps"), the sample rows.
 // Returns: the two relative thresholds; with itol 2 both are eps, with itol 1
-//   each kind that has data gets the estimate of its sample row, and a kind
+//   each kind that has data gets the estimate of its sample row (the datum of
+//   that kind nearest the mesh centre, divided by the weighting), and a kind
 //   without data keeps its value. Writes a block to the log per estimate.
 // Fails: an unreadable field (no eps included), an itol other than 1 or 2, an
 //   eps of 0 or below with itol 1, and the stops of wctol; each with its
 //   message and a stop.
-// Calls: ff_read_text, sens_row, wctol, report, report_log, stop_plain.
-void estimate_thresholds(int32_t n, const std::vector<double>& wtz,
-                         const std::vector<int32_t>& top_index,
-                         const std::vector<int32_t>& obs_type, const std::string& eps_line,
+void estimate_thresholds(const compression& c, const survey& s, const std::string& eps_line,
+                         const sample_row_fn& sample_row, const run_log& out,
                          double& wctol_surface, double& wctol_borehole);
 
 // wctol
-// Given: a row of n values (already divided by wtz) and the relative
-//   accuracy eps; the filters and the padded extents are set.
+// Given: the compression record (filters and padded extents set) and the
+//   active cells; a row of n values (already divided by wtz) and the relative
+//   accuracy eps.
 // Returns: the relative threshold (to the largest coefficient) that drops
 //   just the share of the energy that eps allows, read off the energy curve
 //   at 10 points by log-log interpolation; writes three lines to the log.
@@ -34,5 +66,7 @@ void estimate_thresholds(int32_t n, const std::vector<double>& wtz,
 // Fails: the accuracy is out of reach already at the first point, or eps is
 //   not above 0: log message and stop. A row without any finite nonzero
 //   value: message and stop. No memory: the allocation stop "wctol".
-// Calls: row_to_cube, transform_cube, hpsort, report, report_log, stop_plain.
-double wctol(const double* row, int32_t n, double eps);
+double wctol(const compression& c, const active_cells& cells, const double* row, int32_t n,
+             double eps, const run_log& out);
+
+}  // namespace quolvent

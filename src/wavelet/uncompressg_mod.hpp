@@ -1,14 +1,27 @@
 // UNCOMPRESSG_MOD: the average absolute sensitivity as the compressed rows
-// represent it. UNCOMPRESSG itself is declared in wavelet/compression.hpp:
-//
+// represent it.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "base/channels.hpp"
+#include "model/model.hpp"
+#include "wavelet/compression.hpp"
+
+namespace quolvent {
+
 // UNCOMPRESSG
-// Given: the row length n, wtz (n), and the filled g_compressed.
+// Given: the compression record, the active cells, the store with its
+//   compressed records, the row length n, ndata, wtz (n), the run's log.
 // Returns: sens_avg (made n long) = mean over the data of |row| of each
 //   record taken back through the inverse transform and multiplied by wtz;
 //   "Uncompressing ..." and the progress line on the screen.
 // Fails: no memory for a thread's cube or row: the allocation stop
-//   "uncompressG"; a position outside the cube stops with a text.
-// Calls: transform_cube, cube_to_row, report_progress.
-#pragma once
+//   "uncompressG"; a position outside the cube stops with a text. A stop on
+//   any thread ends the loop and leaves it once.
+void UNCOMPRESSG(const compression& c, const active_cells& cells, const matrix_store& store,
+                 int32_t n, int32_t ndata, const std::vector<double>& wtz,
+                 std::vector<double>& sens_avg, const run_log& out);
 
-#include "wavelet/compression.hpp"
+}  // namespace quolvent

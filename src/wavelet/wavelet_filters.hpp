@@ -6,6 +6,10 @@
 #include <string>
 #include <vector>
 
+#include "base/channels.hpp"
+
+namespace quolvent {
+
 // check_wavelet
 // Given: wavelet, the 5-character name field ("daub1".."daub6",
 //   "symm4".."symm6", "none" or "NONE"; the first four characters decide,
@@ -14,5 +18,7 @@
 //   for "none"/"NONE" ncof = 0, filter empty, and the warning on screen and log.
 // Fails: an unknown name or a bad digit is reported on the screen and the log
 //   and the run stops.
-// Calls: ff_read_text, report, stop_plain.
-void check_wavelet(const std::string& wavelet, std::vector<double>& filter, int32_t& ncof);
+void check_wavelet(const std::string& wavelet, std::vector<double>& filter, int32_t& ncof,
+                   const run_log& out);
+
+}  // namespace quolvent

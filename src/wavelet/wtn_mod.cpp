@@ -1,35 +1,17 @@
-// WTN_MOD: lines are gathered into a per-thread buffer before filtering, so
-// strides never matter, and nothing is allocated per row.
+// WTN_MOD: lines are gathered into the thread's line buffer before filtering,
+// so strides never matter, and nothing is allocated per row.
 #include "wavelet/wtn_mod.hpp"
 
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
 
-#include "model/model.hpp"
-#include "run/format.hpp"
-#include "run/text_io.hpp"
-#include "wavelet/compression.hpp"
+#include "base/format.hpp"
+#include "base/stop.hpp"
+
+namespace quolvent {
 
 namespace {
-
-// The filters, set once before any transform and read-only afterwards.
-struct wtn_filters {
-  std::vector<double> cc;  // low-pass
-  std::vector<double> cr;  // high-pass
-  int32_t ncof = 0;
-  int32_t ioff = 0;
-};
-wtn_filters flt;
-
-// The line buffers of one thread, made on its first transform.
-struct line_buffers {
-  std::vector<double> wk;
-  std::vector<double> wksp;
-  int64_t ntot = 0;
-  bool first = true;
-};
-thread_local line_buffers tl;
 
 constexpr int64_t max_position = 2147483647;
 
@@ -48,7 +30,7 @@ int64_t padded_extent(int32_t n) {
   return ext;
 }
 
-void set_padded_extents() {
+void set_padded_extents(const mesh_model& mesh, compression& c) {
   const int64_t py = padded_extent(mesh.ny);
   const int64_t px = padded_extent(mesh.nx);
   const int64_t pz = padded_extent(mesh.nz);
@@ -58,21 +40,24 @@ void set_padded_extents() {
   if (!too_big) too_big = py * px > max_position;
   if (!too_big) too_big = py * px * pz > max_position;
   if (too_big) {
-    report({"", "ERROR: the mesh is too large for wavelet compression: the padded cube of",
+    stop_report({"", "ERROR: the mesh is too large for wavelet compression: the padded cube of",
             "       " + fmt_int(py) + " x " + fmt_int(px) + " x " + fmt_int(pz) +
                 " elements has more places than the 2147483647",
             "       that the positions of a compressed row can address.",
             "       Use a smaller mesh, or NONE for no compression.",
             ""});
-    stop_plain();
   }
-  nyp = static_cast<int32_t>(py);
-  nxp = static_cast<int32_t>(px);
-  nzp = static_cast<int32_t>(pz);
-  ncube = py * px * pz;
+  c.ny = mesh.ny;
+  c.nx = mesh.nx;
+  c.nz = mesh.nz;
+  c.nyp = static_cast<int32_t>(py);
+  c.nxp = static_cast<int32_t>(px);
+  c.nzp = static_cast<int32_t>(pz);
+  c.ncube = py * px * pz;
 }
 
-void set_filters(const std::vector<double>& c, int32_t nc) {
+wtn_filters set_filters(const std::vector<double>& c, int32_t nc) {
+  wtn_filters flt;
   flt.ncof = nc;
   flt.cc.assign(static_cast<std::size_t>(nc), 0.0);
   flt.cr.assign(static_cast<std::size_t>(nc), 0.0);
@@ -81,12 +66,13 @@ void set_filters(const std::vector<double>& c, int32_t nc) {
     flt.cr[nc - k] = (k % 2 == 1) ? -c[k - 1] : c[k - 1];
   }
   flt.ioff = -(nc / 2);
+  return flt;
 }
 
 namespace {
 
 // row_map: 1 through active_map, 0 plain copy; stops on any other length.
-int row_map(int64_t len) {
+int row_map(const active_cells& cells, int64_t len) {
   if (len == cells.nactive) return 1;
   if (len == cells.ncell_total) return 0;
   stop_text("size(x) /= # of cells");
@@ -94,9 +80,11 @@ int row_map(int64_t len) {
 
 }  // namespace
 
-void row_to_cube(const double* x, int64_t len, double* y) {
-  const int use_map = row_map(len);
-  const int32_t ny = mesh.ny, nx = mesh.nx, nz = mesh.nz;
+void row_to_cube(const compression& c, const active_cells& cells, const double* x, int64_t len,
+                 double* y) {
+  const int use_map = row_map(cells, len);
+  const int32_t ny = c.ny, nx = c.nx, nz = c.nz;
+  const int32_t nyp = c.nyp, nxp = c.nxp, nzp = c.nzp;
   const std::size_t zp = static_cast<std::size_t>(nzp);
   const std::size_t plane = zp * static_cast<std::size_t>(nxp);
   std::size_t next = 0;  // plain copy: the next value of x
@@ -121,9 +109,11 @@ void row_to_cube(const double* x, int64_t len, double* y) {
   }
 }
 
-void cube_to_row(double* x, int64_t len, const double* y) {
-  const int use_map = row_map(len);
-  const int32_t ny = mesh.ny, nx = mesh.nx, nz = mesh.nz;
+void cube_to_row(const compression& c, const active_cells& cells, double* x, int64_t len,
+                 const double* y) {
+  const int use_map = row_map(cells, len);
+  const int32_t ny = c.ny, nx = c.nx, nz = c.nz;
+  const int32_t nxp = c.nxp, nzp = c.nzp;
   const std::size_t zp = static_cast<std::size_t>(nzp);
   const std::size_t plane = zp * static_cast<std::size_t>(nxp);
   std::size_t next = 0;
@@ -144,9 +134,9 @@ void cube_to_row(double* x, int64_t len, const double* y) {
   }
 }
 
-void transform_cube(double* a, int32_t isign) {
-  const int32_t nn[3] = {nzp, nxp, nyp};
-  WTN(a, nn, isign);
+void transform_cube(const compression& c, double* a, int32_t isign, line_buffers& lb) {
+  const int32_t nn[3] = {c.nzp, c.nxp, c.nyp};
+  WTN(c.flt, a, nn, isign, lb);
 }
 
 namespace {
@@ -154,7 +144,7 @@ namespace {
 // pwt_step: one filtering step with NC taps (NC of 0: the run-time count),
 // so that the usual filter lengths get loops of fixed length.
 template <int NC>
-void pwt_step(double* a, int64_t n, bool forward, double* w) {
+void pwt_step(const wtn_filters& flt, double* a, int64_t n, bool forward, double* w) {
   const int32_t nc = NC > 0 ? NC : flt.ncof;
   const double* cc = flt.cc.data();
   const double* cr = flt.cr.data();
@@ -209,33 +199,28 @@ bool all_zero(const double* v, int64_t n) {
 
 }  // namespace
 
-void PWT(double* a, int32_t n, bool forward) {
+void PWT(const wtn_filters& flt, double* a, int32_t n, bool forward, double* w) {
   if (n < 4) return;
-  if (tl.wksp.size() < static_cast<std::size_t>(n)) tl.wksp.resize(static_cast<std::size_t>(n));
-  double* w = tl.wksp.data();
   switch (flt.ncof) {
-    case 2: pwt_step<2>(a, n, forward, w); break;
-    case 4: pwt_step<4>(a, n, forward, w); break;
-    case 6: pwt_step<6>(a, n, forward, w); break;
-    case 8: pwt_step<8>(a, n, forward, w); break;
-    case 10: pwt_step<10>(a, n, forward, w); break;
-    case 12: pwt_step<12>(a, n, forward, w); break;
-    default: pwt_step<0>(a, n, forward, w); break;
+    case 2: pwt_step<2>(flt, a, n, forward, w); break;
+    case 4: pwt_step<4>(flt, a, n, forward, w); break;
+    case 6: pwt_step<6>(flt, a, n, forward, w); break;
+    case 8: pwt_step<8>(flt, a, n, forward, w); break;
+    case 10: pwt_step<10>(flt, a, n, forward, w); break;
+    case 12: pwt_step<12>(flt, a, n, forward, w); break;
+    default: pwt_step<0>(flt, a, n, forward, w); break;
   }
 }
 
-void WTN(double* a, const int32_t nn[3], int32_t isign) {
+void WTN(const wtn_filters& f, double* a, const int32_t nn[3], int32_t isign, line_buffers& lb) {
   const int64_t ntot = static_cast<int64_t>(nn[0]) * nn[1] * nn[2];
   const std::size_t longest = static_cast<std::size_t>(std::max({nn[0], nn[1], nn[2], 4}));
-  // All transforms of a run share the extents; a different shape (tests)
-  // only makes the buffers anew.
-  if (tl.first || tl.ntot != ntot || tl.wk.size() < longest * batch) {
-    tl.wk.assign(longest * batch, 0.0);
-    tl.wksp.assign(longest, 0.0);
-    tl.ntot = ntot;
-    tl.first = false;
-  }
-  double* const wkb = tl.wk.data();
+  // All transforms of a run share the extents: the buffers are made on the
+  // first transform and only grow for a longer line.
+  if (lb.wk.size() < longest * batch) lb.wk.assign(longest * batch, 0.0);
+  if (lb.wksp.size() < longest) lb.wksp.assign(longest, 0.0);
+  double* const wkb = lb.wk.data();
+  double* const w = lb.wksp.data();
   int64_t nprev = 1;
   for (int d = 0; d < 3; ++d) {
     const int64_t n = nn[d];
@@ -250,9 +235,9 @@ void WTN(double* a, const int32_t nn[3], int32_t isign) {
           double* line = a + i2;
           if (all_zero(line, n)) continue;
           if (isign >= 0) {
-            for (int64_t nt = n; nt >= 4; nt >>= 1) PWT(line, static_cast<int32_t>(nt), true);
+            for (int64_t nt = n; nt >= 4; nt >>= 1) PWT(f, line, static_cast<int32_t>(nt), true, w);
           } else {
-            for (int64_t nt = 4; nt <= n; nt <<= 1) PWT(line, static_cast<int32_t>(nt), false);
+            for (int64_t nt = 4; nt <= n; nt <<= 1) PWT(f, line, static_cast<int32_t>(nt), false, w);
           }
           continue;
         }
@@ -265,9 +250,9 @@ void WTN(double* a, const int32_t nn[3], int32_t isign) {
             double* wk = wkb + b * n;
             if (all_zero(wk, n)) continue;
             if (isign >= 0) {
-              for (int64_t nt = n; nt >= 4; nt >>= 1) PWT(wk, static_cast<int32_t>(nt), true);
+              for (int64_t nt = n; nt >= 4; nt >>= 1) PWT(f, wk, static_cast<int32_t>(nt), true, w);
             } else {
-              for (int64_t nt = 4; nt <= n; nt <<= 1) PWT(wk, static_cast<int32_t>(nt), false);
+              for (int64_t nt = 4; nt <= n; nt <<= 1) PWT(f, wk, static_cast<int32_t>(nt), false, w);
             }
           }
           for (int64_t m = 0; m < n; ++m)
@@ -278,3 +263,5 @@ void WTN(double* a, const int32_t nn[3], int32_t isign) {
     nprev = nnew;
   }
 }
+
+}  // namespace quolvent

@@ -8,9 +8,12 @@
 #include "model/model.hpp"
 #include "output/diagnostic_files.hpp"
 #include "output/matrix_file.hpp"
+#include "output/output_file.hpp"
 #include "support/matrix_reader.hpp"
 #include "support/test_support.hpp"
 #include "wavelet/compression.hpp"
+
+using namespace quolvent;
 
 const auto bytes = [](const auto& v) {
   return std::string(reinterpret_cast<const char*>(v.data()), v.size() * sizeof(v[0]));
@@ -21,10 +24,10 @@ const auto i32 = [](int32_t v) { return bytes(std::vector<int32_t>{v}); };
 TEST(MatrixFile, RecordFrames) {
   qt::scratch_dir dir;
   dir.cd();
-  std::FILE* f = std::fopen("r.bin", "wb");
+  output_file f("r.bin", "wb");
   for (int64_t limit : {4, 5, 10}) write_record(f, {{"abc", 3}, {"defghij", 7}}, limit);
   write_record(f, {{"", 0}}, 4);
-  std::fclose(f);
+  f.close();
   EXPECT_EQ(file_bytes("r.bin"),
             i32(-4) + "abcd" + i32(4) + i32(-4) + "efgh" + i32(-4) + i32(2) + "ij" + i32(-2) +
                 i32(-5) + "abcde" + i32(5) + i32(5) + "fghij" + i32(-5) + i32(10) + "abcdefghij" +
@@ -37,26 +40,30 @@ TEST(MatrixFile, ChainedCompressedFileReadsBack) {
   qt::scratch_dir dir;
   dir.cd();
   qt::capture cap;
-  qt::set_uniform_mesh(4, 3, 3, 5, 10, 2, -10, 100, 50);
-  obs.ndata = 3;
-  compressed = true, ncof = 4, nyp = nxp = nzp = 4, filter = {0.48, 0.83, 0.22, -0.12};
-  g_compressed.assign(3, compressed_row{});
+  obs_set obs = qt::field(90, 0, 90, 0);
+  for (int i = 0; i < 3; ++i) qt::add_datum(obs, 0.0, 110.0 + 5 * i, 51.0);
+  const std::vector<double> wtz(36, 2.0), sq(36, 3.5);
+  const survey s = qt::make_survey(qt::uniform_mesh(4, 3, 3, 5, 10, 2, -10, 100, 50), obs, {}, wtz);
+  compression c;
+  c.compressed = true, c.ncof = 4, c.nyp = c.nxp = c.nzp = 4, c.filter = {0.48, 0.83, 0.22, -0.12};
+  matrix_store store;
+  store.g_compressed.assign(3, compressed_row{});
   for (int i = 0; i < 3; ++i)
     for (int k = 0; k < 3 * i; ++k)
-      g_compressed[i].idx.push_back(1 + 2 * k + i), g_compressed[i].val.push_back(0.25f * k - i);
-  const std::vector<double> wtz(36, 2.0), sq(36, 3.5);
-  write_matrix(36, wtz, top_index, 1, sq, 10);
+      store.g_compressed[i].idx.push_back(1 + 2 * k + i), store.g_compressed[i].val.push_back(0.25f * k - i);
+  write_matrix("dulmarok.mtx", s, c, store, 1, sq, cap.out, 10);
   EXPECT_EQ(cap.screen(), "\nWriting out the matrix.\n\n");
   frame_reader rd{file_bytes("dulmarok.mtx"), 0, 10, {}};
   std::vector<std::string> recs;
   while (!rd.at_end() && recs.size() < 11) recs.push_back(rd.record());
   ASSERT_EQ(recs.size(), 10u);
   EXPECT_EQ(recs[0], i32(3) + i32(36) + i32(3) + i32(4) + i32(3));
-  EXPECT_EQ(recs[1], bytes(mesh.yn) + bytes(mesh.xn) + bytes(mesh.zn) + bytes(std::vector{50.0}));
-  EXPECT_EQ(recs[3], i32(4) + bytes(filter));
+  EXPECT_EQ(recs[1], bytes(s.mesh.yn) + bytes(s.mesh.xn) + bytes(s.mesh.zn) + bytes(std::vector{50.0}));
+  EXPECT_EQ(recs[2], bytes(std::vector<int32_t>(12, 0)));
+  EXPECT_EQ(recs[3], i32(4) + bytes(c.filter));
   EXPECT_EQ(recs[4], i32(4) + i32(4) + i32(4));
   EXPECT_EQ(recs[5], i32(1) + bytes(wtz));
-  for (const compressed_row& g : g_compressed)
+  for (const compressed_row& g : store.g_compressed)
     EXPECT_EQ(recs[6 + g.idx.size() / 3], i32(g.idx.size()) + bytes(g.idx) + bytes(g.val));
   EXPECT_EQ(recs[9], bytes(sq));
   EXPECT_EQ(rd.parts[5], 30);  // 292 bytes in frames of 10
@@ -68,16 +75,17 @@ TEST(MatrixFile, ChainedCompressedFileReadsBack) {
 TEST(DiagnosticFiles, ExactLines) {
   qt::scratch_dir dir;
   dir.cd();
-  qt::set_uniform_mesh(2, 2, 3, 1, 1, 1);
+  mesh_model mesh = qt::uniform_mesh(2, 2, 3, 1, 1, 1);
   mesh.dy = {2, 0}, mesh.dx = {1, 5}, mesh.dz = {10, 0.5, 2};
-  write_sensitivity_model({20, -3, 4, 50, 1, 80}, {0, 3, 1, 2}, "s.txt");
+  const std::vector<int32_t> tops{0, 3, 1, 2};
+  write_sensitivity_model({20, -3, 4, 50, 1, 80}, mesh, tops, "s.txt");
   EXPECT_EQ(qt::read_file("s.txt"), " 1.00000E+00\n-3.00000E+00\n 1.00000E+00\n 1.0E-20\n"
                                     " 1.00000E+01\n 5.00000E-02\n 1.0E-20\n 1.0E-20\n 1.0E-20\n"
                                     " 1.0E-20\n 1.0E-20\n 0.00000E+00\n");
-  qt::set_field(65.5, -3.25, 90, 0, 51234.5, 0);
-  qt::add_datum(1234.5, -0.125, 100, 45, 100.25);
-  qt::add_datum(-20, 3e5, 0, -12.5, 0);
-  write_data_file("d.txt", {0.5, -1234.5678});
+  obs_set obs = qt::field(65.5, -3.25, 90, 0, 51234.5, 0);
+  qt::add_datum(obs, 1234.5, -0.125, 100, 45, 100.25);
+  qt::add_datum(obs, -20, 3e5, 0, -12.5, 0);
+  write_data_file("d.txt", obs, {0.5, -1234.5678});
   EXPECT_EQ(qt::read_file("d.txt"),
             "     65.50     -3.25  51234.50  !! incl, decl, geomag\n"
             "     90.00      0.00      0     !! aincl, adecl, idir\n"
@@ -87,9 +95,8 @@ TEST(DiagnosticFiles, ExactLines) {
             " -2.000000000E+01  3.000000000E+05  0.000000000E+00   -1.2500E+01  0.0000E+00"
             "   -1.234568E+03\n");
   obs.idir = 1;
-  write_data_file("d1.txt", {0.5, 2});
+  write_data_file("d1.txt", obs, {0.5, 2});
   EXPECT_EQ(qt::read_lines("d1.txt")[3],
             "  1.234500000E+03 -1.250000000E-01  1.000000000E+02    5.000000E-01");
-  qt::capture cap;
-  EXPECT_THROW(write_sensitivity_model({1, 2}, {0, 3, 1, 2}, "short.txt"), qt::stop_caught);
+  EXPECT_THROW(write_sensitivity_model({1, 2}, mesh, tops, "short.txt"), quolvent::stop);
 }

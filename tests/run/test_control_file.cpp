@@ -2,9 +2,10 @@
 // are checked on whole runs (test_program.cpp).
 #include <gtest/gtest.h>
 
-#include "model/model.hpp"
 #include "run/control_file.hpp"
 #include "support/test_support.hpp"
+
+using namespace quolvent;
 
 namespace {
 
@@ -32,7 +33,7 @@ TEST(ControlFile, FieldsFollowTheLineRules) {
       "1 ! write the diagnostic files\n"
       "an eighth line\n");
   qt::capture cap;
-  read_control_file(c.name);
+  const run_params params = read_control_file(c.name, cap.out);
   EXPECT_EQ(params.mesh_file, "mesh.txt");
   EXPECT_EQ(params.obs_file, "  obs.mag");
   EXPECT_EQ(params.topo_file, "");
@@ -51,7 +52,7 @@ TEST(ControlFile, WaveletFieldTakesFiveCharactersAndNoCommentCut) {
   for (const auto& k : cases) {
     control_case c(std::string("m\no\nt\nw\n") + k.line + "\nnull\n0\n");
     qt::capture cap;
-    read_control_file(c.name);
+    const run_params params = read_control_file(c.name, cap.out);
     EXPECT_EQ(params.wavelet, k.wavelet) << k.line;
     EXPECT_FALSE(params.diag_flag);
   }
@@ -62,13 +63,11 @@ TEST(ControlFile, LogEchoCutsLinesAt200AndParsesUpTo500) {
   const std::string text = long_name + "   \no\nt\nw\ndaub3\nnull\n0\nextra   \n";
   control_case c(text);
   qt::capture cap;
-  read_control_file(c.name);
-  EXPECT_EQ(params.mesh_file, long_name);
+  EXPECT_EQ(read_control_file(c.name, cap.out).mesh_file, long_name);
   const std::string expected = "\nReading input file: " + c.name + "\n" + rule + std::string(200, 'm') +
                                "\no\nt\nw\ndaub3\nnull\n0\nextra\n" + rule;
   EXPECT_EQ(cap.log(), expected);
   // A field longer than 500 characters is cut at 500.
   control_case d(std::string(600, 'x') + "\no\nt\nw\ndaub3\nnull\n0\n");
-  read_control_file(d.name);
-  EXPECT_EQ(params.mesh_file, std::string(500, 'x'));
+  EXPECT_EQ(read_control_file(d.name, cap.out).mesh_file, std::string(500, 'x'));
 }

@@ -13,7 +13,9 @@
 #include "sens/gsus_no_atan_mod.hpp"
 #include "support/matrix_reader.hpp"
 #include "support/test_support.hpp"
-#include "topo/column_tops.hpp"
+#include "topo/ground.hpp"
+
+using namespace quolvent;
 
 namespace {
 
@@ -80,9 +82,9 @@ TEST(ExampleRun, UncompressedRowsMatchTheRowKernel) {
 
   // The same model, read here, gives the rows the file must hold.
   qt::capture cap;
-  read_mesh(examples + "mesh.txt");
-  read_data_file(examples + "obs.mag");
-  read_topography(examples + "topo.txt");
+  const mesh_model mesh = read_mesh(examples + "mesh.txt");
+  const obs_set obs = read_data_file(examples + "obs.mag");
+  const std::vector<int32_t> top_index = read_topography(examples + "topo.txt", mesh, cap.out);
   const int32_t n = 9589;
 
   const auto recs = matrix_records(r.dir.file("dulmarok.mtx"));
@@ -97,12 +99,12 @@ TEST(ExampleRun, UncompressedRowsMatchTheRowKernel) {
   EXPECT_EQ(recs[5].size(), 4u + 8u * n);
   EXPECT_EQ(recs.back().size(), 8u * n);
 
-  SET_G_VALUES(obs.incl, obs.decl, obs.aincl, obs.adecl);
+  row_workspace ws = make_row_workspace(survey_directions(obs));
   std::vector<double> g(n);
   for (int32_t i : {1, 200, 401, 403}) {
-    sens_row(mesh.yn.data(), mesh.xn.data(), mesh.zn.data(), mesh.ny, mesh.nx, mesh.nz,
-             top_index.data(), i, obs.obs_y[i - 1], obs.obs_x[i - 1], mesh.z0 - obs.obs_z[i - 1],
-             g.data(), g.size());
+    sens_row(ws, obs.geomag, mesh.yn.data(), mesh.xn.data(), mesh.zn.data(), mesh.ny, mesh.nx,
+             mesh.nz, top_index.data(), i, obs.obs_y[i - 1], obs.obs_x[i - 1],
+             mesh.z0 - obs.obs_z[i - 1], g.data(), g.size(), cap.out);
     const std::string& row = recs[5 + static_cast<std::size_t>(i)];
     ASSERT_EQ(row.size(), 4u * n);
     const auto stored = values_of<float>(row, 0, static_cast<std::size_t>(n));

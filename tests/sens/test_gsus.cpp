@@ -9,10 +9,9 @@
 #include <string>
 #include <vector>
 
-#include "model/model.hpp"
+#include "base/stop.hpp"
 #include "sens/gsus_mod.hpp"
 #include "sens/gsus_no_atan_mod.hpp"
-#include "sens/vector_math.hpp"
 #include "support/test_support.hpp"
 
 namespace {
@@ -81,29 +80,40 @@ inline vec unit(double incl, double decl) {
 const double four_pi = 12.566370614359172;
 
 // one_cell: the row of the one-cell mesh lo..hi (y, x, depth) at the point p,
-// with geomag 4 pi so that the entry is GSUS itself.
-double one_cell(const vec& lo, const vec& hi, const vec& p) {
-  obs.geomag = four_pi;
+// with geomag 4 pi so that the entry is the cell's integral itself.
+double one_cell(quolvent::row_workspace& ws, const vec& lo, const vec& hi, const vec& p,
+                const quolvent::run_log& out) {
   const double yn[2] = {lo[0], hi[0]}, xn[2] = {lo[1], hi[1]}, zn[2] = {lo[2], hi[2]};
   const int32_t top[1] = {0};
   double g = -1;
-  sens_row(yn, xn, zn, 1, 1, 1, top, 1, p[0], p[1], p[2], &g, 1);
+  quolvent::sens_row(ws, four_pi, yn, xn, zn, 1, 1, 1, top, 1, p[0], p[1], p[2], &g, 1, out);
   return g;
+}
+
+// workspace: a thread's workspace for the field (fi, fd) and the measured
+// direction (ai, ad).
+quolvent::row_workspace workspace(double fi, double fd, double ai, double ad) {
+  quolvent::dir_products d;
+  quolvent::SET_G_VALUES(fi, fd, ai, ad, d);
+  return quolvent::make_row_workspace(d);
 }
 
 }  // namespace
 
 // Every placement of the point against the cell (below, within or above it on
 // each axis, so every sign flag) but inside, twice, with random cells and
-// random non-vertical directions, at every vector width. Inside: the cell is
-// a cube centred on the point, whose integral is -4 pi / 3 l.m, plus 26 boxes.
+// random non-vertical directions, at the vector widths 4, 2, 1 and the
+// machine's, one workspace throughout as a thread keeps it. Inside: the cell
+// is a cube centred on the point, whose integral is -4 pi / 3 l.m, plus 26
+// boxes.
 TEST(Gsus, AgreesWithQuadrature) {
   qt::capture cap;
+  quolvent::row_workspace ws = workspace(0, 0, 0, 0);
+  const int widths[4] = {4, 2, 1, ws.math_width};
   std::mt19937_64 rng(20261122);
   std::uniform_real_distribution<double> ang(-80, 80), dec(-180, 180), len(5, 60), org(-500, 500),
       u(0.15, 0.85);
   for (int c = 0; c < 4 * 54; ++c) {
-    force_vector_width(c / 54 == 3 ? 0 : 4 >> (c / 54));
     vec lo, hi, p;
     for (int a = 0, where = c % 27; a < 3; ++a, where /= 3) {
       lo[a] = a == 2 ? 100 + 0.1 * org(rng) : org(rng);
@@ -113,7 +123,8 @@ TEST(Gsus, AgreesWithQuadrature) {
     }
     const double fi = ang(rng), fd = dec(rng), ai = ang(rng), ad = dec(rng);
     const vec l = unit(fi, fd), m = unit(ai, ad);
-    SET_G_VALUES(fi, fd, ai, ad);
+    quolvent::SET_G_VALUES(fi, fd, ai, ad, ws.dir);
+    ws.math_width = widths[c / 54];
     double scale = 0, want = 0;
     if (c % 27 == 13) {  // inside
       scale = std::fabs(want = -four_pi / 3 * (l[0] * m[0] + l[1] * m[1] + l[2] * m[2]));
@@ -130,7 +141,7 @@ TEST(Gsus, AgreesWithQuadrature) {
     } else {
       want = kernel(p, lo, hi, l, m, scale);
     }
-    EXPECT_NEAR(one_cell(lo, hi, p), want, 1e-9 * scale) << "case " << c;
+    EXPECT_NEAR(one_cell(ws, lo, hi, p, cap.out), want, 1e-9 * scale) << "case " << c;
   }
   EXPECT_EQ(cap.log(), "");
 }
@@ -143,7 +154,7 @@ TEST(Gsus, AgreesWithQuadrature) {
 TEST(Gsus, PointsOnTheLowerAndUpperPlanes) {
   qt::capture cap;
   const vec lo{10, -20, 40}, hi{30, -5, 55};
-  SET_G_VALUES(65, 12, 48, -33);
+  quolvent::row_workspace ws = workspace(65, 12, 48, -33);
   const std::pair<vec, int> points[] = {{{10, 2, 45}, 0},  {{30, -29, 59}, 0}, {{16, -20, 32}, 1},
                                         {{35, -5, 43}, 1}, {{14, 1, 40}, 2},   {{7, -15, 55}, 2}};
   for (const auto& [p, axis] : points)
@@ -151,7 +162,9 @@ TEST(Gsus, PointsOnTheLowerAndUpperPlanes) {
       vec q = p;
       q[axis] += off;
       double scale = 0, want = kernel(q, lo, hi, unit(65, 12), unit(48, -33), scale);
-      EXPECT_NEAR(one_cell(lo, hi, q), want, (off == 0 && axis < 2 ? 2e-4 : 1e-9) * scale) << off;
+      EXPECT_NEAR(one_cell(ws, lo, hi, q, cap.out), want,
+                  (off == 0 && axis < 2 ? 2e-4 : 1e-9) * scale)
+          << off;
     }
   EXPECT_EQ(cap.log(), "");
 }
@@ -161,8 +174,7 @@ TEST(Gsus, PointsOnTheLowerAndUpperPlanes) {
 // it; 0.0014 from the line a value. A point on a node: no NaN or Inf. A row
 // of the wrong length stops.
 TEST(Gsus, EdgesAndNodes) {
-  SET_G_VALUES(60, 10, 60, 10);
-  obs.geomag = 50000;
+  quolvent::row_workspace ws = workspace(60, 10, 60, 10);
   const double yn[4] = {0, 10, 20, 30}, xn[4] = {0, 10, 20, 30}, zn[3] = {0, 10, 20};
   const int32_t top[9] = {};
   const std::string msg =
@@ -171,7 +183,8 @@ TEST(Gsus, EdgesAndNodes) {
   std::vector<double> g(12);
   for (const double d : {0.0, 0.0005, 0.001}) {
     qt::capture cap;
-    sens_row(yn, xn, zn, 2, 3, 2, top, 17, 10 + d, 10 - d, 5, g.data(), g.size());
+    quolvent::sens_row(ws, 50000, yn, xn, zn, 2, 3, 2, top, 17, 10 + d, 10 - d, 5, g.data(),
+                       g.size(), cap.out);
     for (int e = 0; e < 12; ++e)  // the cells (j, i, 1) around the edge are at 0, 2, 6, 8
       EXPECT_EQ(g[e] == 0.0, d < 0.001 && e % 6 < 3 && e % 2 == 0) << d << " " << e;
     if (d == 0) EXPECT_EQ(cap.log().substr(0, msg.size()), msg);
@@ -179,7 +192,13 @@ TEST(Gsus, EdgesAndNodes) {
   }
   qt::capture cap;
   g.resize(18);
-  sens_row(yn, xn, zn, 3, 3, 2, top, 5, 20, 10, 10, g.data(), g.size());
+  quolvent::sens_row(ws, 50000, yn, xn, zn, 3, 3, 2, top, 5, 20, 10, 10, g.data(), g.size(),
+                     cap.out);
   for (double v : g) EXPECT_TRUE(std::isfinite(v));
-  EXPECT_THROW(sens_row(yn, xn, zn, 3, 3, 2, top, 5, 0, 0, -1, g.data(), 17), qt::stop_caught);
+  try {
+    quolvent::sens_row(ws, 50000, yn, xn, zn, 3, 3, 2, top, 5, 0, 0, -1, g.data(), 17, cap.out);
+    ADD_FAILURE() << "a row of 17 for 18 cells did not stop";
+  } catch (const quolvent::stop& s) {
+    EXPECT_EQ(s.error_text, "indx /= size(g)");
+  }
 }

@@ -8,8 +8,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "model/model.hpp"
-#include "run/text_io.hpp"
+#include "model/active_cells.hpp"
+#include "model/observations.hpp"
 
 namespace qt {
 
@@ -81,20 +81,12 @@ program_run run_program(const std::string& dir, const std::vector<std::string>& 
   return r;
 }
 
-namespace {
-void throw_stop() { throw stop_caught{}; }
-}  // namespace
-
-capture::capture() : screen_f(std::tmpfile()), log_f(std::tmpfile()) {
-  set_screen(screen_f);
-  set_log(log_f);
-  set_stop_handler(&throw_stop);
+capture::capture() : out(std::tmpfile()), screen_f(out.screen()), log_f(std::tmpfile()) {
+  out.adopt_log(log_f);
 }
 
 capture::~capture() {
-  set_screen(nullptr);
-  set_log(nullptr);
-  set_stop_handler(nullptr);
+  out.close_log();
   std::fclose(screen_f);
   std::fclose(log_f);
 }
@@ -115,9 +107,28 @@ std::string slurp(std::FILE* f) {
 std::string capture::screen() { return slurp(screen_f); }
 std::string capture::log() { return slurp(log_f); }
 
-void set_uniform_mesh(int nx, int ny, int nz, double dx, double dy, double dz, double x0,
-                      double y0, double z0) {
-  mesh = mesh_model{};
+bool capture::stops(const std::function<void()>& f) {
+  try {
+    f();
+  } catch (const quolvent::stop& s) {
+    out.deliver(s);
+    return true;
+  }
+  return false;
+}
+
+int open_descriptors() {
+  int n = 0;
+  for (const auto& e : std::filesystem::directory_iterator("/proc/self/fd")) {
+    (void)e;
+    ++n;
+  }
+  return n;
+}
+
+quolvent::mesh_model uniform_mesh(int nx, int ny, int nz, double dx, double dy, double dz,
+                                  double x0, double y0, double z0) {
+  quolvent::mesh_model mesh;
   mesh.nx = nx;
   mesh.ny = ny;
   mesh.nz = nz;
@@ -131,20 +142,22 @@ void set_uniform_mesh(int nx, int ny, int nz, double dx, double dy, double dz, d
   for (int j = 0; j < ny; ++j) mesh.yn.push_back(mesh.yn.back() + dy);
   for (int k = 0; k < nz; ++k) mesh.zn.push_back(mesh.zn.back() + dz);
   mesh.z0 = z0;
-  top_index.assign(static_cast<std::size_t>(nx) * static_cast<std::size_t>(ny), 0);
+  return mesh;
 }
 
-void set_field(double incl, double decl, double aincl, double adecl, double geomag, int idir) {
-  obs = obs_set{};
+quolvent::obs_set field(double incl, double decl, double aincl, double adecl, double geomag,
+                        int idir) {
+  quolvent::obs_set obs;
   obs.incl = incl;
   obs.decl = decl;
   obs.aincl = aincl;
   obs.adecl = adecl;
   obs.geomag = geomag;
   obs.idir = idir;
+  return obs;
 }
 
-void add_datum(double x, double y, double z, double aincl, double adecl) {
+void add_datum(quolvent::obs_set& obs, double x, double y, double z, double aincl, double adecl) {
   obs.obs_x.push_back(x);
   obs.obs_y.push_back(y);
   obs.obs_z.push_back(z);
@@ -153,6 +166,25 @@ void add_datum(double x, double y, double z, double aincl, double adecl) {
     obs.obs_adecl.push_back(adecl);
   }
   obs.ndata = static_cast<int32_t>(obs.obs_x.size());
+}
+
+quolvent::survey make_survey(const quolvent::mesh_model& mesh, const quolvent::obs_set& obs,
+                             std::vector<int32_t> top_index, std::vector<double> wtz) {
+  quolvent::survey s;
+  s.mesh = mesh;
+  s.obs = obs;
+  if (top_index.empty())
+    top_index.assign(static_cast<std::size_t>(mesh.nx) * static_cast<std::size_t>(mesh.ny), 0);
+  s.top_index = std::move(top_index);
+  const quolvent::run_log quiet(nullptr);
+  s.cells = quolvent::get_active_cells("null", s.mesh, s.top_index, quiet);
+  quolvent::data_split split = quolvent::classify_data(s.mesh, s.obs, s.top_index, quiet);
+  s.obs_type = std::move(split.obs_type);
+  s.data_kind = split.data_kind;
+  s.n = s.cells.nbelow;
+  if (wtz.empty()) wtz.assign(static_cast<std::size_t>(s.n), 1.0);
+  s.wtz = std::move(wtz);
+  return s;
 }
 
 }  // namespace qt

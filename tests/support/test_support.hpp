@@ -1,10 +1,18 @@
 // Helpers of the test suite: temporary working directories, whole-program
-// runs, files written and read back, stops caught in-process.
+// runs, files written and read back, a run's channels captured in memory,
+// and the records of small surveys built in memory.
 #pragma once
 
+#include <cstdint>
+#include <cstdio>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <vector>
+
+#include "base/channels.hpp"
+#include "base/stop.hpp"
+#include "model/model.hpp"
 
 namespace qt {
 
@@ -34,33 +42,47 @@ struct program_run {
 // run_program: runs the built program with args in directory dir.
 program_run run_program(const std::string& dir, const std::vector<std::string>& args);
 
-// stop_caught: thrown by the test stop handler in place of the process exit.
-struct stop_caught {};
-
-// capture: while alive, the screen goes to a buffer and the log to another,
-// and stops throw stop_caught instead of ending the process.
+// capture: a run's log whose screen and log go to memory. out is what the
+// routines under test are handed; a stop they throw is delivered with
+// deliver(), as the program's entry would.
 struct capture {
   capture();
   ~capture();
+  capture(const capture&) = delete;
+  capture& operator=(const capture&) = delete;
+  quolvent::run_log out;
   std::string screen();  // what the screen got so far
   std::string log();     // what the log got so far
+  // stops: runs f; true when it stopped, with the stop's report delivered.
+  bool stops(const std::function<void()>& f);
  private:
   std::FILE* screen_f;
   std::FILE* log_f;
 };
 
-// set_uniform_mesh: the global mesh with nx x ny x nz cells of widths dx,
-// dy, dz, its first nodes at (x0, y0) and its top at elevation z0; nodes by
-// running sums as the mesh reader makes them. top_index is set flat (all 0).
-void set_uniform_mesh(int nx, int ny, int nz, double dx, double dy, double dz,
-                      double x0 = 0.0, double y0 = 0.0, double z0 = 0.0);
+// open_descriptors: the number of file descriptors this process holds.
+int open_descriptors();
 
-// set_field: the global data emptied, with the field, the measured direction
+// uniform_mesh: nx x ny x nz cells of widths dx, dy, dz, the first nodes at
+// (x0, y0) and the top at elevation z0; nodes by running sums as the mesh
+// reader makes them.
+quolvent::mesh_model uniform_mesh(int nx, int ny, int nz, double dx, double dy, double dz,
+                                  double x0 = 0.0, double y0 = 0.0, double z0 = 0.0);
+
+// field: data without a datum yet: the field, the measured direction
 // (degrees), the field strength and idir.
-void set_field(double incl, double decl, double aincl, double adecl, double geomag = 50000.0,
-               int idir = 1);
+quolvent::obs_set field(double incl, double decl, double aincl, double adecl,
+                        double geomag = 50000.0, int idir = 1);
 // add_datum: one datum at easting x, northing y, elevation z (and its own
 // direction when idir is 0).
-void add_datum(double x, double y, double z, double aincl = 0.0, double adecl = 0.0);
+void add_datum(quolvent::obs_set& obs, double x, double y, double z, double aincl = 0.0,
+               double adecl = 0.0);
+
+// make_survey: the survey of mesh and obs with the given column tops (flat
+// ground at the mesh top when empty): every cell below the ground active,
+// the data classified, and a weighting of 1 (or wtz when given).
+quolvent::survey make_survey(const quolvent::mesh_model& mesh, const quolvent::obs_set& obs,
+                             std::vector<int32_t> top_index = {},
+                             std::vector<double> wtz = {});
 
 }  // namespace qt

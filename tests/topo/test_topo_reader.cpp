@@ -9,16 +9,19 @@
 #include "model/model.hpp"
 #include "support/test_support.hpp"
 #include "topo/column_tops.hpp"
+#include "topo/ground.hpp"
+
+using quolvent::top_at;
 
 namespace {
 
 // 30 x 30 columns of 20 m from (0, 0); 15 layers of 5 m under a top at 100.
-void mesh30() { qt::set_uniform_mesh(30, 30, 15, 20.0, 20.0, 5.0, 0.0, 0.0, 100.0); }
+const quolvent::mesh_model mesh30 = qt::uniform_mesh(30, 30, 15, 20.0, 20.0, 5.0, 0.0, 0.0, 100.0);
 
 // Layers whose top lies above a ground at g.
 int32_t layers_above(double g) {
   int32_t t = 0;
-  for (int32_t k = 1; k <= mesh.nz; ++k) t += mesh.z0 - mesh.zn[k - 1] > g;
+  for (int32_t k = 1; k <= mesh30.nz; ++k) t += mesh30.z0 - mesh30.zn[k - 1] > g;
   return t;
 }
 
@@ -43,23 +46,29 @@ std::string line(double e0, double n0, double de, double dn, int count, double z
   return file_of(p);
 }
 
-// The screen of a run that writes text as "topo.txt" and reads the named
-// file, with "<stop>" behind it if the run stopped. The log must agree.
-std::string read_text(const std::string& text, const std::string& name = "topo.txt  ") {
+// read_text: writes text as "topo.txt" and reads the named file over mesh30.
+// words: the screen, with "<stop>" behind it if the reader stopped (the log
+// must agree); tops: the column tops when it went on.
+struct reading {
+  std::string words;
+  std::vector<int32_t> tops;
+};
+reading read_text(const std::string& text, const std::string& name = "topo.txt  ") {
   qt::scratch_dir dir("topo");
   dir.cd();
   qt::write_file("topo.txt", text);
   qt::capture cap;
-  std::string stop;
-  try { read_topography(name); } catch (const qt::stop_caught&) { stop = "<stop>"; }
+  reading r;
+  const bool stopped =
+      cap.stops([&] { r.tops = quolvent::read_topography(name, mesh30, cap.out); });
   EXPECT_EQ(cap.log(), cap.screen()) << text;
-  return cap.screen() + stop;
+  r.words = cap.screen() + (stopped ? "<stop>" : "");
+  return r;
 }
 
 }  // namespace
 
 TEST(TopoReader, TextsOfFailuresAndWarningsAndTheTopsOfFlatGrounds) {
-  mesh30();
   const std::string read = "\nERROR reading topography file topo.txt", point = read + "\n<stop>";
   const std::string no_line = read + ": no count line\n<stop>";
   const std::string no_count = read + ": no number of points on its count line\n<stop>";
@@ -113,23 +122,24 @@ TEST(TopoReader, TextsOfFailuresAndWarningsAndTheTopsOfFlatGrounds) {
       {"5\n1 1 5\n590 2 40\n9 430 45\n1.7e308 1.7e308 1\n300 300 50\n", ""},
   };
   for (const auto& c : cases) {
-    EXPECT_EQ(read_text(c.text, c.name), c.words) << c.name << ":\n" << c.text;
+    const reading r = read_text(c.text, c.name);
+    EXPECT_EQ(r.words, c.words) << c.name << ":\n" << c.text;
     if (!std::isnan(c.ground))
-      EXPECT_EQ(top_index, std::vector<int32_t>(900, layers_above(c.ground))) << c.text;
+      EXPECT_EQ(r.tops, std::vector<int32_t>(900, layers_above(c.ground))) << c.text;
   }
 }
 
 TEST(TopoReader, CornerNodesTakeTheNearestPointsElevation) {
-  mesh30();
   // Points inside the mesh at 100 but for one near each corner: each plan
   // corner becomes a node at that point's elevation.
-  EXPECT_EQ(read_text(file_of({{5, 300, 100}, {300, 5, 100}, {595, 300, 100}, {300, 595, 100},
-                               {300, 300, 100}, {160, 160, 32}, {160, 440, 52}, {440, 160, 72},
-                               {440, 440, 88}})), "");
-  EXPECT_EQ(top_at(1, 1), layers_above(32));
-  EXPECT_EQ(top_at(30, 1), layers_above(52));
-  EXPECT_EQ(top_at(1, 30), layers_above(72));
-  EXPECT_EQ(top_at(30, 30), layers_above(88));
+  const reading r = read_text(file_of({{5, 300, 100}, {300, 5, 100}, {595, 300, 100},
+                                       {300, 595, 100}, {300, 300, 100}, {160, 160, 32},
+                                       {160, 440, 52}, {440, 160, 72}, {440, 440, 88}}));
+  ASSERT_EQ(r.words, "");
+  EXPECT_EQ(top_at(r.tops, 30, 1, 1), layers_above(32));
+  EXPECT_EQ(top_at(r.tops, 30, 30, 1), layers_above(52));
+  EXPECT_EQ(top_at(r.tops, 30, 1, 30), layers_above(72));
+  EXPECT_EQ(top_at(r.tops, 30, 30, 30), layers_above(88));
 }
 
 TEST(ColumnTops, TiesOnBoundariesAndTheLowestOfNineSamples) {
@@ -146,8 +156,8 @@ TEST(ColumnTops, TiesOnBoundariesAndTheLowestOfNineSamples) {
       for (const auto& [z, top] : cases) {
         std::vector<double> nine(9, at < 0 ? z : other);
         if (at >= 0) nine[at] = z;
-        std::vector<int32_t> t;
-        column_tops(nine, 1, 1, 3, {0, 10, 20, 30}, 100.0, t);
-        EXPECT_EQ(t, std::vector<int32_t>{top}) << z << " at " << at << " among " << other;
+        EXPECT_EQ(quolvent::column_tops(nine, 1, 1, 3, {0, 10, 20, 30}, 100.0),
+                  std::vector<int32_t>{top})
+            << z << " at " << at << " among " << other;
       }
 }

@@ -10,12 +10,16 @@
 #include "topo/surface.hpp"
 #include "topo/triangulation.hpp"
 
+using quolvent::eval_surface;
+using quolvent::order_nodes;
+using quolvent::triangulate;
+
 namespace {
 
 struct net {
   std::vector<double> x, y, z;
   std::vector<int32_t> adj, adj_end;
-  int32_t status = -9;
+  quolvent::tri_status status = quolvent::tri_status::ok;
   int32_t n() const { return static_cast<int32_t>(x.size()); }
 };
 
@@ -64,7 +68,7 @@ long double orient(const net& t, int32_t a, int32_t b, int32_t c) {
 // The first property of a Delaunay triangulation that fails, or "".
 std::string check(const net& t) {
   const int32_t n = t.n();
-  if (t.status != 0) return "status " + std::to_string(t.status);
+  if (t.status != quolvent::tri_status::ok) return "status " + std::to_string(static_cast<int>(t.status));
   int32_t h = 0, end = 0;
   for (int32_t k = 1; k <= n; ++k) {
     if (t.adj_end[k - 1] < end + 2 || t.adj_end[k - 1] > std::ssize(t.adj)) return "list ends";
@@ -130,10 +134,10 @@ TEST(Triangulate, PointSetsGiveDelaunayTriangulations) {
 
 TEST(Triangulate, FewNodesCollinearNodesAndCocircularQuads) {
   const net two = build(points({0, 1}, {0, 1}), false);
-  EXPECT_TRUE(two.status == 1 && two.adj_end == std::vector<int32_t>(2, -7));
-  // All on one line: status 2, adj untouched, adj_end their order along it.
+  EXPECT_TRUE(two.status == quolvent::tri_status::too_few && two.adj_end == std::vector<int32_t>(2, -7));
+  // All on one line: collinear, adj untouched, adj_end their order along it.
   const net line = build(points({1, 2, 0, 1.5, 3, 0.5}, {1, 2, 0, 1.5, 3, 0.5}), false);
-  EXPECT_EQ(line.status, 2);
+  EXPECT_TRUE(line.status == quolvent::tri_status::collinear);
   EXPECT_EQ(line.adj_end, (std::vector<int32_t>{3, 6, 1, 4, 2, 5}));
   EXPECT_EQ(std::count(line.adj.begin(), line.adj.end(), -7), 27);
   // Cocircular, acute and obtuse across the arc 2-3: it stays; node 4 moved inside: 1-4.
@@ -161,9 +165,13 @@ net on_plane(int32_t inner, uint32_t seed, bool corners) {
   return t;
 }
 
-struct ev { double pz = -1.0; int32_t st = -9, ist = 1; };
+struct ev {
+  double pz = -1.0;
+  quolvent::surface_status st = quolvent::surface_status::unusable;
+  int32_t ist = 1;
+};
 ev at(const net& t, double px, double py, int32_t ist = 1) {
-  ev e{-1.0, -9, ist};
+  ev e{-1.0, quolvent::surface_status::unusable, ist};
   eval_surface(t.n(), px, py, t.x, t.y, t.z, t.adj, t.adj_end, e.ist, e.pz, e.st);
   return e;
 }
@@ -186,7 +194,7 @@ TEST(EvalSurface, PlaneInsideNearestHullPointOutsideAndTheSameFromAnyStart) {
     ASSERT_TRUE(carried.ist >= 1 && carried.ist <= t.n());
     ist = carried.ist;
     double best = 1e300, value = plane(px, py);
-    for (int32_t a = 1; e.st == 1 && a <= t.n(); ++a) {
+    for (int32_t a = 1; e.st == quolvent::surface_status::outside && a <= t.n(); ++a) {
       const auto v = list(t, a);
       const double ax = t.x[a - 1], ay = t.y[a - 1];
       const double dx = t.x[v[0] - 1] - ax, dy = t.y[v[0] - 1] - ay, l2 = dx * dx + dy * dy;
@@ -194,13 +202,15 @@ TEST(EvalSurface, PlaneInsideNearestHullPointOutsideAndTheSameFromAnyStart) {
       const double d = std::hypot(ax + f * dx - px, ay + f * dy - py);
       if (v.back() == 0 && d < best) best = d, value = plane(ax + f * dx, ay + f * dy);
     }
-    ASSERT_NEAR(e.pz, value, 1e-9) << px << " " << py << " status " << e.st;
+    ASSERT_NEAR(e.pz, value, 1e-9) << px << " " << py << " status " << static_cast<int>(e.st);
   }
   // Behind a node: its value exactly. Behind the middle of an arc: the mean
   // of its ends. On a hull arc: outside, interpolated along the arc.
   const net s = on_plane(30, 6, true);
   const ev node = at(s, 1.5, 1.2), mid = at(s, 0.5, -2.0), on = at(s, 0.0, 0.375);
-  EXPECT_TRUE(node.st == 1 && mid.st == 1 && on.st == 1);
+  using quolvent::surface_status;
+  EXPECT_TRUE(node.st == surface_status::outside && mid.st == surface_status::outside &&
+              on.st == surface_status::outside);
   EXPECT_EQ(node.pz, plane(1, 1));
   EXPECT_NEAR(mid.pz, 0.5 * (plane(0, 0) + plane(1, 0)), 1e-12);
   EXPECT_NEAR(on.pz, plane(0.0, 0.375), 1e-12);

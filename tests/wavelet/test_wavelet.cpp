@@ -8,30 +8,49 @@
 
 #include "model/active_cells.hpp"
 #include "model/model.hpp"
+#include "sens/gsus_mod.hpp"
 #include "sens/gsus_no_atan_mod.hpp"
 #include "support/test_support.hpp"
+#include "wavelet/compress_row_mod.hpp"
 #include "wavelet/compression.hpp"
 #include "wavelet/threshold.hpp"
+#include "wavelet/uncompressg_mod.hpp"
 #include "wavelet/wavelet_filters.hpp"
 #include "wavelet/wtn_mod.hpp"
+
+using namespace quolvent;
 
 namespace {
 
 const char* const all_wavelets[] = {"daub1", "daub2", "daub3", "daub4", "daub5", "daub6", "symm4", "symm5", "symm6"};
 
-// set_mesh: cells of one width, top_index from top (flat if empty), active cells, padded extents.
-void set_mesh(int nx, int ny, int nz, std::vector<int32_t> top = {}, double width = 1.0) {
-  qt::set_uniform_mesh(nx, ny, nz, width, width, width);
-  if (!top.empty()) top_index = top;
-  get_active_cells("null", top_index);
-  set_padded_extents();
+// wavelet_of: the filters of name, quietly.
+compression wavelet_of(const std::string& name) {
+  const run_log quiet(nullptr);
+  compression c;
+  check_wavelet(name, c.filter, c.ncof, quiet);
+  c.flt = set_filters(c.filter, c.ncof);
+  c.compressed = c.ncof > 0;
+  return c;
 }
 
-// use_wavelet: check_wavelet plus set_filters for name, quietly.
-void use_wavelet(const std::string& name) {
-  qt::capture quiet;
-  check_wavelet(name, filter, ncof);
-  set_filters(filter, ncof);
+// cube_case: a mesh of cells of one width with its column tops (flat if
+// empty), its active cells, and the compression record of a wavelet with the
+// padded extents of that mesh.
+struct cube_case {
+  mesh_model mesh;
+  active_cells cells;
+  compression c;
+  int32_t n() const { return cells.nactive; }
+};
+
+cube_case cube_of(int nx, int ny, int nz, const std::string& wavelet, std::vector<int32_t> top = {}) {
+  const run_log quiet(nullptr);
+  cube_case k{qt::uniform_mesh(nx, ny, nz, 1.0, 1.0, 1.0), {}, wavelet_of(wavelet)};
+  if (top.empty()) top.assign(static_cast<std::size_t>(nx) * ny, 0);
+  k.cells = get_active_cells("null", k.mesh, top, quiet);
+  set_padded_extents(k.mesh, k.c);
+  return k;
 }
 
 // band_row: count values per relative energy, for a 4 x 4 x 4 mesh (not filtered: coefficients = row).
@@ -47,11 +66,13 @@ std::string block(const std::string& eps, const std::string& thr, const std::str
 }
 
 // decompress: the row a record stands for, through the inverse transform.
-std::vector<double> decompress(const compressed_row& rec, int64_t n) {
-  std::vector<double> cube(ncube, 0.0), row(n, 0.0);
+std::vector<double> decompress(const compression& c, const active_cells& cells,
+                               const compressed_row& rec, int64_t n) {
+  std::vector<double> cube(c.ncube, 0.0), row(n, 0.0);
   for (size_t k = 0; k < rec.idx.size(); ++k) cube[rec.idx[k] - 1] = rec.val[k];
-  transform_cube(cube.data(), -1);
-  cube_to_row(row.data(), n, cube.data());
+  line_buffers lb;
+  transform_cube(c, cube.data(), -1, lb);
+  cube_to_row(c, cells, row.data(), n, cube.data());
   return row;
 }
 
@@ -59,12 +80,13 @@ std::vector<double> decompress(const compressed_row& rec, int64_t n) {
 
 TEST(Filters, UnitNormOrthogonalToEvenShiftsAndLowPass) {
   for (const char* w : all_wavelets) {
-    use_wavelet(w);
-    ASSERT_EQ(ncof, 2 * (w[4] - '0')) << w;
+    const compression c = wavelet_of(w);
+    const std::vector<double>& filter = c.filter;
+    ASSERT_EQ(c.ncof, 2 * (w[4] - '0')) << w;
     // Unit norm to rounding (daub1's 0.7071068 too), orthogonal to the stored digits.
-    for (int s = 0; s < ncof; s += 2) {
+    for (int s = 0; s < c.ncof; s += 2) {
       double d = 0.0;
-      for (int k = 0; k + s < ncof; ++k) d += filter[k] * filter[k + s];
+      for (int k = 0; k + s < c.ncof; ++k) d += filter[k] * filter[k + s];
       EXPECT_NEAR(d, s == 0 ? 1.0 : 0.0, s == 0 ? 1e-14 : 1e-10) << w << " shift " << s;
     }
     // symm is stored with the sum 2: after scaling it sums to sqrt(2) like daub.
@@ -86,8 +108,8 @@ TEST(Filters, NamesAndTheirMessages) {
     qt::capture cap;
     std::vector<double> f{1.0};
     int32_t nc = 5;
-    if (&c.text != &none) EXPECT_THROW(check_wavelet(c.name, f, nc), qt::stop_caught) << c.name;
-    else EXPECT_TRUE((check_wavelet(c.name, f, nc), nc == 0 && f.empty())) << c.name;
+    EXPECT_EQ(cap.stops([&] { check_wavelet(c.name, f, nc, cap.out); }), &c.text != &none) << c.name;
+    if (&c.text == &none) EXPECT_TRUE(nc == 0 && f.empty()) << c.name;
     EXPECT_EQ(cap.screen(), c.text) << c.name;
     EXPECT_EQ(cap.log(), c.text) << c.name;
   }
@@ -101,22 +123,21 @@ TEST(Transform, PaddedExtentsAndRowToCubeAndBack) {
   for (int p = 0; p <= 30; ++p) EXPECT_EQ(padded_extent(1 << p), int64_t{1} << p);  // whatever the log rounds to
   EXPECT_EQ(padded_extent(2147483647), int64_t{1} << 31);
   // 3 x 2 x 5 cells (nx, ny, nz) with two columns partly above the ground.
-  set_mesh(3, 2, 5, {0, 2, 0, 0, 5, 1});
-  EXPECT_TRUE(nzp == 8 && nxp == 4 && nyp == 2);
-  const int64_t n = cells.nactive;
-  std::vector<double> row(n), cube(ncube, -7.0), back(n, 0.0);
+  const cube_case k = cube_of(3, 2, 5, "daub2", {0, 2, 0, 0, 5, 1});
+  EXPECT_TRUE(k.c.nzp == 8 && k.c.nxp == 4 && k.c.nyp == 2 && k.c.ncube == 64);
+  const int64_t n = k.n();
+  std::vector<double> row(n), cube(k.c.ncube, -7.0), back(n, 0.0);
   std::iota(row.begin(), row.end(), 1.0);
-  row_to_cube(row.data(), n, cube.data());
+  row_to_cube(k.c, k.cells, row.data(), n, cube.data());
   // Cell (iz, ix, iy) sits at (iz-1) + (ix-1) nzp + (iy-1) nzp nxp; padded and inactive places hold 0.
-  for (int p = 0; p < ncube; ++p) {
+  for (int p = 0; p < k.c.ncube; ++p) {
     const int iz = p % 8 + 1, ix = p / 8 % 4 + 1, iy = p / 32 + 1;
-    const int32_t place = iy <= 2 && ix <= 3 && iz <= 5 ? active_at(iz, ix, iy) : 0;
+    const int32_t place = iy <= 2 && ix <= 3 && iz <= 5 ? active_at(k.cells, k.mesh, iz, ix, iy) : 0;
     EXPECT_EQ(cube[p], place > 0 ? row[place - 1] : 0.0) << p;
   }
-  cube_to_row(back.data(), n, cube.data());
+  cube_to_row(k.c, k.cells, back.data(), n, cube.data());
   EXPECT_EQ(back, row);
-  qt::capture cap;
-  EXPECT_THROW(row_to_cube(row.data(), n - 1, cube.data()), qt::stop_caught);
+  EXPECT_THROW(row_to_cube(k.c, k.cells, row.data(), n - 1, cube.data()), quolvent::stop);
 }
 
 TEST(Transform, InverseAfterForwardKeepsEnergyAndGivesTheRowBack) {
@@ -124,21 +145,21 @@ TEST(Transform, InverseAfterForwardKeepsEnergyAndGivesTheRowBack) {
   // wraps its 12 taps three times at the step on 4.
   const int shapes[][3] = {{1, 1, 1}, {1, 1, 12}, {8, 1, 1},  {1, 5, 2}, {2, 3, 4},
                            {5, 12, 3}, {12, 8, 5}, {4, 4, 4}, {3, 2, 8}, {8, 8, 8}};
+  line_buffers lb;  // one thread's buffers, grown as the extents change
   for (const char* w : all_wavelets) {
-    use_wavelet(w);
     for (const auto& s : shapes) {
-      set_mesh(s[0], s[1], s[2]);
-      const int64_t n = cells.nactive;
-      std::vector<double> row(n), cube(ncube), back(n);
+      const cube_case k = cube_of(s[0], s[1], s[2], w);
+      const int64_t n = k.n();
+      std::vector<double> row(n), cube(k.c.ncube), back(n);
       for (int64_t i = 0; i < n; ++i) row[i] = std::sin(1.3 * i * i + 0.2);  // no pattern to the filters
       SCOPED_TRACE(testing::Message() << w << " " << s[0] << " " << s[1] << " " << s[2]);
-      row_to_cube(row.data(), n, cube.data());
+      row_to_cube(k.c, k.cells, row.data(), n, cube.data());
       auto energy = [&] { return std::inner_product(cube.begin(), cube.end(), cube.begin(), 0.0); };
       const double e0 = energy();
-      transform_cube(cube.data(), +1);
+      transform_cube(k.c, cube.data(), +1, lb);
       EXPECT_NEAR(energy(), e0, 2e-10 * e0);
-      transform_cube(cube.data(), -1);
-      cube_to_row(back.data(), n, cube.data());
+      transform_cube(k.c, cube.data(), -1, lb);
+      cube_to_row(k.c, k.cells, back.data(), n, cube.data());
       for (int64_t i = 0; i < n; ++i) ASSERT_NEAR(back[i], row[i], 1e-10 * std::sqrt(e0)) << i;
     }
   }
@@ -147,29 +168,34 @@ TEST(Transform, InverseAfterForwardKeepsEnergyAndGivesTheRowBack) {
 TEST(Transform, KnownCoefficients) {
   // One daub2 step on an impulse: the taps at their periodic places, the
   // smooth half first, the high-pass filter reversed with alternating signs.
-  use_wavelet("daub2");
-  std::vector<double> a{1, 0, 0, 0, 0, 0, 0, 0};
-  PWT(a.data(), 8, true);
-  const std::vector<double> c = filter;
+  const compression d2 = wavelet_of("daub2");
+  std::vector<double> a{1, 0, 0, 0, 0, 0, 0, 0}, w(8);
+  PWT(d2.flt, a.data(), 8, true, w.data());
+  const std::vector<double>& c = d2.filter;
   EXPECT_EQ(a, (std::vector<double>{c[0], 0, 0, c[2], c[3], 0, 0, c[1]}));
   // A constant under daub1: the pyramids on 8 and 16 end at two smooth
   // coefficients of sqrt(n / 2) each; the extent of 4 is left alone.
-  use_wavelet("daub1");
   std::vector<double> cube(8 * 4 * 16, 1.0);
   const int32_t nn[3] = {8, 4, 16};
-  WTN(cube.data(), nn, 1);
+  line_buffers lb;
+  WTN(wavelet_of("daub1").flt, cube.data(), nn, 1, lb);
   for (int p = 0; p < 512; ++p) EXPECT_NEAR(cube[p], p % 8 < 2 && p / 32 < 2 ? std::sqrt(32.0) : 0.0, 1e-12) << p;
 }
 
 TEST(Wctol, LogAndChoicesWhereTheCurveGivesNoAnswer) {
-  use_wavelet("daub2");
-  set_mesh(4, 4, 4);
+  const cube_case k = cube_of(4, 4, 4, "daub2");
   const auto bands = band_row({{10, 5e-7}, {20, 2e-6}, {33, 0.5}, {1, 1.0}});
   const auto empty_first = band_row({{63, 2e-6}, {1, 1.0}});
-  std::vector<double> steady, zero(64, 0.0), wtz(64, 1.0);
+  std::vector<double> steady, zero(64, 0.0);
   for (int m = 0; m < 64; ++m) steady.push_back(std::pow(10.0, -m * 3.0 / 63.0));
-  auto est = [&](const char* l) { return [&, l] { double s, b; estimate_thresholds(64, wtz, top_index, {}, l, s, b); }; };
-  auto tol = [](const std::vector<double>& r, double eps) { return [&r, eps] { wctol(r.data(), 64, eps); }; };
+  // The field is refused before any sample row is asked for.
+  const sample_row_fn no_rows = [](int32_t, std::vector<double>&) { ADD_FAILURE() << "a sample row"; };
+  auto est = [&](const char* l) {
+    return [&, l](const run_log& out) { double s, b; estimate_thresholds(k.c, survey{}, l, no_rows, out, s, b); };
+  };
+  auto tol = [&](const std::vector<double>& r, double eps) {
+    return [&, eps](const run_log& out) { wctol(k.c, k.cells, r.data(), 64, eps, out); };
+  };
   const std::string reach = " Cannot achieve the required relative accuracy,\n program is terminated.\n";
   const std::string bad_eps =
       "\nERROR: the relative accuracy must be above 0 when itol is 1.\nprogram is terminated.\n";
@@ -180,7 +206,7 @@ TEST(Wctol, LogAndChoicesWhereTheCurveGivesNoAnswer) {
       "       2048 x 2048 x 512 elements has more places than the 2147483647\n"
       "       that the positions of a compressed row can address.\n"
       "       Use a smaller mesh, or NONE for no compression.\n\n";
-  const struct { const char* what; std::function<void()> call; bool stops; std::string screen, log; } cases[] = {
+  const struct { const char* what; std::function<void(const run_log&)> call; bool stops; std::string screen, log; } cases[] = {
       // Between the first two points in log-log: 2.07e-6 of the top energy.
       {"interpolated", tol(bands, 1e-3), false, "", block("1.0000E-03", "1.4400E-03", "1.8824E+00")},
       {"flat curve: the last point", tol(bands, 0.5), false, "", block("5.0000E-01", "3.1623E-01", "1.8824E+00")},
@@ -192,39 +218,56 @@ TEST(Wctol, LogAndChoicesWhereTheCurveGivesNoAnswer) {
       {"itol 1, eps 0", est("1 0"), true, bad_eps, bad_eps},
       {"itol 1, eps below 0", est("1 -0.05"), true, bad_eps, bad_eps},
       {"itol without eps", est("1"), true, unreadable, unreadable},
-      {"cube over 32-bit positions", [] { qt::set_uniform_mesh(1025, 2000, 300, 1, 1, 1); set_padded_extents(); },
+      {"cube over 32-bit positions",
+       [](const run_log&) { compression big; set_padded_extents(qt::uniform_mesh(1025, 2000, 300, 1, 1, 1), big); },
        true, too_big, too_big}};
   for (const auto& c : cases) {
     qt::capture cap;
-    if (c.stops) EXPECT_THROW(c.call(), qt::stop_caught) << c.what;
-    else c.call();
+    EXPECT_EQ(cap.stops([&] { c.call(cap.out); }), c.stops) << c.what;
     EXPECT_EQ(cap.screen(), c.screen) << c.what;
     EXPECT_EQ(cap.log(), c.log) << c.what;
   }
 }
 
 TEST(SetupCompression, SurveyReachesTheAccuracyAndThePredictedRatio) {
-  set_mesh(16, 16, 8, {}, 10.0);
-  qt::set_field(90.0, 0.0, 90.0, 0.0);
+  obs_set obs = qt::field(90.0, 0.0, 90.0, 0.0);
   for (int iy = 0; iy < 8; ++iy)
-    for (int ix = 0; ix < 8; ++ix) qt::add_datum(8.0 + 20.0 * ix, 6.0 + 20.0 * iy, 2.0);
-  const int32_t n = cells.nactive;
-  std::vector<double> wtz(n), g(n), a(n, 0.01);
-  for (int32_t k = 0; k < n; ++k) wtz[k] = std::pow(10.0 * (k % 8 + 1) - 2.0, -1.5);  // by depth
+    for (int ix = 0; ix < 8; ++ix) qt::add_datum(obs, 8.0 + 20.0 * ix, 6.0 + 20.0 * iy, 2.0);
+  const mesh_model mesh = qt::uniform_mesh(16, 16, 8, 10.0, 10.0, 10.0);
+  std::vector<double> wtz(16 * 16 * 8);
+  for (std::size_t k = 0; k < wtz.size(); ++k) wtz[k] = std::pow(10.0 * (k % 8 + 1) - 2.0, -1.5);  // by depth
+  const survey s = qt::make_survey(mesh, obs, {}, wtz);
+  const int32_t n = s.n;
+  ASSERT_EQ(n, static_cast<int32_t>(wtz.size()));
+  const run_log quiet(nullptr);
+  row_workspace ws = make_row_workspace(survey_directions(obs));
+  auto row_of = [&](int32_t i, std::vector<double>& g) {
+    sens_row(ws, obs.geomag, mesh.yn.data(), mesh.xn.data(), mesh.zn.data(), mesh.ny, mesh.nx, mesh.nz,
+             s.top_index.data(), i, obs.obs_y[i - 1], obs.obs_x[i - 1], mesh.z0 - obs.obs_z[i - 1], g.data(),
+             g.size(), quiet);
+  };
+  // Surface data alone: one sample row, that of the datum nearest the centre (88, 86).
+  std::vector<int32_t> asked;
   qt::capture cap;
-  setup_compression(n, wtz, top_index, std::vector<int32_t>(obs.ndata, 1), "daub2", "1 0.05");
+  const compression c = setup_compression(
+      s, "daub2", "1 0.05", [&](int32_t i, std::vector<double>& g) { asked.push_back(i), row_of(i, g); }, cap.out);
+  EXPECT_EQ(asked, std::vector<int32_t>{1 + 4 + 8 * 4});
+  ASSERT_TRUE(c.compressed && c.wctol_surface > 0.0);
   const double predicted = std::stod(cap.log().substr(cap.log().find("Predicted compression  ratio:") + 29));
-  transform_test_model(a, wtz);
+  const std::vector<double> test_model_w = transform_test_model(c, s.cells, 0.01, s.wtz);
+  matrix_store store = make_matrix_store(c, n, obs.ndata);
+  compress_workspace cw;
   int64_t nnz = 0;
   double datum_err = 0.0, row_err = 0.0;
+  std::vector<double> g(n);
   for (int32_t i = 1; i <= obs.ndata; ++i) {
-    sens_row(mesh.yn.data(), mesh.xn.data(), mesh.zn.data(), mesh.ny, mesh.nx, mesh.nz, top_index.data(), i,
-             obs.obs_y[i - 1], obs.obs_x[i - 1], mesh.z0 - obs.obs_z[i - 1], g.data(), g.size());
+    row_of(i, g);
     double full = 0.0, d2 = 0.0, g2 = 0.0;
-    for (int32_t k = 0; k < n; ++k) full += a[k] * g[k], g[k] /= wtz[k];
-    COMPRESS_ROW(g.data(), n, g_compressed[i - 1], nnz, 1);
-    datum_err += std::fabs((full - dot_compressed(g_compressed[i - 1])) / full) / obs.ndata;
-    const std::vector<double> back = decompress(g_compressed[i - 1], n);
+    for (int32_t k = 0; k < n; ++k) full += 0.01 * g[k], g[k] /= wtz[k];
+    compressed_row& rec = store.g_compressed[i - 1];
+    COMPRESS_ROW(c, s.cells, g.data(), n, rec, nnz, datum_kind::surface, cw);
+    datum_err += std::fabs((full - dot_compressed(test_model_w, rec)) / full) / obs.ndata;
+    const std::vector<double> back = decompress(c, s.cells, rec, n);
     for (int32_t k = 0; k < n; ++k) d2 += (back[k] - g[k]) * (back[k] - g[k]), g2 += g[k] * g[k];
     row_err = std::max(row_err, std::sqrt(d2 / g2));
   }
@@ -236,71 +279,71 @@ TEST(SetupCompression, SurveyReachesTheAccuracyAndThePredictedRatio) {
 
 TEST(CompressRow, ThresholdEdges) {
   // Extents of 4 and less are not filtered: the coefficients are the row.
-  use_wavelet("daub2");
-  set_mesh(4, 2, 3);
-  const int32_t n = cells.nactive;
+  cube_case k = cube_of(4, 2, 3, "daub2");
+  const int32_t n = k.n();
   std::vector<double> row(n, 0.25), zero(n, 0.0);
   row[5] = -2.0;                      // the largest magnitude
   row[7] = 1.0;                       // exactly t at the relative threshold 0.5
   row[9] = std::nextafter(1.0, 0.0);  // just below it
   compressed_row rec;
   int64_t nnz = 3;
-  wctol_surface = 0.5, wctol_borehole = 2.0;
-  ALLOC_WORK();
-  COMPRESS_ROW(row.data(), n, rec, nnz, +1);
+  k.c.wctol_surface = 0.5, k.c.wctol_borehole = 2.0;
+  compress_workspace ws;
+  ALLOC_WORK(k.c, ws);
+  COMPRESS_ROW(k.c, k.cells, row.data(), n, rec, nnz, datum_kind::surface, ws);
   EXPECT_EQ(nnz, 3 + 2);
   // Row places 6 and 8: (iz 3, ix 2) and (iz 2, ix 3) of the first y column.
   EXPECT_EQ(rec.idx, (std::vector<int32_t>{3 + 4, 2 + 8}));
   EXPECT_EQ(rec.val, (std::vector<float>{-2.0f, 1.0f}));
   // The borehole threshold, above 1: nothing kept, and the record gives 0.
   nnz = 0;
-  COMPRESS_ROW(row.data(), n, rec, nnz, -1);
+  COMPRESS_ROW(k.c, k.cells, row.data(), n, rec, nnz, datum_kind::borehole, ws);
   EXPECT_TRUE(nnz == 0 && rec.idx.empty() && rec.val.empty());
-  transform_test_model(std::vector<double>(n, 0.01), std::vector<double>(n, 1.0));
-  EXPECT_EQ(dot_compressed(rec), 0.0);
+  EXPECT_EQ(dot_compressed(transform_test_model(k.c, k.cells, 0.01, std::vector<double>(n, 1.0)), rec), 0.0);
   // An all-zero row: m = 0, t = 0, every place of the cube passes, padding too.
-  COMPRESS_ROW(zero.data(), n, rec, nnz, +1);
-  EXPECT_EQ(nnz, ncube);
-  DEALLOC_WORK();
+  COMPRESS_ROW(k.c, k.cells, zero.data(), n, rec, nnz, datum_kind::surface, ws);
+  EXPECT_EQ(nnz, k.c.ncube);
+  DEALLOC_WORK(ws);
 }
 
 TEST(CompressRow, ThresholdZeroKeepsTheRowsAndTheAverage) {
-  use_wavelet("daub3");
   std::vector<int32_t> top(6 * 7, 0);
   top[1] = 1, top[3] = 2, top[6] = 5, top[16] = 3, top[41] = 4;  // inactive cells
-  set_mesh(7, 6, 5, top);
-  const int32_t n = cells.nactive, ndata = 12;
-  obs.ndata = ndata, wctol_surface = 0.0;
-  g_compressed.assign(ndata, compressed_row{});
+  const cube_case k = cube_of(7, 6, 5, "daub3", top);
+  ASSERT_EQ(k.c.wctol_surface, 0.0);
+  const int32_t n = k.n(), ndata = 12;
+  matrix_store store = make_matrix_store(k.c, n, ndata);
+  ASSERT_EQ(store.g_compressed.size(), std::size_t{ndata});
   std::vector<double> wtz(n), avg(n, 0.0), without_5th(n, 0.0), row(n);
-  for (int32_t k = 0; k < n; ++k) wtz[k] = 0.3 + 0.05 * (k % 11);
+  for (int32_t i = 0; i < n; ++i) wtz[i] = 0.3 + 0.05 * (i % 11);
+  compress_workspace ws;
   int64_t nnz = 0;
   for (int32_t i = 0; i < ndata; ++i) {
     double scale = 0.0;
-    for (int32_t k = 0; k < n; ++k) {
-      const double g = std::sin(0.7 * k * k + i);
-      row[k] = g / wtz[k], scale = std::max(scale, std::fabs(row[k]));
-      avg[k] += std::fabs(g) / ndata;
-      if (i != 4) without_5th[k] += std::fabs(g) / ndata;
+    for (int32_t j = 0; j < n; ++j) {
+      const double g = std::sin(0.7 * j * j + i);
+      row[j] = g / wtz[j], scale = std::max(scale, std::fabs(row[j]));
+      avg[j] += std::fabs(g) / ndata;
+      if (i != 4) without_5th[j] += std::fabs(g) / ndata;
     }
-    COMPRESS_ROW(row.data(), n, g_compressed[i], nnz, 1);
+    COMPRESS_ROW(k.c, k.cells, row.data(), n, store.g_compressed[i], nnz, datum_kind::surface, ws);
     // Every coefficient kept: the row comes back up to its 32-bit values.
-    const std::vector<double> back = decompress(g_compressed[i], n);
-    for (int32_t k = 0; k < n; ++k) ASSERT_NEAR(back[k], row[k], 4e-7 * scale) << i << " " << k;
+    const std::vector<double> back = decompress(k.c, k.cells, store.g_compressed[i], n);
+    for (int32_t j = 0; j < n; ++j) ASSERT_NEAR(back[j], row[j], 4e-7 * scale) << i << " " << j;
   }
-  EXPECT_EQ(nnz, ndata * ncube);
+  EXPECT_EQ(nnz, ndata * k.c.ncube);
   for (const auto& expect : {avg, without_5th}) {
     std::vector<double> got;
     qt::capture cap;
-    UNCOMPRESSG(n, wtz, got);
+    UNCOMPRESSG(k.c, k.cells, store, n, ndata, wtz, got, cap.out);
     EXPECT_EQ(cap.screen().rfind(" Uncompressing ...\n % done:\n", 0), 0u);
-    for (int32_t k = 0; k < n; ++k) EXPECT_NEAR(got[k], expect[k], 1e-6 * (1 + expect[k])) << k;
-    g_compressed[4] = compressed_row{};  // an empty record adds nothing and still counts
+    ASSERT_EQ(got.size(), std::size_t(n));
+    for (int32_t j = 0; j < n; ++j) EXPECT_NEAR(got[j], expect[j], 1e-6 * (1 + expect[j])) << j;
+    store.g_compressed[4] = compressed_row{};  // an empty record adds nothing and still counts
   }
 }
 
 TEST(ReportCompression, LogLines) {
-  params.diag_flag = false;
   const double full[3] = {2.0, -4.0, 1.0}, comp[3] = {2.2, -4.0, 1.05};
   const double zfull[3] = {0.0, 2.0, 0.0}, zcomp[3] = {1.0, 2.5, 0.0};
   const std::string nnz = "\n\n          Number of non-zeros:", ratio = "\n          Compression   ratio:";
@@ -313,7 +356,7 @@ TEST(ReportCompression, LogLines) {
        "      achieved relative error:  2.5000E-01\n  zero-response data left out:         2\n\n"}};
   for (const auto& c : cases) {
     qt::capture cap;
-    report_compression(c.n, c.ndata, c.nnz, c.full, c.comp);
+    report_compression(c.n, c.ndata, c.nnz, c.full, c.comp, cap.out);
     EXPECT_EQ(cap.log(), c.log) << c.nnz;
     EXPECT_EQ(cap.screen(), "") << c.nnz;
   }

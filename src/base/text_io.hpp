@@ -1,11 +1,4 @@
-// Text input and failure stops: how every input file is read, and how every
-// failure ends the run.
-//
-// Conventions of the whole program:
-//  - The screen is standard output; the log is "quolvent.log" in the current
-//    directory, open from the start of a run to its end.
-//  - A report goes to the screen first, then to the log.
-//  - Every stop exits with status 0, after flushing every open stream.
+// Text input: how every input file is read.
 #pragma once
 
 #include <cstddef>
@@ -16,53 +9,7 @@
 #include <string>
 #include <string_view>
 
-// ---------------------------------------------------------------- channels
-
-// screen_out: the stream the program calls the screen (stdout unless a test
-// redirected it). log_out: the log, or nullptr before it is created.
-std::FILE* screen_out();
-std::FILE* log_out();
-
-// set_screen / set_log: redirect the channels (tests; nullptr restores stdout
-// for the screen and "no log" for the log).
-void set_screen(std::FILE* f);
-void set_log(std::FILE* f);
-
-// log_create: create "quolvent.log" in the current directory, replacing one
-// that exists. A log that can't be created ends the run (platform error).
-void log_create();
-// log_close: flush and close the log.
-void log_close();
-
-// put_line: write text and a line end to f; nothing when f is nullptr.
-void put_line(std::FILE* f, std::string_view text);
-// say_screen / say_log: one line to one channel.
-void say_screen(std::string_view text);
-void say_log(std::string_view text);
-// report: the lines to the screen, then the same lines to the log.
-void report(std::initializer_list<std::string_view> lines);
-// report_log: the lines to the log alone.
-void report_log(std::initializer_list<std::string_view> lines);
-
-// ------------------------------------------------------------------- stops
-
-// stop_plain: flush every open stream and end the process with status 0.
-[[noreturn]] void stop_plain();
-// stop_text: the text on the error stream (not the log), then a plain stop.
-// Used for the internal consistency checks.
-[[noreturn]] void stop_text(std::string_view text);
-// file_not_found: empty line, " ERROR: <label> file not found: <name>" to
-// screen and log, then a plain stop.
-[[noreturn]] void file_not_found(std::string_view label, std::string_view name);
-// alloc_failed: empty line, "Memory allocation error in: <name>", empty line
-// to screen and log, then a plain stop.
-[[noreturn]] void alloc_failed(std::string_view name);
-
-// set_stop_handler: tests replace the process exit by a handler of their own
-// (one that throws, typically). The handler runs after the streams are flushed
-// and must not return; nullptr restores the exit.
-using stop_handler_fn = void (*)();
-void set_stop_handler(stop_handler_fn fn);
+namespace quolvent {
 
 // -------------------------------------------------------------- text helpers
 
@@ -75,11 +22,17 @@ void cut_comment(std::string& text);
 
 // ------------------------------------------------------------- text files
 
-// text_file: a text file open for reading, by name, with a count of lines read.
+// text_file: a text file open for reading, by name, with a count of lines
+// read. It owns its handle: the file is closed when the object goes, a stop
+// that unwinds through its reader included.
 struct text_file {
   std::FILE* f = nullptr;
   std::string name;
   long lines_read = 0;
+  text_file() = default;
+  text_file(const text_file&) = delete;
+  text_file& operator=(const text_file&) = delete;
+  ~text_file();
 };
 
 // text_open: opens name (trailing blanks cut) for reading. Returns false when
@@ -129,3 +82,5 @@ struct ff_target {
 int ff_read(text_file& t, std::initializer_list<ff_target> targets);
 // ff_read_text: one read from a text buffer; the end of the text is the end.
 int ff_read_text(std::string_view text, std::initializer_list<ff_target> targets);
+
+}  // namespace quolvent

@@ -1,17 +1,17 @@
 // Phase timing, the banner and the time stamps.
-#include "run/timing.hpp"
+#include "base/timing.hpp"
 
 #include <cmath>
 #include <ctime>
 #include <omp.h>
 
-#include "run/format.hpp"
-#include "run/text_io.hpp"
+#include "base/channels.hpp"
+#include "base/format.hpp"
+#include "base/text_io.hpp"
+
+namespace quolvent {
 
 namespace {
-
-double t_start = 0.0;
-double t_last = 0.0;
 
 struct local_clock {
   int year, month, day, hour, minute, second, millis;
@@ -29,7 +29,7 @@ local_clock now_local() {
 }  // namespace
 
 double local_seconds() {
-  static const int days_before[12] = {0, 31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30};
+  constexpr int days_before[12] = {0, 31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30};
   const local_clock c = now_local();
   int before = 0;
   for (int i = 0; i < c.month; ++i) before += days_before[i];
@@ -50,7 +50,8 @@ std::string timer_line(const std::string& label, double s) {
          fmt_int0(q, 2) + "." + fmt_int0(c, 2);
 }
 
-void phase_timer(const std::string& label, int mode, std::FILE* unit, std::FILE* log) {
+void phase_clock::phase_timer(const std::string& label, int mode, std::FILE* unit,
+                              std::FILE* log) {
   const double t = local_seconds();
   if (mode == 0) {
     t_start = t;
@@ -63,12 +64,12 @@ void phase_timer(const std::string& label, int mode, std::FILE* unit, std::FILE*
   const std::string line = timer_line(label, s);
   put_line(unit, line);
   if (log) put_line(log, line);
-  std::fflush(unit);
+  if (unit) std::fflush(unit);
   t_last = t;
 }
 
 void print_banner(const std::string& name, std::FILE* target) {
-  std::FILE* f = target ? target : screen_out();
+  std::FILE* f = target;
   const int threads = omp_get_max_threads();
   put_line(f, "");
   put_line(f, "Parallelized with OpenMP.  # of threads:" + fmt_int(threads, 3));
@@ -92,3 +93,5 @@ void print_timestamp(const std::string& message, std::FILE* target) {
                        fmt_int0(c.minute, 2) + ":" + fmt_int0(c.second, 2));
   put_line(target, "");
 }
+
+}  // namespace quolvent

@@ -1,8 +1,10 @@
 // Heap sort: in place, no extra memory, n log n in the worst case, which
 // matters for the long sample rows of the threshold estimate.
-#include "wavelet/hpsort.hpp"
+#include "base/hpsort.hpp"
 
 #include <utility>
+
+namespace quolvent {
 
 namespace {
 
@@ -31,3 +33,5 @@ void hpsort(double* a, int64_t n) {
     sift_down(a, 0, end);
   }
 }
+
+}  // namespace quolvent

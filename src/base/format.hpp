@@ -5,6 +5,8 @@
 #include <string>
 #include <string_view>
 
+namespace quolvent {
+
 // fmt_sci: scientific form with one digit before the point, `decimals` behind
 // it, and an exponent of E, a sign and two digits (1.234560E+03), right-aligned
 // in `width` columns. A value that needs more room is written whole.
@@ -26,3 +28,5 @@ std::string fmt_right(std::string_view text, int width);
 
 // fmt_free_int: an integer as a free-format write shows it, in 12 columns.
 std::string fmt_free_int(long long v);
+
+}  // namespace quolvent

@@ -1,98 +1,19 @@
-// Text input and failure stops.
-#include "run/text_io.hpp"
+// Text input.
+#include "base/text_io.hpp"
 
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 #include <sys/stat.h>
 
-namespace {
+namespace quolvent {
 
-std::FILE* g_screen = nullptr;  // nullptr: stdout
-std::FILE* g_log = nullptr;
-stop_handler_fn g_stop_handler = nullptr;
-std::mutex g_stop_lock;
+namespace {
 
 bool is_blank(char c) { return c == ' ' || c == '\t'; }
 
 }  // namespace
-
-// ---------------------------------------------------------------- channels
-
-std::FILE* screen_out() { return g_screen ? g_screen : stdout; }
-std::FILE* log_out() { return g_log; }
-void set_screen(std::FILE* f) { g_screen = f; }
-void set_log(std::FILE* f) { g_log = f; }
-
-void log_create() {
-  if (g_log) std::fclose(g_log);
-  g_log = std::fopen("quolvent.log", "w");
-  if (!g_log) {
-    std::fputs("quolvent: cannot create quolvent.log in the current directory\n", stderr);
-    std::fflush(nullptr);
-    std::_Exit(1);
-  }
-}
-
-void log_close() {
-  if (g_log) std::fclose(g_log);
-  g_log = nullptr;
-}
-
-void put_line(std::FILE* f, std::string_view text) {
-  if (!f) return;
-  // One call per line, so that lines of two threads never mix inside a line.
-  std::string line(text);
-  line.push_back('\n');
-  std::fwrite(line.data(), 1, line.size(), f);
-}
-
-void say_screen(std::string_view text) { put_line(screen_out(), text); }
-void say_log(std::string_view text) { put_line(g_log, text); }
-
-void report(std::initializer_list<std::string_view> lines) {
-  for (auto l : lines) put_line(screen_out(), l);
-  for (auto l : lines) put_line(g_log, l);
-}
-
-void report_log(std::initializer_list<std::string_view> lines) {
-  for (auto l : lines) put_line(g_log, l);
-}
-
-// ------------------------------------------------------------------- stops
-
-void set_stop_handler(stop_handler_fn fn) { g_stop_handler = fn; }
-
-void stop_plain() {
-  std::fflush(nullptr);
-  if (g_stop_handler) {
-    g_stop_handler();
-  }
-  // A stop may come from any thread of a row loop: end the process at once,
-  // without running exit handlers while other threads still work.
-  std::lock_guard<std::mutex> hold(g_stop_lock);
-  std::fflush(nullptr);
-  std::_Exit(0);
-}
-
-void stop_text(std::string_view text) {
-  put_line(stderr, text);
-  stop_plain();
-}
-
-void file_not_found(std::string_view label, std::string_view name) {
-  const std::string line = " ERROR: " + rtrim(label) + " file not found: " + rtrim(name);
-  report({"", line});
-  stop_plain();
-}
-
-void alloc_failed(std::string_view name) {
-  const std::string line = "Memory allocation error in: " + rtrim(name);
-  report({"", line, ""});
-  stop_plain();
-}
 
 // -------------------------------------------------------------- text helpers
 
@@ -129,6 +50,8 @@ bool text_open(text_file& t, std::string_view name) {
   t.f = f;
   return true;
 }
+
+text_file::~text_file() { text_close(*this); }
 
 void text_close(text_file& t) {
   if (t.f) std::fclose(t.f);
@@ -275,7 +198,6 @@ int ff_run(ff_source& s, std::initializer_list<ff_target> targets) {
   skip_empty_targets();
   if (tgt == targets.end()) return 0;
 
-  bool first_value = true;
   for (;;) {
     // Skip blanks and line ends up to the next value or separator.
     for (;;) {
@@ -315,8 +237,6 @@ int ff_run(ff_source& s, std::initializer_list<ff_target> targets) {
       while (s.pos < s.line.size() && is_blank(s.line[s.pos])) ++s.pos;
       if (s.pos < s.line.size() && s.line[s.pos] == ',') ++s.pos;
     }
-    (void)first_value;
-    first_value = false;
     for (std::size_t r = 0; r < repeat; ++r) {
       if (!null_value && !parse_value(value, tgt->kind, place())) return 1;
       ++elem;
@@ -342,3 +262,5 @@ int ff_read_text(std::string_view text, std::initializer_list<ff_target> targets
   s.line.assign(text);
   return ff_run(s, targets);
 }
+
+}  // namespace quolvent

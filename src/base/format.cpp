@@ -1,8 +1,10 @@
 // Number and label forms.
-#include "run/format.hpp"
+#include "base/format.hpp"
 
 #include <cstdio>
 #include <cstdlib>
+
+namespace quolvent {
 
 namespace {
 
@@ -41,3 +43,5 @@ std::string fmt_right(std::string_view text, int width) {
 }
 
 std::string fmt_free_int(long long v) { return fmt_int(v, 12); }
+
+}  // namespace quolvent

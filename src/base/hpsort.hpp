@@ -4,9 +4,12 @@
 
 #include <cstdint>
 
+namespace quolvent {
+
 // hpsort
 // Given: a[0..n-1], n >= 0.
 // Returns: a sorted ascending in place.
 // Fails: never; n of 0 or 1 leaves a as it is.
-// Calls: nothing.
 void hpsort(double* a, int64_t n);
+
+}  // namespace quolvent

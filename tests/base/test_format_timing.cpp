@@ -1,8 +1,10 @@
 // Number forms and timer lines.
 #include <gtest/gtest.h>
 
-#include "run/format.hpp"
-#include "run/timing.hpp"
+#include "base/format.hpp"
+#include "base/timing.hpp"
+
+using namespace quolvent;
 
 TEST(Format, ScientificFixedAndIntegerForms) {
   EXPECT_EQ(fmt_sci(1234.56, 14, 6), "  1.234560E+03");
@@ -33,9 +35,10 @@ TEST(Timing, TimerLineSplitsTheSpan) {
 TEST(Timing, ModeZeroPrintsNothingAndOtherModesPrintOneLineOnEachStream) {
   std::FILE* a = std::tmpfile();
   std::FILE* b = std::tmpfile();
-  phase_timer("start", 0, a, b);
-  phase_timer("init", 1, a, b);
-  phase_timer("odd", 7, a, nullptr);
+  phase_clock clock;
+  clock.phase_timer("start", 0, a, b);
+  clock.phase_timer("init", 1, a, b);
+  clock.phase_timer("odd", 7, a, nullptr);
   std::fflush(a);
   std::fflush(b);
   EXPECT_EQ(std::ftell(a), 2 * 34);

@@ -1,0 +1,58 @@
+// Where a run's words go: its screen and its log. A run owns one run_log and
+// hands it down; two runs in one process share nothing.
+#pragma once
+
+#include <cstdio>
+#include <initializer_list>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "base/stop.hpp"
+
+namespace quolvent {
+
+// put_line: text and a line end to f in one write, so that lines of two
+// threads never mix within a line; nothing when f is nullptr.
+void put_line(std::FILE* f, std::string_view text);
+
+class run_log {
+ public:
+  // screen: the stream the run calls its screen (standard output for the
+  // program). The log is absent until open_log or adopt_log.
+  explicit run_log(std::FILE* screen = stdout) : screen_(screen) {}
+  run_log(const run_log&) = delete;
+  run_log& operator=(const run_log&) = delete;
+  ~run_log();
+
+  // open_log: creates (or replaces) the log file at path. A log that can't
+  // be created is a failure of the platform.
+  void open_log(const std::string& path);
+  // adopt_log: the log goes to f, which the caller keeps and closes (tests).
+  void adopt_log(std::FILE* f);
+  // close_log: flushes and closes (or lets go of) the log.
+  void close_log();
+
+  std::FILE* screen() const { return screen_; }
+  std::FILE* log() const { return log_; }
+
+  void say_screen(std::string_view text) const { put_line(screen_, text); }
+  void say_log(std::string_view text) const { put_line(log_, text); }
+  // report: the lines to the screen, then the same lines to the log.
+  void report(std::initializer_list<std::string_view> lines) const;
+  // report_log: the lines to the log alone.
+  void report_log(std::initializer_list<std::string_view> lines) const;
+  // flush: the screen and the log on disk.
+  void flush() const;
+
+  // deliver: a stop's report: screen lines, log lines, error text (on
+  // standard error), everything flushed.
+  void deliver(const stop& s) const;
+
+ private:
+  std::FILE* screen_;
+  std::FILE* log_ = nullptr;
+  bool own_log_ = false;
+};
+
+}  // namespace quolvent

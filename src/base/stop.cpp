@@ -1,0 +1,53 @@
+// Stops.
+#include "base/stop.hpp"
+
+#include "base/text_io.hpp"
+
+namespace quolvent {
+
+const char* stop::what() const noexcept {
+  if (!error_text.empty()) return error_text.c_str();
+  for (const auto& l : screen_lines)
+    if (!l.empty()) return l.c_str();
+  for (const auto& l : log_lines)
+    if (!l.empty()) return l.c_str();
+  return "stop";
+}
+
+void stop_plain() { throw stop{}; }
+
+void stop_report(std::initializer_list<std::string_view> lines) {
+  stop s;
+  for (auto l : lines) s.screen_lines.emplace_back(l);
+  s.log_lines = s.screen_lines;
+  throw s;
+}
+
+void stop_report_log(std::initializer_list<std::string_view> lines) {
+  stop s;
+  for (auto l : lines) s.log_lines.emplace_back(l);
+  throw s;
+}
+
+void stop_text(std::string_view text) {
+  stop s;
+  s.error_text = std::string(text);
+  throw s;
+}
+
+void file_not_found(std::string_view label, std::string_view name) {
+  stop_report({"", " ERROR: " + rtrim(label) + " file not found: " + rtrim(name)});
+}
+
+void alloc_failed(std::string_view name) {
+  stop_report({"", "Memory allocation error in: " + rtrim(name), ""});
+}
+
+void platform_failure(std::string_view text) {
+  stop s;
+  s.error_text = "quolvent: " + std::string(text);
+  s.status = 1;
+  throw s;
+}
+
+}  // namespace quolvent

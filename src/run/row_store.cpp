@@ -1,0 +1,72 @@
+// The row loops' sink over the matrix store.
+#include "run/row_store.hpp"
+
+#include "base/stop.hpp"
+#include "wavelet/compress_row_mod.hpp"
+
+namespace quolvent {
+
+namespace {
+
+// The uniform susceptibility of the test model of the compression check.
+constexpr double test_model_value = 0.01;
+
+// compress_part: one thread's cube, line buffers and count of kept
+// coefficients.
+struct compress_part : row_sink::thread_part {
+  compress_workspace ws;
+  int64_t nnz = 0;
+};
+
+}  // namespace
+
+void store_sink::begin(int32_t n, int32_t ndata, const char* alloc_name) {
+  const std::size_t len = static_cast<std::size_t>(n > 0 ? n : 0);
+  const std::size_t nd = static_cast<std::size_t>(ndata > 0 ? ndata : 0);
+  // Every row lands in its own record or column of the store: it has to hold them all.
+  if (c_.compressed && store_.g_compressed.size() != nd) stop_text("size(g_compressed) /= ndata");
+  if (!c_.compressed && store_.g_full.size() != len * nd) stop_text("size(g_full) /= n * ndata");
+  if (c_.compressed && s_.obs_type.size() < nd) stop_text("size(obs_type) /= ndata");
+  nnz_ = 0;
+  if (!c_.compressed) return;
+  assign_or_stop(data_full_, nd, 0.0, alloc_name);
+  assign_or_stop(data_comp_, nd, 0.0, alloc_name);
+  test_model_w_ = transform_test_model(c_, s_.cells, test_model_value, s_.wtz);
+}
+
+double store_sink::test_model() const { return c_.compressed ? test_model_value : 0.0; }
+
+float* store_sink::full_column(int32_t datum) {
+  if (c_.compressed) return nullptr;
+  return store_.g_full.data() + static_cast<std::size_t>(datum) * static_cast<std::size_t>(s_.n);
+}
+
+std::unique_ptr<row_sink::thread_part> store_sink::open_thread() {
+  auto part = std::make_unique<compress_part>();
+  if (c_.compressed) ALLOC_WORK(c_, part->ws);
+  return part;
+}
+
+void store_sink::put(thread_part& t, int32_t datum, const double* row, double test_datum) {
+  auto& part = static_cast<compress_part&>(t);
+  const std::size_t d = static_cast<std::size_t>(datum);
+  compressed_row& rec = store_.g_compressed[d];
+  data_full_[d] = test_datum;
+  COMPRESS_ROW(c_, s_.cells, row, s_.n, rec, part.nnz, s_.obs_type[d], part.ws);
+  data_comp_[d] = dot_compressed(test_model_w_, rec);
+}
+
+void store_sink::close_thread(thread_part& t) {
+  auto& part = static_cast<compress_part&>(t);
+  DEALLOC_WORK(part.ws);
+  std::lock_guard<std::mutex> hold(lock_);
+  nnz_ += part.nnz;
+}
+
+void store_sink::release_check() {
+  std::vector<double>().swap(test_model_w_);
+  std::vector<double>().swap(data_full_);
+  std::vector<double>().swap(data_comp_);
+}
+
+}  // namespace quolvent

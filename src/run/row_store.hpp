@@ -1,0 +1,49 @@
+// store_sink: the row loops' sink over the run's matrix store. Rows kept
+// whole land in g_full; compressed rows go through COMPRESS_ROW into their
+// records, with the datum of the test model from the row before and after
+// compression (the compression check).
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "model/model.hpp"
+#include "sens/row_sink.hpp"
+#include "wavelet/compression.hpp"
+
+namespace quolvent {
+
+class store_sink : public row_sink {
+ public:
+  // The survey, the compression record and the store outlive the sink.
+  store_sink(const survey& s, const compression& c, matrix_store& store)
+      : s_(s), c_(c), store_(store) {}
+
+  void begin(int32_t n, int32_t ndata, const char* alloc_name) override;
+  double test_model() const override;
+  float* full_column(int32_t datum) override;
+  std::unique_ptr<thread_part> open_thread() override;
+  void put(thread_part& t, int32_t datum, const double* row, double test_datum) override;
+  void close_thread(thread_part& t) override;
+
+  // After the loop: the total of kept coefficients and the data of the test
+  // model from the full rows and from the compressed ones (empty when the
+  // rows are not compressed).
+  int64_t nnz() const { return nnz_; }
+  const std::vector<double>& data_full() const { return data_full_; }
+  const std::vector<double>& data_comp() const { return data_comp_; }
+  // release_check: frees the arrays of the compression check.
+  void release_check();
+
+ private:
+  const survey& s_;
+  const compression& c_;
+  matrix_store& store_;
+  std::vector<double> test_model_w_, data_full_, data_comp_;
+  int64_t nnz_ = 0;
+  std::mutex lock_;
+};
+
+}  // namespace quolvent
