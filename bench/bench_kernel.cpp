@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "model/mesh.hpp"
 #include "model/model.hpp"
 #include "run/row_store.hpp"
 #include "sens/calc_arctangents_mod.hpp"
@@ -53,7 +54,7 @@ void Row(benchmark::State& state) {
   const int width = static_cast<int>(state.range(0));
   const survey s = make_bench_survey(1);
   const mesh_model& m = s.mesh;
-  row_workspace ws = make_row_workspace(survey_directions(s.obs));
+  row_workspace ws = make_row_workspace(survey_directions(s.obs), mesh_length_scale(m));
   ws.math_width = width;
   std::vector<double> g(static_cast<std::size_t>(s.n));
   for (auto _ : state) {
@@ -74,8 +75,8 @@ void Fill(benchmark::State& state) {
   const mesh_model& m = s.mesh;
   arctangent_cache cache;
   for (auto _ : state) {
-    CALC_ARCTANGENTS(cache, width, m.yn.data(), m.xn.data(), m.zn.data(), m.ny, m.nx, m.nz,
-                     s.top_index.data(), 251.3, 248.9, -1.5);
+    CALC_ARCTANGENTS(cache, width, zero_offset(mesh_length_scale(m)), m.yn.data(), m.xn.data(),
+                     m.zn.data(), m.ny, m.nx, m.nz, s.top_index.data(), 251.3, 248.9, -1.5);
     benchmark::DoNotOptimize(cache.at_x.data());
   }
   state.SetItemsProcessed(state.iterations() * s.n);

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "model/mesh.hpp"
 #include "model/model.hpp"
 #include "run/row_store.hpp"
 #include "sens/grid_check.hpp"
@@ -91,7 +92,7 @@ void BM_extended_row(benchmark::State& state) {
   std::vector<double> gbig(static_cast<std::size_t>(ny2) * nx2 * layers);
   const int32_t ref = r.grid.ref_datum;
   const std::size_t d = static_cast<std::size_t>(ref) - 1;
-  row_workspace ws = make_row_workspace(survey_directions(obs));
+  row_workspace ws = make_row_workspace(survey_directions(obs), mesh_length_scale(m));
   for (auto _ : state) {
     sens_row(ws, obs.geomag, yn2.data(), xn2.data(), m.zn.data(), ny2, nx2, layers, top2.data(),
              ref, obs.obs_y[d], obs.obs_x[d], m.z0 - obs.obs_z[d], gbig.data(), gbig.size(),

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "model/mesh.hpp"
 #include "model/model.hpp"
 #include "sens/gsus_mod.hpp"
 #include "sens/gsus_no_atan_mod.hpp"
@@ -57,7 +58,8 @@ one_row make_row(int32_t nx, int32_t ny, int32_t nz, const char* wavelet) {
   std::vector<double> wtz;
   for (int32_t col = 0; col < nx * ny; ++col)
     for (int32_t iz = 1; iz <= nz; ++iz) wtz.push_back(std::pow(mesh.zn[iz - 1] + 5.0, -1.5));
-  one_row r{qt::make_survey(mesh, obs, {}, wtz), {}, make_row_workspace(survey_directions(obs)), {}};
+  one_row r{qt::make_survey(mesh, obs, {}, wtz), {},
+            make_row_workspace(survey_directions(obs), mesh_length_scale(mesh)), {}};
   r.c = setup_compression(r.s, wavelet, "1 0.05",
                           [&r](int32_t, std::vector<double>& g) { compute_row(r, g); }, quiet);
   r.row.assign(static_cast<std::size_t>(r.s.n), 0.0);

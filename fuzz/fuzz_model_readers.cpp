@@ -61,7 +61,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     } else {
       const obs_set obs = read_data_file(name);
       if (mode == 2) {
-        const data_split split = classify_data(fixed_mesh(), obs, fixed_tops, quiet);
+        const mesh_model mesh = fixed_mesh();
+        const data_split split =
+            classify_data(mesh, mesh_length_scale(mesh), obs, fixed_tops, quiet);
         // One kind per datum.
         if (split.obs_type.size() != static_cast<std::size_t>(obs.ndata)) __builtin_trap();
       }

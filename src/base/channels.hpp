@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 
+#include "base/interrupt.hpp"
 #include "base/stop.hpp"
 
 namespace quolvent {
@@ -49,10 +50,28 @@ class run_log {
   // standard error), everything flushed.
   void deliver(const stop& s) const;
 
+  // watch_interrupts: the run's checkpoints look at w (which outlives the
+  // run_log's use); nullptr: no watch, checkpoints pass.
+  void watch_interrupts(const interrupt_watch* w) { watch_ = w; }
+  // check_interrupt: a checkpoint, from any thread of the run.
+  // Fails: a pending interrupt is a stop naming the current phase.
+  void check_interrupt() const {
+    if (watch_) watch_->check(phase_);
+  }
+  // enter_phase: a checkpoint for the phase that ends, then the phase named
+  // (a literal: "init", "sens", "writing", "uncompress") begins. On the
+  // thread of the run, outside the parallel regions.
+  void enter_phase(const char* name) {
+    check_interrupt();
+    phase_ = name;
+  }
+
  private:
   std::FILE* screen_;
   std::FILE* log_ = nullptr;
   bool own_log_ = false;
+  const interrupt_watch* watch_ = nullptr;
+  const char* phase_ = "init";
 };
 
 }  // namespace quolvent

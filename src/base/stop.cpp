@@ -1,6 +1,9 @@
 // Stops.
 #include "base/stop.hpp"
 
+#include <cerrno>
+#include <cstring>
+
 #include "base/text_io.hpp"
 
 namespace quolvent {
@@ -46,6 +49,18 @@ void alloc_failed(std::string_view name) {
 void platform_failure(std::string_view text) {
   stop s;
   s.error_text = "quolvent: " + std::string(text);
+  s.status = 1;
+  throw s;
+}
+
+void cannot_write(std::string_view name, int err) {
+  // A failure that left no reason behind is still a failure of the device.
+  if (err == 0) err = EIO;
+  const std::string file(rtrim(name));
+  stop s;
+  s.screen_lines = {"", "ERROR: cannot write " + file + ": " + std::strerror(err),
+                    "       (an earlier " + file + ", if any, is left as it was)", ""};
+  s.log_lines = s.screen_lines;
   s.status = 1;
   throw s;
 }

@@ -22,8 +22,8 @@ class stop : public std::exception {
   std::vector<std::string> screen_lines;
   std::vector<std::string> log_lines;
   std::string error_text;
-  // The exit status of the process: 0 for every reported stop, 1 for a
-  // failure of the platform (a file the run can't write).
+  // The exit status of the process: 0 for every reported stop, 1 for an
+  // output the run can't write, 128 + N for a run interrupted by signal N.
   int status = 0;
 
   const char* what() const noexcept override;
@@ -48,6 +48,11 @@ class stop : public std::exception {
 // platform_failure: a file the run must write can't be created or written:
 // "quolvent: <text>" on the error stream, exit status 1.
 [[noreturn]] void platform_failure(std::string_view text);
+// cannot_write: an output can't be created, written or put in place: empty
+// line, "ERROR: cannot write <name>: <the system's reason for err>", a line
+// saying that an earlier file of that name is left as it was, empty line, to
+// screen and log; exit status 1.
+[[noreturn]] void cannot_write(std::string_view name, int err);
 
 // assign_or_stop: v holds count copies of value, or the allocation stop with
 // name when the memory can't be had.

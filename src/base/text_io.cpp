@@ -65,13 +65,30 @@ void text_rewind(text_file& t) {
 
 namespace {
 
-// get_line: the next whole line of t, without line end or trailing CR.
+// byte_order_mark: at the start of a file, passes over the UTF-8 byte order
+// mark that some editors write there. Bytes that only begin like one are the
+// start of the first line: they go to line, and the byte that broke the match
+// goes back to the file. Returns true when line got any.
+bool byte_order_mark(std::FILE* f, std::string& line) {
+  constexpr unsigned char bom[3] = {0xEF, 0xBB, 0xBF};
+  for (int n = 0; n < 3; ++n) {
+    const int c = std::getc(f);
+    if (c == bom[n]) continue;
+    for (int k = 0; k < n; ++k) line.push_back(static_cast<char>(bom[k]));
+    if (c != EOF) std::ungetc(c, f);
+    return n > 0;
+  }
+  return false;
+}
+
+// get_line: the next whole line of t, without line end or trailing CR; the
+// first line without a byte order mark in front of it.
 // Returns 0, -1 at end of file, 1 on a read error.
 int get_line(text_file& t, std::string& line) {
   line.clear();
   if (!t.f) return 1;
-  int c;
-  bool any = false;
+  bool any = t.lines_read == 0 && byte_order_mark(t.f, line);
+  int c = 0;
   while ((c = std::getc(t.f)) != EOF) {
     any = true;
     if (c == '\n') break;

@@ -6,6 +6,7 @@
 #include <new>
 #include <span>
 
+#include "base/format.hpp"
 #include "base/stop.hpp"
 #include "base/text_io.hpp"
 #include "model/model.hpp"
@@ -32,6 +33,17 @@ bool accumulate_nodes(std::vector<double>& nodes, const std::vector<double>& wid
     if (!std::isfinite(v)) return false;
   }
   return true;
+}
+
+// check_widths: the first width of w that is not a positive number ends the
+// run, named by its 1-based place and the axis.
+void check_widths(const std::string& name, const std::vector<double>& w, const char* axis) {
+  for (std::size_t i = 0; i < w.size(); ++i) {
+    if (w[i] > 0.0 && std::isfinite(w[i])) continue;
+    const std::string why = "The cell width " + fmt_int(static_cast<long long>(i) + 1) +
+                            " along " + axis + " is not positive: " + fmt_sci(w[i], 0, 6);
+    mesh_error(name, why.c_str());
+  }
 }
 
 }  // namespace
@@ -68,11 +80,27 @@ mesh_model read_mesh(const std::string& name) {
   if (ff_read(t, {std::span<double>(m.dz)}) != 0) mesh_error(name);
   text_close(t);
 
+  // A width of 0 or below would fold the mesh onto itself: refused before
+  // anything is made of it, in the order of the file.
+  check_widths(name, m.dx, "easting");
+  check_widths(name, m.dy, "northing");
+  check_widths(name, m.dz, "depth");
+
   m.zn[0] = 0.0;
   const bool finite = accumulate_nodes(m.yn, m.dy) && accumulate_nodes(m.xn, m.dx) &&
                       accumulate_nodes(m.zn, m.dz);
   if (!finite) mesh_error(name, "The node coordinates are too large to be represented.");
   return m;
+}
+
+double mesh_length_scale(const mesh_model& m) {
+  double scale = 1.0;
+  for (const std::vector<double>* w : {&m.dx, &m.dy, &m.dz}) {
+    for (double v : *w) {
+      if (v > 0.0 && v < scale) scale = v;
+    }
+  }
+  return scale;
 }
 
 }  // namespace quolvent

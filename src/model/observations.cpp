@@ -16,8 +16,6 @@ namespace {
 
 // Width of the line buffer of the data file: longer lines are cut.
 constexpr std::size_t data_line_width = 1000;
-// Tolerance of every position test against the nodes.
-constexpr double node_tol = 1e-6;
 // The arrays grow with the lines actually read; a count in the header is
 // trusted for no more than this many places in advance.
 constexpr std::size_t reserve_limit = 4096;
@@ -94,7 +92,8 @@ obs_set read_data_file(const std::string& name) {
   return o;
 }
 
-void locate(double v, const std::vector<double>& nodes, int32_t m, int32_t& cell, double& node) {
+void locate(double v, const std::vector<double>& nodes, int32_t m, double tol, int32_t& cell,
+            double& node) {
   // 1-based j over nodes(1) .. nodes(m + 1).
   int32_t j = 1;
   if (v > nodes[0]) {
@@ -102,12 +101,14 @@ void locate(double v, const std::vector<double>& nodes, int32_t m, int32_t& cell
   }
   node = nodes[static_cast<std::size_t>(j) - 1];
   const bool beyond = v > nodes[static_cast<std::size_t>(m)];
-  cell = (beyond || std::fabs(v - nodes[0]) < node_tol) ? j : j - 1;
+  cell = (beyond || std::fabs(v - nodes[0]) < tol) ? j : j - 1;
 }
 
-data_split classify_data(const mesh_model& mesh, const obs_set& obs,
+data_split classify_data(const mesh_model& mesh, double length_scale, const obs_set& obs,
                          const std::vector<int32_t>& top_index, const run_log& out) {
   const int32_t nx = mesh.nx, ny = mesh.ny, nz = mesh.nz;
+  // Every position test against the nodes, in proportion to the cells.
+  const double node_tol = node_tolerance(length_scale);
   data_split split;
   std::vector<datum_kind>& obs_type = split.obs_type;
   obs_type.assign(static_cast<std::size_t>(std::max(obs.ndata, 0)), datum_kind::surface);
@@ -119,9 +120,9 @@ data_split classify_data(const mesh_model& mesh, const obs_set& obs,
     const double d = mesh.z0 - obs.obs_z[p];
     int32_t iy = 0, ix = 0, k = 0;
     double yp = 0, xp = 0, zp = 0;
-    locate(obs.obs_y[p], mesh.yn, ny, iy, yp);
-    locate(obs.obs_x[p], mesh.xn, nx, ix, xp);
-    locate(d, mesh.zn, nz, k, zp);
+    locate(obs.obs_y[p], mesh.yn, ny, node_tol, iy, yp);
+    locate(obs.obs_x[p], mesh.xn, nx, node_tol, ix, xp);
+    locate(d, mesh.zn, nz, node_tol, k, zp);
     const bool y_on = std::fabs(obs.obs_y[p] - yp) < node_tol;
     const bool x_on = std::fabs(obs.obs_x[p] - xp) < node_tol;
     const bool z_on = std::fabs(d - zp) < node_tol;

@@ -24,14 +24,21 @@ namespace quolvent {
 //            allocation report "read_data_file". Each ends in a plain stop.
 obs_set read_data_file(const std::string& name);
 
+// node_tolerance: how near a node a position counts as on it: 1e-6 of the
+// mesh's length scale (mesh_length_scale), so 1e-6 in file units on a mesh
+// with no width below 1.
+inline double node_tolerance(double length_scale) { return 1e-6 * length_scale; }
+
 // locate
-//   Given:   v, nodes (m + 1 ascending values, 0-based storage), m.
+//   Given:   v, nodes (m + 1 ascending values, 0-based storage), m, and tol,
+//            the node tolerance (node_tolerance).
 //   Returns: cell, the 1-based cell index of v (0 below the first node, m + 1
 //            beyond the last; a value on an inner node gets the cell of lower
 //            index), and node, the first node not below v (the last one when
-//            v is beyond all). Values within 1e-6 of nodes(1) count as on it.
+//            v is beyond all). Values within tol of nodes(1) count as on it.
 //   Fails:   never.
-void locate(double v, const std::vector<double>& nodes, int32_t m, int32_t& cell, double& node);
+void locate(double v, const std::vector<double>& nodes, int32_t m, double tol, int32_t& cell,
+            double& node);
 
 // data_split: the kind of each datum and of the whole survey.
 struct data_split {
@@ -40,8 +47,9 @@ struct data_split {
 };
 
 // classify_data
-//   Given:   the mesh, the data, the column tops top_index (ny x nx), the
-//            run's log.
+//   Given:   the mesh, its length scale (mesh_length_scale), the data, the
+//            column tops top_index (ny x nx), the run's log. A position counts
+//            as on a node within node_tolerance(length_scale) of it.
 //   Returns: obs_type(i) surface or borehole for each datum; data_kind
 //            surface when all are, borehole when all are, else mixed. Writes
 //            the group counts to screen and log, and the borehole indices to
@@ -49,7 +57,7 @@ struct data_split {
 //   Fails:   a borehole datum on a cell edge is logged ("Point ... is on an
 //            edge."); after all data, any such datum ends the run with
 //            "Error: there are data points on cell edges." and a stop.
-data_split classify_data(const mesh_model& mesh, const obs_set& obs,
+data_split classify_data(const mesh_model& mesh, double length_scale, const obs_set& obs,
                          const std::vector<int32_t>& top_index, const run_log& out);
 
 }  // namespace quolvent

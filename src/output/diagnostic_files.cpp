@@ -34,19 +34,18 @@ void write_sensitivity_model(const std::vector<double>& values, const mesh_model
   if (values.size() < below) stop_text("size(values) /= cells below the ground");
 
   output_file file(name, "w");
-  std::FILE* f = file.get();
   const std::string air = fmt_sci(1e-20, 8, 1);
   std::size_t next = 0;
   for (int32_t iy = 1; iy <= ny; ++iy)
     for (int32_t ix = 1; ix <= nx; ++ix) {
       const int32_t t = column_top(iy, ix);
-      for (int32_t iz = 1; iz <= t; ++iz) put_line(f, air);
+      for (int32_t iz = 1; iz <= t; ++iz) file.line(air);
       for (int32_t iz = t + 1; iz <= nz; ++iz) {
         const double volume = mesh.dz[iz - 1] * (mesh.dx[ix - 1] * mesh.dy[iy - 1]);
         double v = values[next++] / volume;
         // A cell of no volume has no density to show; 0 rather than Inf or NaN.
         if (!std::isfinite(v)) v = 0.0;
-        put_line(f, fmt_sci(v, 12, 5));
+        file.line(fmt_sci(v, 12, 5));
       }
     }
   file.close();
@@ -61,12 +60,11 @@ void write_data_file(const std::string& name, const obs_set& obs, const std::vec
     stop_text("size(values) /= ndata");
   }
   output_file file(name, "w");
-  std::FILE* f = file.get();
-  put_line(f, fmt_fixed(obs.incl, 10, 2) + fmt_fixed(obs.decl, 10, 2) +
+  file.line(fmt_fixed(obs.incl, 10, 2) + fmt_fixed(obs.decl, 10, 2) +
                   fmt_fixed(obs.geomag, 10, 2) + "  !! incl, decl, geomag");
-  put_line(f, fmt_fixed(obs.aincl, 10, 2) + fmt_fixed(obs.adecl, 10, 2) + "     " +
+  file.line(fmt_fixed(obs.aincl, 10, 2) + fmt_fixed(obs.adecl, 10, 2) + "     " +
                   fmt_int(obs.idir, 2) + "   " + "  !! aincl, adecl, idir");
-  put_line(f, fmt_int(ndata, 7) + std::string(23, ' ') + "  !! # of data");
+  file.line(fmt_int(ndata, 7) + std::string(23, ' ') + "  !! # of data");
   for (int32_t i = 0; i < ndata; ++i) {
     const std::size_t d = static_cast<std::size_t>(i);
     std::string line = fmt_sci(obs.obs_x[d], 17, 9) + fmt_sci(obs.obs_y[d], 17, 9) +
@@ -75,7 +73,7 @@ void write_data_file(const std::string& name, const obs_set& obs, const std::vec
       line += fmt_sci(obs.obs_aincl[d], 12, 4) + fmt_sci(obs.obs_adecl[d], 12, 4) + "  ";
     }
     line += fmt_sci(values[d], 14, 6);
-    put_line(f, line);
+    file.line(line);
   }
   file.close();
 }

@@ -14,8 +14,9 @@ namespace quolvent {
 //   column tops, and the file name.
 // Returns: the file holds one line per mesh cell in cell order: 1e-20 above
 //   the ground, value / cell volume below (0 for a cell of no volume).
-// Fails: a file that can't be written is a failure of the platform; fewer
-//   values than cells below the ground stop the run with a text.
+// Fails: a file that can't be written: cannot_write (an earlier file of that
+//   name stays); fewer values than cells below the ground stop the run with a
+//   text.
 void write_sensitivity_model(const std::vector<double>& values, const mesh_model& mesh,
                              const std::vector<int32_t>& top_index, const std::string& name);
 
@@ -23,8 +24,8 @@ void write_sensitivity_model(const std::vector<double>& values, const mesh_model
 // Given: the file name, the data and one value per datum.
 // Returns: the file holds the observation header, then one line per datum
 //   with its position (and direction when idir is 0) and values[i].
-// Fails: a file that can't be written is a failure of the platform; fewer
-//   values than data stop the run with a text.
+// Fails: a file that can't be written: cannot_write (an earlier file of that
+//   name stays); fewer values than data stop the run with a text.
 void write_data_file(const std::string& name, const obs_set& obs, const std::vector<double>& values);
 
 }  // namespace quolvent

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "base/resources.hpp"
 #include "base/stop.hpp"
 #include "output/output_file.hpp"
 
@@ -113,6 +114,7 @@ void write_matrix(const std::string& path, const survey& s, const compression& c
 
   if (c.compressed) {
     for (int32_t i = 0; i < ndata; ++i) {
+      out.check_interrupt();
       const compressed_row& rec = store.g_compressed[static_cast<std::size_t>(i)];
       const int32_t nnz = static_cast<int32_t>(rec.idx.size());
       if (rec.val.size() != rec.idx.size()) stop_text("size(val) /= size(idx)");
@@ -124,6 +126,7 @@ void write_matrix(const std::string& path, const survey& s, const compression& c
     }
   } else {
     for (int32_t i = 0; i < ndata; ++i) {
+      out.check_interrupt();
       write_record(f, {{store.g_full.data() + static_cast<std::size_t>(i) * len, 4 * len}},
                    record_limit);
     }
@@ -133,7 +136,34 @@ void write_matrix(const std::string& path, const survey& s, const compression& c
 
   write_record(f, {{sens_sq.data(), 8 * len}}, record_limit);
 
+  // The last checkpoint: after the sync, which can take a while for a large
+  // file, and before the file takes the place of an earlier one.
+  f.sync();
+  out.check_interrupt();
   f.close();
+}
+
+int64_t framed_bytes(int64_t payload, int64_t limit) {
+  if (limit < 1) limit = subrecord_limit;
+  const int64_t frames = payload <= 0 ? 1 : payload / limit + (payload % limit != 0 ? 1 : 0);
+  return add_sizes(payload, mul_sizes(frames, 8));
+}
+
+int64_t matrix_file_bytes(const survey& s, const compression& c, const row_payload_fn& row_payload,
+                          int64_t limit) {
+  const mesh_model& mesh = s.mesh;
+  const auto count = [](int32_t v) { return static_cast<int64_t>(count_of(v)); };
+  const int64_t n = count(s.n);
+  const int64_t ny = count(mesh.ny), nx = count(mesh.nx), nz = count(mesh.nz);
+  int64_t total = framed_bytes(20, limit);
+  total = add_sizes(total, framed_bytes(8 * (ny + nx + nz + 4), limit));
+  total = add_sizes(total, framed_bytes(mul_sizes(4 * ny, nx), limit));
+  total = add_sizes(total, framed_bytes(4 + 8 * count(c.ncof), limit));
+  total = add_sizes(total, framed_bytes(12, limit));
+  total = add_sizes(total, framed_bytes(4 + 8 * n, limit));
+  const int32_t ndata = s.obs.ndata;
+  for (int32_t i = 0; i < ndata; ++i) total = add_sizes(total, framed_bytes(row_payload(i), limit));
+  return add_sizes(total, framed_bytes(8 * n, limit));
 }
 
 }  // namespace quolvent

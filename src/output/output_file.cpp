@@ -1,29 +1,114 @@
-// Files the run writes.
+// Files the run writes, replaced whole or not at all.
 #include "output/output_file.hpp"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <filesystem>
+#include <random>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "base/stop.hpp"
 
 namespace quolvent {
 
-output_file::output_file(const std::string& name, const char* mode)
-    : name_(name), f_(std::fopen(name.c_str(), mode)) {
-  if (!f_) platform_failure("cannot write " + name_);
+namespace {
+
+// open_temporary: a new file "<name>.XXXXXX" (X letters and digits) for
+// writing, created exclusively so that no other file is ever taken over.
+// Returns its descriptor and sets temp, or -1 with errno set.
+int open_temporary(const std::string& name, std::string& temp) {
+  constexpr char letters[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
+  std::random_device rd;
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    temp = output_file::temporary_prefix(name);
+    for (int k = 0; k < 6; ++k) temp.push_back(letters[rd() % (sizeof letters - 1)]);
+    // 0666: the umask makes it what a new file of the user's would be.
+    const int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    if (fd >= 0 || errno != EEXIST) return fd;
+  }
+  errno = EEXIST;
+  return -1;
+}
+
+// sync_directory: the rename on the device too. A file system that can't
+// sync a directory has still renamed the file: nothing to report.
+void sync_directory(const std::string& name) {
+  std::filesystem::path dir = std::filesystem::path(name).parent_path();
+  if (dir.empty()) dir = ".";
+  const int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return;
+  ::fsync(fd);
+  ::close(fd);
+}
+
+}  // namespace
+
+output_file::output_file(const std::string& name, const char* mode) : name_(name) {
+  const int fd = open_temporary(name_, temp_);
+  if (fd < 0) {
+    const int err = errno;
+    temp_.clear();
+    cannot_write(name_, err);
+  }
+  // The file it replaces keeps its permissions, as when it was written in place.
+  struct stat old {};
+  if (::stat(name_.c_str(), &old) == 0 && S_ISREG(old.st_mode)) ::fchmod(fd, old.st_mode & 07777);
+  f_ = ::fdopen(fd, mode);
+  if (!f_) {
+    const int err = errno;
+    ::close(fd);
+    fail(err);
+  }
   std::setvbuf(f_, nullptr, _IOFBF, 1 << 20);
 }
 
 output_file::~output_file() {
   if (f_) std::fclose(f_);
+  if (!temp_.empty()) ::unlink(temp_.c_str());
+}
+
+void output_file::fail(int err) {
+  if (f_) std::fclose(f_);
+  f_ = nullptr;
+  if (!temp_.empty()) ::unlink(temp_.c_str());
+  temp_.clear();
+  cannot_write(name_, err);
 }
 
 void output_file::write(const void* p, std::size_t bytes) {
-  if (bytes > 0 && std::fwrite(p, 1, bytes, f_) != bytes) platform_failure("cannot write " + name_);
+  synced_ = false;
+  if (bytes > 0 && std::fwrite(p, 1, bytes, f_) != bytes) fail(errno);
+}
+
+void output_file::line(std::string_view text) {
+  write(text.data(), text.size());
+  write("\n", 1);
+}
+
+void output_file::sync() {
+  if (synced_) return;
+  if (std::fflush(f_) != 0) fail(errno);
+  if (::fsync(::fileno(f_)) != 0) fail(errno);
+  synced_ = true;
 }
 
 void output_file::close() {
+  sync();
   std::FILE* f = f_;
   f_ = nullptr;
-  const bool bad = std::fflush(f) != 0 || std::ferror(f);
-  if (std::fclose(f) != 0 || bad) platform_failure("cannot write " + name_);
+  if (std::fclose(f) != 0) fail(errno);
+  if (std::rename(temp_.c_str(), name_.c_str()) != 0) fail(errno);
+  temp_.clear();
+  sync_directory(name_);
+}
+
+void output_file::probe(const std::string& name) {
+  std::string temp;
+  const int fd = open_temporary(name, temp);
+  if (fd < 0) cannot_write(name, errno);
+  ::close(fd);
+  ::unlink(temp.c_str());
 }
 
 }  // namespace quolvent

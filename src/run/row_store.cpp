@@ -31,6 +31,7 @@ void store_sink::begin(int32_t n, int32_t ndata, const char* alloc_name) {
   if (!c_.compressed) return;
   assign_or_stop(data_full_, nd, 0.0, alloc_name);
   assign_or_stop(data_comp_, nd, 0.0, alloc_name);
+  assign_or_stop(row_err_, nd, 0.0, alloc_name);
   test_model_w_ = transform_test_model(c_, s_.cells, test_model_value, s_.wtz);
 }
 
@@ -52,7 +53,7 @@ void store_sink::put(thread_part& t, int32_t datum, const double* row, double te
   const std::size_t d = static_cast<std::size_t>(datum);
   compressed_row& rec = store_.g_compressed[d];
   data_full_[d] = test_datum;
-  COMPRESS_ROW(c_, s_.cells, row, s_.n, rec, part.nnz, s_.obs_type[d], part.ws);
+  row_err_[d] = COMPRESS_ROW(c_, s_.cells, row, s_.n, rec, part.nnz, s_.obs_type[d], part.ws);
   data_comp_[d] = dot_compressed(test_model_w_, rec);
 }
 
@@ -67,6 +68,7 @@ void store_sink::release_check() {
   std::vector<double>().swap(test_model_w_);
   std::vector<double>().swap(data_full_);
   std::vector<double>().swap(data_comp_);
+  std::vector<double>().swap(row_err_);
 }
 
 }  // namespace quolvent

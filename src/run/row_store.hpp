@@ -1,7 +1,8 @@
 // store_sink: the row loops' sink over the run's matrix store. Rows kept
 // whole land in g_full; compressed rows go through COMPRESS_ROW into their
 // records, with the datum of the test model from the row before and after
-// compression (the compression check).
+// compression and the relative error of the stored row (the compression
+// check).
 #pragma once
 
 #include <cstdint>
@@ -28,12 +29,13 @@ class store_sink : public row_sink {
   void put(thread_part& t, int32_t datum, const double* row, double test_datum) override;
   void close_thread(thread_part& t) override;
 
-  // After the loop: the total of kept coefficients and the data of the test
-  // model from the full rows and from the compressed ones (empty when the
-  // rows are not compressed).
+  // After the loop: the total of kept coefficients, the data of the test
+  // model from the full rows and from the compressed ones, and each stored
+  // row's relative error, by datum (empty when the rows are not compressed).
   int64_t nnz() const { return nnz_; }
   const std::vector<double>& data_full() const { return data_full_; }
   const std::vector<double>& data_comp() const { return data_comp_; }
+  const std::vector<double>& row_error() const { return row_err_; }
   // release_check: frees the arrays of the compression check.
   void release_check();
 
@@ -41,7 +43,7 @@ class store_sink : public row_sink {
   const survey& s_;
   const compression& c_;
   matrix_store& store_;
-  std::vector<double> test_model_w_, data_full_, data_comp_;
+  std::vector<double> test_model_w_, data_full_, data_comp_, row_err_;
   int64_t nnz_ = 0;
   std::mutex lock_;
 };

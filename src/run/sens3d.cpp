@@ -10,6 +10,7 @@
 #include <xmmintrin.h>
 
 #include "base/format.hpp"
+#include "base/interrupt.hpp"
 #include "base/stop.hpp"
 #include "base/text_io.hpp"
 #include "base/timing.hpp"
@@ -20,6 +21,7 @@
 #include "model/observations.hpp"
 #include "output/diagnostic_files.hpp"
 #include "output/matrix_file.hpp"
+#include "output/output_room.hpp"
 #include "run/control_file.hpp"
 #include "run/row_store.hpp"
 #include "sens/grid_check.hpp"
@@ -115,7 +117,7 @@ survey read_survey(const run_params& params, const run_log& out) {
   s.obs = read_data_file(params.obs_file);
   s.top_index = read_topography(params.topo_file, s.mesh, out);
   s.cells = get_active_cells("null", s.mesh, s.top_index, out);
-  data_split split = classify_data(s.mesh, s.obs, s.top_index, out);
+  data_split split = classify_data(s.mesh, mesh_length_scale(s.mesh), s.obs, s.top_index, out);
   s.obs_type = std::move(split.obs_type);
   s.data_kind = split.data_kind;
   s.n = s.cells.nbelow;
@@ -127,12 +129,13 @@ survey read_survey(const run_params& params, const run_log& out) {
 }
 
 // run_pipeline: steps 13 to 33, from the mesh to the uncompress stage.
-void run_pipeline(const run_params& params, phase_clock& clock, const run_log& out) {
+void run_pipeline(const run_params& params, phase_clock& clock, run_log& out) {
   // init: the model, the data, the ground and the weighting.
   const survey s = read_survey(params, out);
   const grid_survey grid = grid_check(s.mesh, s.obs, s.data_kind);
   clock.phase_timer("init", 1, out.screen(), out.log());
   out.flush();
+  out.enter_phase("sens");
 
   // sens: the rows, the sensitivity model and the matrix file.
   std::vector<double> sens_sq, sens_avg;
@@ -140,7 +143,8 @@ void run_pipeline(const run_params& params, phase_clock& clock, const run_log& o
   assign_or_stop(sens_avg, static_cast<std::size_t>(s.n), 0.0, "sens3d");
   // The sample rows of the threshold estimate: the survey's directions, on
   // this thread.
-  row_workspace sample_ws = make_row_workspace(survey_directions(s.obs));
+  row_workspace sample_ws =
+      make_row_workspace(survey_directions(s.obs), mesh_length_scale(s.mesh));
   const sample_row_fn sample_row = [&](int32_t idat, std::vector<double>& row) {
     const std::size_t d = static_cast<std::size_t>(idat - 1);
     sens_row(sample_ws, s.obs.geomag, s.mesh.yn.data(), s.mesh.xn.data(), s.mesh.zn.data(),
@@ -149,6 +153,8 @@ void run_pipeline(const run_params& params, phase_clock& clock, const run_log& o
   };
   const compression c = setup_compression(s, params.wavelet, params.eps_line, sample_row, out);
   DEALLOC_AT(sample_ws.cache);
+  // Before the first row: a run whose outputs can't be written stops now.
+  check_output_room(s, c, "dulmarok.mtx", out);
   matrix_store store = make_matrix_store(c, s.n, s.obs.ndata);
   {
     store_sink sink(s, c, store);
@@ -159,7 +165,7 @@ void run_pipeline(const run_params& params, phase_clock& clock, const run_log& o
     }
     if (c.compressed) {
       report_compression(s.n, s.obs.ndata, sink.nnz(), sink.data_full().data(),
-                         sink.data_comp().data(), out);
+                         sink.data_comp().data(), sink.row_error().data(), out);
       if (params.diag_flag) {
         write_data_file("data_notcompressed.txt", s.obs, sink.data_full());
         write_data_file("data_compressed.txt", s.obs, sink.data_comp());
@@ -167,12 +173,14 @@ void run_pipeline(const run_params& params, phase_clock& clock, const run_log& o
     }
   }
   clock.phase_timer("sens", 1, out.screen(), out.log());
+  out.enter_phase("writing");
   write_sensitivity_model(sens_avg, s.mesh, s.top_index, "sensitivity.txt");
   write_matrix("dulmarok.mtx", s, c, store, 1, sens_sq, out);
   std::vector<double>().swap(sens_sq);
 
   // uncompress: what the compressed rows make of the average sensitivity.
   if (c.compressed && params.diag_flag) {
+    out.enter_phase("uncompress");
     UNCOMPRESSG(c, s.cells, store, s.n, s.obs.ndata, s.wtz, sens_avg, out);
     write_sensitivity_model(sens_avg, s.mesh, s.top_index, "sensitivity_compressed.txt");
     clock.phase_timer("uncompress", 1, out.screen(), out.log());
@@ -218,7 +226,13 @@ void sens3d(int argc, char** argv, run_log& out) {
 }
 
 int run_command_line(int argc, char** argv, std::FILE* screen) {
+  // SIGINT, SIGTERM and SIGHUP become a stop at the run's next checkpoint,
+  // which removes what is half written. Made before any worker thread starts,
+  // so that the workers hold them back too; the mask is the caller's again
+  // when the run ends.
+  const interrupt_watch watch;
   run_log out(screen);
+  out.watch_interrupts(&watch);
   int status = 0;
   try {
     sens3d(argc, argv, out);

@@ -20,9 +20,13 @@ void sens3d(int argc, char** argv, run_log& out);
 // run_command_line
 //   Given:   the command line; the stream the run calls its screen.
 //   Returns: the exit status of the program: 0 after a complete run and after
-//            every reported stop, 1 after a failure of the platform. A stop's
-//            report is on the screen, in the log and on the error stream as
-//            it says; the log is closed. Nothing is left open or held.
+//            every reported stop on its input, 1 when an output can't be
+//            written (or the log created), 128 + N when signal N (SIGINT,
+//            SIGTERM, SIGHUP) interrupted the run. A stop's report is on the
+//            screen, in the log and on the error stream as it says; the log
+//            is closed; unfinished outputs are removed and earlier files of
+//            their names left as they were. Nothing is left open or held, and
+//            the calling thread's signal mask is its own again.
 int run_command_line(int argc, char** argv, std::FILE* screen = stdout);
 
 }  // namespace quolvent

@@ -15,7 +15,7 @@ namespace {
 
 // node_line: what one vertical line of nodes shares: its horizontal offsets.
 struct node_line {
-  double y, x, ys, xs, hh;  // offsets, offsets with 0 replaced by 0.001, y y + x x
+  double y, x, ys, xs, hh;  // offsets, offsets with 0 replaced by the shift, y y + x x
 };
 
 // fill_line: nodes [k0, k1) of one line: the distances, then the two
@@ -44,9 +44,9 @@ void fill_line(const node_line& L, const double* zn, double oz, int k0, int k1, 
 
 }  // namespace
 
-void CALC_ARCTANGENTS(arctangent_cache& c, int width, const double* yn, const double* xn,
-                      const double* zn, int32_t ny, int32_t nx, int32_t nz, const int32_t* top,
-                      double oy, double ox, double oz) {
+void CALC_ARCTANGENTS(arctangent_cache& c, int width, double shift, const double* yn,
+                      const double* xn, const double* zn, int32_t ny, int32_t nx, int32_t nz,
+                      const int32_t* top, double oy, double ox, double oz) {
   const int32_t ez = std::max(nz, 0) + 1, ex = std::max(nx, 0) + 1, ey = std::max(ny, 0) + 1;
 
   // Arrays made for other extents would put nodes in the wrong places (or
@@ -86,11 +86,11 @@ void CALC_ARCTANGENTS(arctangent_cache& c, int width, const double* yn, const do
   for (int32_t j = 1; j <= ey; ++j) {
     node_line L{};
     L.y = yn[j - 1] - oy;
-    L.ys = L.y == 0.0 ? 0.001 : L.y;
+    L.ys = L.y == 0.0 ? shift : L.y;
     const double yy = L.y * L.y;
     for (int32_t i = 1; i <= ex; ++i) {
       L.x = xn[i - 1] - ox;
-      L.xs = L.x == 0.0 ? 0.001 : L.x;
+      L.xs = L.x == 0.0 ? shift : L.x;
       L.hh = yy + L.x * L.x;
 
       // Start level: the highest node any of the four columns around this

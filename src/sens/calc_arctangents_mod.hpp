@@ -24,14 +24,16 @@ struct arctangent_cache {
 // CALC_ARCTANGENTS: fills the cache c for the point (oy, ox, oz) over the
 // mesh yn[0..ny], xn[0..nx], zn[0..nz] (zn are depths), column tops
 // top[(j-1) + (i-1)*ny], with arctangents at most `width` lanes at a time.
+// A y or x offset of exactly 0 is taken as `shift` in the denominators of the
+// arctangents (zero_offset of the mesh's length scale).
 // Only the part of each node line that some cell below the ground can reach
 // is computed: from 1 + the smallest top of the four columns around the node
 // down, the rim of the mesh always whole. The arrays are made anew when the
 // node counts change.
 // Fails: no memory for the arrays: the allocation stop "calc_arctangents".
-void CALC_ARCTANGENTS(arctangent_cache& c, int width, const double* yn, const double* xn,
-                      const double* zn, int32_t ny, int32_t nx, int32_t nz, const int32_t* top,
-                      double oy, double ox, double oz);
+void CALC_ARCTANGENTS(arctangent_cache& c, int width, double shift, const double* yn,
+                      const double* xn, const double* zn, int32_t ny, int32_t nx, int32_t nz,
+                      const int32_t* top, double oy, double ox, double oz);
 
 // DEALLOC_AT: frees the cache's arrays.
 void DEALLOC_AT(arctangent_cache& c);

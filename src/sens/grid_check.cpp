@@ -2,12 +2,14 @@
 #include "sens/grid_check.hpp"
 
 #include <algorithm>
+#include <cfloat>
 #include <cmath>
 #include <cstddef>
 #include <limits>
 #include <vector>
 
 #include "base/hpsort.hpp"
+#include "model/mesh.hpp"
 
 namespace quolvent {
 
@@ -38,22 +40,35 @@ bool uniform_widths(const std::vector<double>& nodes, int32_t m, double& mean) {
 }
 
 // whole_multiple: the spacing is a whole number of cells, only the excess
-// above the integer part counting. No spacing (NaN) passes.
-bool whole_multiple(double spacing, double cell) {
+// above the integer part counting. No spacing (NaN) passes. Coordinates of
+// magnitude mag carry rounding errors of about mag times the machine epsilon,
+// which can leave a whole multiple a hair short of its integer: a shortfall
+// within a few such errors counts as the whole multiple, so that a survey
+// takes the same loop at any scale and map origin.
+bool whole_multiple(double spacing, double cell, double mag) {
   if (std::isnan(spacing)) return true;
   const double r = spacing / cell;
+  const double rounding = 64.0 * DBL_EPSILON * r * (1.0 + mag / cell);
+  if (std::ceil(r) - r <= rounding) return true;
   return !exceeds(r - std::trunc(r));
+}
+
+// magnitude: the largest absolute value among a[0..n-1].
+double magnitude(const std::vector<double>& a, int32_t n) {
+  double m = 0.0;
+  for (int32_t i = 0; i < n; ++i) m = std::max(m, std::fabs(a[static_cast<std::size_t>(i)]));
+  return m;
 }
 
 }  // namespace
 
-void spacing_stats(const double* a, int32_t n, double& spacing, double& spread) {
+void spacing_stats(const double* a, int32_t n, double same, double& spacing, double& spread) {
   // Distinct values, each compared with the values as first listed.
   std::vector<double> list;
   for (int32_t i = 0; i < n; ++i) {
     bool seen = false;
     for (double v : list) {
-      if (std::fabs(a[i] - v) <= grid_same_coord) {
+      if (std::fabs(a[i] - v) <= same) {
         seen = true;
         break;
       }
@@ -118,16 +133,18 @@ grid_survey grid_check(const mesh_model& mesh, const obs_set& obs, datum_kind da
   if (!uniform_widths(mesh.yn, ny, g.cell_dy)) return g;
   if (!uniform_widths(mesh.xn, nx, g.cell_dx)) return g;
 
-  // 6. Regular spacing of the data along y and x.
+  // 6. Regular spacing of the data along y and x; grid lines told apart in
+  // proportion to the cells, so that a scaled survey takes the same loop.
+  const double same = grid_same_coord * mesh_length_scale(mesh);
   double sp_y = 0.0, spr_y = 0.0, sp_x = 0.0, spr_x = 0.0;
-  spacing_stats(obs.obs_y.data(), nd, sp_y, spr_y);
+  spacing_stats(obs.obs_y.data(), nd, same, sp_y, spr_y);
   if (exceeds(spr_y)) return g;
-  spacing_stats(obs.obs_x.data(), nd, sp_x, spr_x);
+  spacing_stats(obs.obs_x.data(), nd, same, sp_x, spr_x);
   if (exceeds(spr_x)) return g;
 
   // 7. The spacing a whole number of cells.
-  if (!whole_multiple(sp_y, g.cell_dy)) return g;
-  if (!whole_multiple(sp_x, g.cell_dx)) return g;
+  if (!whole_multiple(sp_y, g.cell_dy, magnitude(obs.obs_y, nd))) return g;
+  if (!whole_multiple(sp_x, g.cell_dx, magnitude(obs.obs_x, nd))) return g;
 
   // 8. The reference datum: nearest the mesh centre, the first of equals.
   const double yc = mesh.yn[static_cast<std::size_t>(ny / 2)];

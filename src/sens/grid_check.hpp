@@ -11,8 +11,8 @@ namespace quolvent {
 
 // Relative tolerance of every test of grid_check.
 inline constexpr double grid_rel_tol = 0.01;
-// Two coordinates closer than this (0.001 taken at 32-bit precision) are one
-// grid line.
+// Two coordinates closer than this (0.001 taken at 32-bit precision) times the
+// mesh's length scale (mesh_length_scale) are one grid line.
 inline constexpr double grid_same_coord = static_cast<double>(0.001f);
 
 // grid_survey: the outcome of the regular survey test. When regular, the
@@ -33,13 +33,14 @@ struct grid_survey {
 grid_survey grid_check(const mesh_model& mesh, const obs_set& obs, datum_kind data_kind);
 
 // spacing_stats
-// Given: a[0..n-1], one coordinate of all data.
+// Given: a[0..n-1], one coordinate of all data; same, the distance within
+//   which two values are one line (grid_same_coord times the length scale).
 // Returns: spacing, the mean gap between the distinct values (values within
-//   grid_same_coord of one already listed are the same line), and spread,
+//   same of one already listed are the same line), and spread,
 //   (largest gap - smallest gap) / spacing. With fewer than two distinct
 //   values there is no gap: both are NaN, and the caller must treat them as
 //   passing and never use them as numbers.
 // Fails: never.
-void spacing_stats(const double* a, int32_t n, double& spacing, double& spread);
+void spacing_stats(const double* a, int32_t n, double same, double& spacing, double& spread);
 
 }  // namespace quolvent

@@ -16,22 +16,22 @@ namespace {
 
 constexpr double four_pi = 12.566370614359172;
 
-// The guard distance: squared distance from the point's line along an axis to
-// a cell edge parallel to it, below which the logarithm has no value.
-constexpr double edge_sq = 1e-6;
-
-// cache_view: a cache as plain pointers and strides.
+// cache_view: a cache as plain pointers and strides, with the guard distance:
+// the squared distance from the point's line along an axis to a cell edge
+// parallel to it, below which the logarithm has no value.
 struct cache_view {
   const double* r;
   const double* ax;
   const double* ay;
   std::size_t sx;  // stride of the x index
   std::size_t sy;  // stride of the y index
+  double edge_sq;
 };
 
-cache_view view_of(const arctangent_cache& c) {
+cache_view view_of(const arctangent_cache& c, double edge_sq) {
   const std::size_t sx = static_cast<std::size_t>(c.ez);
-  return {c.r_node.data(), c.at_x.data(), c.at_y.data(), sx, sx * static_cast<std::size_t>(c.ex)};
+  return {c.r_node.data(), c.at_x.data(), c.at_y.data(),
+          sx,              sx * static_cast<std::size_t>(c.ex), edge_sq};
 }
 
 // gsus_prepare: the prism formula of one cell up to its logarithms: the
@@ -52,6 +52,7 @@ inline bool gsus_prepare(const cache_view& cv, axis_side sy, axis_side sx, axis_
   const double* r = cv.r;
   const double R111 = r[b111], R112 = r[b112], R121 = r[b121], R122 = r[b122];
   const double R211 = r[b211], R212 = r[b212], R221 = r[b221], R222 = r[b222];
+  const double edge_sq = cv.edge_sq;
 
   // The point on the node (2, 2, 2) of this cell: every other cell around that
   // node is caught by the guard below, and this one has no value either.
@@ -109,8 +110,8 @@ inline bool gsus_prepare(const cache_view& cv, axis_side sy, axis_side sx, axis_
   double Q1 = ax[b111] - ax[b112] + ax[b212] - ax[b211];
   double Q2 = ax[b122] - ax[b121] - ax[b222] + ax[b221];
 
-  // A plane at offset 0 was cached as if at +0.001; it stands for the side
-  // of the plane the cell's value needs.
+  // A plane at offset 0 was cached as if at +zero_offset; it stands for the
+  // side of the plane the cell's value needs.
   const bool inside =
       sy == axis_side::across && sx == axis_side::across && sz == axis_side::across;
   if (y1 == 0.0 && !inside) P1 = -P1;
@@ -143,10 +144,20 @@ void edge_message(const run_log& out, int32_t idat, int32_t i, int32_t j, int32_
 
 }  // namespace
 
-row_workspace make_row_workspace(const dir_products& d) {
+double on_node(double v, const double* nodes, int32_t m, double tol) {
+  if (!(tol > 0.0) || m < 0) return v;
+  const double* end = nodes + static_cast<std::size_t>(m) + 1;
+  const double* above = std::lower_bound(nodes, end, v);
+  if (above != end && *above - v <= tol) return *above;
+  if (above != nodes && v - *(above - 1) <= tol) return *(above - 1);
+  return v;
+}
+
+row_workspace make_row_workspace(const dir_products& d, double length_scale) {
   row_workspace ws;
   ws.dir = d;
   ws.math_width = machine_vector_width();
+  ws.length_scale = length_scale;
   return ws;
 }
 
@@ -161,9 +172,16 @@ void sens_row(row_workspace& ws, double geomag, const double* yn, const double* 
               int32_t idat, double oy, double ox, double oz, double* g, std::size_t glen,
               const run_log& out) {
   const double scale = geomag / four_pi;
+  // A point on a node plane up to the rounding of its coordinates is on it:
+  // offsets of exactly 0 there, so that the plane's side rules hold.
+  const double tol = plane_tolerance(ws.length_scale);
+  oy = on_node(oy, yn, ny, tol);
+  ox = on_node(ox, xn, nx, tol);
+  oz = on_node(oz, zn, nz, tol);
   arctangent_cache& c = ws.cache;
-  CALC_ARCTANGENTS(c, ws.math_width, yn, xn, zn, ny, nx, nz, top, oy, ox, oz);
-  const cache_view cv = view_of(c);
+  CALC_ARCTANGENTS(c, ws.math_width, zero_offset(ws.length_scale), yn, xn, zn, ny, nx, nz, top,
+                   oy, ox, oz);
+  const cache_view cv = view_of(c, edge_guard_sq(ws.length_scale));
   const dir_products d = ws.dir;
   double* q = c.col_q.data();
   double* s = c.col_s.data();

@@ -12,17 +12,44 @@
 namespace quolvent {
 
 // row_workspace: what one thread needs to compute rows: the direction
-// products of its current datum, the arctangent cache, and the widest vector
-// width its arctangents and logarithms may use. Made inside each parallel
-// region, one per thread.
+// products of its current datum, the arctangent cache, the widest vector
+// width its arctangents and logarithms may use, and the length scale of the
+// model's mesh (mesh_length_scale), which the geometric tolerances of the
+// prism formula are measured in. Made inside each parallel region, one per
+// thread.
 struct row_workspace {
   dir_products dir;
   arctangent_cache cache;
   int math_width = 4;
+  double length_scale = 1.0;
 };
 
-// make_row_workspace: a workspace for directions d, at the machine's width.
-row_workspace make_row_workspace(const dir_products& d);
+// make_row_workspace: a workspace for directions d and the model mesh's length
+// scale, at the machine's width. A row over another mesh (the extended mesh
+// of the regular-grid loop) keeps the model's scale, so that both loops
+// treat a point near an edge alike.
+row_workspace make_row_workspace(const dir_products& d, double length_scale);
+
+// The prism formula's two tolerances on a mesh of length scale s: the
+// squared distance from a cell edge below which a logarithm has no value,
+// and the offset a plane exactly at the point is taken at. With s = 1 they
+// are 1e-6 and 0.001 in file units.
+inline double edge_guard_sq(double s) { return 1e-6 * (s * s); }
+inline double zero_offset(double s) { return 0.001 * s; }
+
+// plane_tolerance: how near a node plane an observation point counts as on
+// it in the prism formula, on a mesh of length scale s: 1e-6 s (as for the
+// data split) below width 1, where coordinates written on a plane may miss the
+// summed node by a rounding error; none from width 1 up, where the formula
+// has always taken the point as it stands.
+inline double plane_tolerance(double s) { return s < 1.0 ? 1e-6 * s : 0.0; }
+
+// on_node
+//   Given:   a position v, the ascending nodes[0..m], a tolerance tol.
+//   Returns: the node nearest above or below v when it lies within tol of v
+//            (the one above first), else v itself.
+//   Fails:   never.
+double on_node(double v, const double* nodes, int32_t m, double tol);
 
 // axis_side: where the two planes of a cell along one axis lie from the
 // observation point. Each side has its own form of the logarithm term, chosen
@@ -42,11 +69,14 @@ axis_side axis_flag(double a, double b);
 //            depths) and column tops top[(j-1) + (i-1)*ny]; the datum idat
 //            (1-based, for the edge message) at the observation point (oy, ox,
 //            oz) (northing, easting, depth below the mesh top); out, the log.
+//            A coordinate within plane_tolerance of the workspace's length
+//            scale of a node is taken on that node.
 //   Returns: g[0..glen-1] filled in the order y, x, z, cells k = top+1..nz of
 //            each column: the integral over each cell of the dipole kernel
 //            for the workspace's directions, times geomag / (4 pi).
-//   Fails:   a cell where the point lies within 0.001 of the line through a
-//            cell edge of an axis whose flag is 0, on a node of the cell, or
+//   Fails:   a cell where the point lies within 0.001 times the workspace's
+//            length scale of the line through a cell edge of an axis whose
+//            flag is 0 (edge_guard_sq), on a node of the cell, or
 //            whose value is not finite gets 0 and a message in the log; a walk
 //            that doesn't fill exactly glen entries stops with "indx /= size(g)".
 void sens_row(row_workspace& ws, double geomag, const double* yn, const double* xn,

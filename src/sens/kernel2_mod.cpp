@@ -9,6 +9,7 @@
 #include <stdexcept>
 
 #include "base/stop.hpp"
+#include "model/mesh.hpp"
 #include "sens/gsus_mod.hpp"
 #include "sens/gsus_no_atan_mod.hpp"
 #include "sens/kernel_mod.hpp"
@@ -183,13 +184,14 @@ void KERNEL2(const survey& s, const grid_survey& grid, row_sink& sink,
   begin_rows(sink, n, ndata, "kernel2", out);
   const double test_model = sink.test_model();
 
-  // The reference row over the extended mesh, on this thread alone.
+  // The reference row over the extended mesh, on this thread alone, with the
+  // tolerances of the model's mesh: the rows must be those KERNEL would give.
   const std::size_t r = static_cast<std::size_t>(ref_datum) - 1;
   const double oy = obs.obs_y[r];
   const double ox = obs.obs_x[r];
   const double oz = mesh.z0 - obs.obs_z[r];
   {
-    row_workspace ws = make_row_workspace(survey_directions(obs));
+    row_workspace ws = make_row_workspace(survey_directions(obs), mesh_length_scale(mesh));
     sens_row(ws, obs.geomag, yn2.data(), xn2.data(), mesh.zn.data(), ny2, nx2, nz, top2.data(),
              ref_datum, oy, ox, oz, gbig.data(), gbig.size(), out);
   }
@@ -209,6 +211,7 @@ void KERNEL2(const survey& s, const grid_survey& grid, row_sink& sink,
     for (int32_t i = 0; i < ndata; ++i) {
       if (loop.latch.stopped()) continue;
       loop.latch.run([&] {
+        out.check_interrupt();
         const std::size_t id = static_cast<std::size_t>(i);
         // The sub-block of this datum: a datum north of the reference
         // reads the cube further south.

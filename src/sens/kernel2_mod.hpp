@@ -24,6 +24,7 @@ namespace quolvent {
 //   "kernel2 g" for a thread's row; "indx /= size(g)" when top_index and n
 //   disagree. An extended mesh of 2^31 cells or more, or arguments that give
 //   no usable shift, send the run through KERNEL, with a line in the log.
+//   An interrupt at a row's checkpoint (out.check_interrupt) ends the loop.
 void KERNEL2(const survey& s, const grid_survey& grid, row_sink& sink,
              std::vector<double>& sens_sq, std::vector<double>& sens_avg, const run_log& out);
 

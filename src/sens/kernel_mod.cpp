@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "base/stop.hpp"
+#include "model/mesh.hpp"
 #include "sens/gsus_mod.hpp"
 #include "sens/gsus_no_atan_mod.hpp"
 
@@ -76,6 +77,7 @@ void KERNEL(const survey& s, row_sink& sink, std::vector<double>& sens_sq,
 
   row_loop loop(out, ndata);
   const dir_products master = survey_directions(obs);
+  const double length_scale = mesh_length_scale(mesh);
   const double* yn = mesh.yn.data();
   const double* xn = mesh.xn.data();
   const double* zn = mesh.zn.data();
@@ -87,7 +89,7 @@ void KERNEL(const survey& s, row_sink& sink, std::vector<double>& sens_sq,
 
 #pragma omp parallel shared(loop, sens_avg, sens_sq)
   {
-    row_workspace ws = make_row_workspace(master);
+    row_workspace ws = make_row_workspace(master, length_scale);
     // The row and the private sums live on the heap, whatever the row length.
     thread_rows t;
     loop.latch.run([&] { begin_thread_rows(sink, n, "kernel g", "kernel", t); });
@@ -96,6 +98,7 @@ void KERNEL(const survey& s, row_sink& sink, std::vector<double>& sens_sq,
     for (int32_t i = 1; i <= ndata; ++i) {
       if (loop.latch.stopped()) continue;
       loop.latch.run([&] {
+        out.check_interrupt();
         const std::size_t d = static_cast<std::size_t>(i - 1);
         double* g = t.g.data();
         const double oy = obs.obs_y[d], ox = obs.obs_x[d], oz = z0 - obs.obs_z[d];

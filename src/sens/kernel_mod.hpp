@@ -24,7 +24,8 @@ namespace quolvent {
 //            (row / wtz)^2. The screen shows the progress line.
 //   Fails:   "kernel g" / "kernel" when a thread's row or its sums can't be
 //            had; arguments that don't fit the rows stop with a text; the
-//            stops of sens_row and of the sink. A stop on any thread ends the
+//            stops of sens_row and of the sink; an interrupt at a row's
+//            checkpoint (out.check_interrupt). A stop on any thread ends the
 //            loop on every thread and leaves it once, after the loop.
 void KERNEL(const survey& s, row_sink& sink, std::vector<double>& sens_sq,
             std::vector<double>& sens_avg, const run_log& out);

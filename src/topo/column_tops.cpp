@@ -2,10 +2,30 @@
 #include "topo/column_tops.hpp"
 
 #include <algorithm>
+#include <cfloat>
 #include <cmath>
-
+#include <functional>
 
 namespace quolvent {
+
+namespace {
+
+// on_boundary: zmin, or the boundary of elev (falling) it lies within tol of.
+double on_boundary(double zmin, const std::vector<double>& elev, double tol) {
+  // The first boundary at or below zmin, and the one above it.
+  const auto below = std::lower_bound(elev.begin(), elev.end(), zmin, std::greater<double>());
+  if (below != elev.end() && zmin - *below <= tol) return *below;
+  if (below != elev.begin() && *(below - 1) - zmin <= tol) return *(below - 1);
+  return zmin;
+}
+
+}  // namespace
+
+double boundary_tolerance(const std::vector<double>& elev) {
+  if (elev.empty()) return 0.0;
+  const double m = std::max(std::fabs(elev.front()), std::fabs(elev.back()));
+  return 32.0 * DBL_EPSILON * m;
+}
 
 std::vector<int32_t> column_tops(const std::vector<double>& surf, int32_t ny, int32_t nx, int32_t nz,
                                  const std::vector<double>& zn, double z0) {
@@ -18,6 +38,9 @@ std::vector<int32_t> column_tops(const std::vector<double>& surf, int32_t ny, in
   // Layer boundary elevations, falling with k.
   std::vector<double> elev(static_cast<std::size_t>(nzc) + 1);
   for (std::size_t k = 0; k < elev.size(); ++k) elev[k] = z0 - zn[k];
+  // A flat ground on a boundary, sampled or summed a rounding error off it,
+  // is on it.
+  const double tol = boundary_tolerance(elev);
 
   for (std::size_t ix = 1; ix <= nxc; ++ix) {
     for (std::size_t iy = 1; iy <= nyc; ++iy) {
@@ -32,6 +55,7 @@ std::vector<int32_t> column_tops(const std::vector<double>& surf, int32_t ny, in
           if (s < zmin) zmin = s;
         }
       }
+      if (any) zmin = on_boundary(zmin, elev, tol);
       int32_t t = 0;
       if (!any || zmin >= elev[0]) {
         t = 0;

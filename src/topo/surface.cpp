@@ -188,6 +188,13 @@ void eval_surface(int32_t n, double px, double py, std::span<const double> tx,
       status = surface_status::no_triangle;
       return;
     }
+    // A flat triangle is flat: its elevation as it stands, not a weighted sum
+    // that rounding may put a hair below a layer boundary.
+    if (z1 == z2 && z2 == z3) {
+      pz = z1;
+      status = surface_status::inside;
+      return;
+    }
     // Barycentric weights, each from differences taken at a vertex.
     const double w1 = ((x3 - x2) * (py - y2) - (y3 - y2) * (px - x2)) / det;
     const double w2 = ((x1 - x3) * (py - y1) - (y1 - y3) * (px - x1)) / det;
@@ -221,7 +228,8 @@ void eval_surface(int32_t n, double px, double py, std::span<const double> tx,
     }
     if ((px - x2) * (x1 - x2) + (py - y2) * (y1 - y2) > 0.0) {
       const double t = dp / ((x2 - x1) * (x2 - x1) + (y2 - y1) * (y2 - y1));
-      pz = t * Z(n2) + (1.0 - t) * Z(n1);
+      // An arc with one elevation at both ends gives that elevation exactly.
+      pz = Z(n1) == Z(n2) ? Z(n1) : t * Z(n2) + (1.0 - t) * Z(n1);
       status = surface_status::outside;
       return;
     }

@@ -45,7 +45,8 @@ void find_triangle(int32_t nst, double px, double py, std::span<const double> tx
 //   Given:   n nodes with values tz, their triangulation, the point (px, py),
 //            the search start ist (in and out).
 //   Returns: pz and status: inside, linear in its triangle; outside (or on a
-//            hull arc), the value at the nearest hull point. On
+//            hull arc), the value at the nearest hull point. A triangle or
+//            hull arc whose corners have one value gives exactly that value. On
 //            success ist becomes a node of the triangle or arc found, so that
 //            the next search starts nearby.
 //   Fails:   by status alone, never stops the run: unusable for n < 3 or ist

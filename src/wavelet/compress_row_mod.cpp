@@ -33,8 +33,8 @@ void ALLOC_WORK(const compression& c, compress_workspace& ws) {
 
 void DEALLOC_WORK(compress_workspace& ws) { std::vector<double>().swap(ws.work); }
 
-void COMPRESS_ROW(const compression& c, const active_cells& cells, const double* row, int32_t n,
-                  compressed_row& rec, int64_t& nnz, datum_kind kind, compress_workspace& ws) {
+double COMPRESS_ROW(const compression& c, const active_cells& cells, const double* row, int32_t n,
+                    compressed_row& rec, int64_t& nnz, datum_kind kind, compress_workspace& ws) {
   std::vector<float>().swap(rec.val);
   std::vector<int32_t>().swap(rec.idx);
   // A workspace that skipped ALLOC_WORK gets its cube here rather than
@@ -56,17 +56,33 @@ void COMPRESS_ROW(const compression& c, const active_cells& cells, const double*
   } catch (const std::bad_alloc&) {
     store_full();
   }
+  // The copy pass also sums the energy of the row's error: the transform is
+  // orthogonal, so what the record leaves out of the coefficients is the
+  // error of the cube it gives back (of which the row's own cells see at
+  // most all). Scaled by the largest coefficient so that no square
+  // overflows or flushes to zero.
+  const double scale = (m > 0.0) ? 1.0 / m : 0.0;
+  double energy = 0.0, lost = 0.0;
   int64_t i = 0;
   for (int64_t p = 0; p < ncube; ++p) {
+    const double v = w[p] * scale;
+    energy += v * v;
     if (std::fabs(w[p]) >= t) {
-      if (i >= count) break;
-      rec.idx[i] = static_cast<int32_t>(p + 1);
-      rec.val[i] = static_cast<float>(w[p]);
+      if (i < count) {
+        rec.idx[i] = static_cast<int32_t>(p + 1);
+        rec.val[i] = static_cast<float>(w[p]);
+        const double r = (w[p] - static_cast<double>(rec.val[i])) * scale;
+        lost += r * r;
+      }
       ++i;
+    } else {
+      lost += v * v;
     }
   }
   if (i != count) stop_text("i /= nnz");
   nnz += count;
+  // An all-zero row is stored exactly.
+  return (energy == 0.0) ? 0.0 : std::sqrt(lost / energy);
 }
 
 std::vector<double> transform_test_model(const compression& c, const active_cells& cells,
@@ -101,7 +117,7 @@ double dot_compressed(const std::vector<double>& test_model_w, const compressed_
 }
 
 void report_compression(int32_t n, int32_t ndata, int64_t nnz, const double* data_full,
-                        const double* data_comp, const run_log& out) {
+                        const double* data_comp, const double* row_err, const run_log& out) {
   out.say_log("");
   out.say_log("");
   out.say_log(fmt_right("Number of non-zeros:", 30) + fmt_int(nnz, 10));
@@ -126,6 +142,18 @@ void report_compression(int32_t n, int32_t ndata, int64_t nnz, const double* dat
     const double mean = (used > 0) ? sum / static_cast<double>(used) : 0.0;
     out.say_log(fmt_right("achieved relative error:", 30) + fmt_sci(mean, 12, 4));
     if (used < ndata) out.say_log(fmt_right("zero-response data left out:", 30) + fmt_int(ndata - used, 10));
+  }
+  if (row_err != nullptr) {
+    // Every row counts here, one of zeros with its error of 0. Summed in
+    // datum order, so that the thread count changes nothing; a NaN shows.
+    double sum = 0.0, worst = 0.0;
+    for (int32_t i = 0; i < ndata; ++i) {
+      sum += row_err[i];
+      if (!(row_err[i] <= worst)) worst = row_err[i];
+    }
+    const double mean = (ndata > 0) ? sum / static_cast<double>(ndata) : 0.0;
+    out.say_log(fmt_right("mean relative row error:", 30) + fmt_sci(mean, 12, 4));
+    out.say_log(fmt_right("max relative row error:", 30) + fmt_sci(worst, 12, 4));
   }
   out.say_log("");
   if (out.log() != nullptr) std::fflush(out.log());

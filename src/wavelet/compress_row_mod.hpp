@@ -35,11 +35,13 @@ void DEALLOC_WORK(compress_workspace& ws);
 //   coefficient whose magnitude reaches the relative threshold of its kind
 //   (wctol_borehole for a borehole datum, else wctol_surface) times the row's
 //   largest, rounded to 32 bits; its count is added to nnz. The row is not
-//   changed.
+//   changed. The result is the relative error of the stored row: the square
+//   root of the energy of the dropped coefficients and of the rounding of the
+//   kept ones over the energy of the row (0 for a row of zeros).
 // Fails: no memory for the record: message and stop; the two passes
 //   disagreeing: "i /= nnz".
-void COMPRESS_ROW(const compression& c, const active_cells& cells, const double* row, int32_t n,
-                  compressed_row& rec, int64_t& nnz, datum_kind kind, compress_workspace& ws);
+double COMPRESS_ROW(const compression& c, const active_cells& cells, const double* row, int32_t n,
+                    compressed_row& rec, int64_t& nnz, datum_kind kind, compress_workspace& ws);
 
 // kept_count
 // Given: a cube of count values and an absolute threshold t.
@@ -61,13 +63,15 @@ std::vector<double> transform_test_model(const compression& c, const active_cell
 double dot_compressed(const std::vector<double>& test_model_w, const compressed_row& rec);
 
 // report_compression
-// Given: the row length, ndata, the total kept count, and data_full and
-//   data_comp (ndata each, or both nullptr); the run's log.
+// Given: the row length, ndata, the total kept count; data_full and
+//   data_comp (ndata each, or both nullptr); row_err, the relative error of
+//   each stored row from COMPRESS_ROW (ndata, or nullptr); the run's log.
 // Returns: the report in the log. A datum whose exact response is 0 is left
-//   out of the mean error and counted on a line of its own; with nothing kept
+//   out of the mean error of the test model's data and counted on a line of
+//   its own; the mean and the largest row error follow; with nothing kept
 //   the ratio says so.
 // Fails: never.
 void report_compression(int32_t n, int32_t ndata, int64_t nnz, const double* data_full,
-                        const double* data_comp, const run_log& out);
+                        const double* data_comp, const double* row_err, const run_log& out);
 
 }  // namespace quolvent

@@ -29,6 +29,9 @@ struct compression {
   int32_t nyp = 0, nxp = 0, nzp = 0;  // padded extents (0 when none)
   int64_t ncube = 0;                  // nyp * nxp * nzp
   double wctol_surface = 0.0, wctol_borehole = 0.0;  // relative thresholds
+  // Coefficients the sample row of each kind keeps at its threshold (the
+  // expected count per row of that kind); -1 where no estimate was made.
+  int64_t kept_surface = -1, kept_borehole = -1;
 };
 
 // compressed_row: the kept wavelet coefficients of one row: val (rounded to

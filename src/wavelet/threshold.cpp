@@ -54,7 +54,7 @@ int32_t sample_datum(const mesh_model& mesh, const obs_set& obs,
 }  // namespace
 
 double wctol(const compression& c, const active_cells& cells, const double* row, int32_t n,
-             double eps, const run_log& out) {
+             double eps, const run_log& out, int64_t* kept_count) {
   const int64_t ncube = c.ncube;
   const std::size_t nc = static_cast<std::size_t>(ncube);
   std::vector<double> y;
@@ -119,6 +119,7 @@ double wctol(const compression& c, const active_cells& cells, const double* row,
   int64_t kept = 0;
   for (std::size_t i = nc; i > 0 && y[i - 1] >= thr; --i) ++kept;
   const double result = std::sqrt(thr);
+  if (kept_count) *kept_count = kept;
 
   out.report_log({"", fmt_right("At the relative  accuracy of:", 30) + fmt_sci(eps, 12, 4),
               fmt_right("Estimated relative threshold:", 30) + fmt_sci(result, 12, 4),
@@ -129,7 +130,7 @@ double wctol(const compression& c, const active_cells& cells, const double* row,
 
 void estimate_thresholds(const compression& c, const survey& s, const std::string& eps_line,
                          const sample_row_fn& sample_row, const run_log& out, double& surface,
-                         double& borehole) {
+                         double& borehole, int64_t* kept_surface, int64_t* kept_borehole) {
   int32_t itol = 0;
   double eps = std::numeric_limits<double>::quiet_NaN();
   if (is_null_name(eps_line)) {
@@ -164,7 +165,8 @@ void estimate_thresholds(const compression& c, const survey& s, const std::strin
                                                     : "    Sensitivity of borehole data:"});
     sample_row(idat, row);
     for (std::size_t i = 0; i < row.size(); ++i) row[i] /= s.wtz[i];
-    const double t = wctol(c, s.cells, row.data(), n, eps, out);
+    const double t = wctol(c, s.cells, row.data(), n, eps, out,
+                           kind == datum_kind::surface ? kept_surface : kept_borehole);
     if (kind == datum_kind::surface) {
       surface = t;
     } else {
@@ -182,7 +184,8 @@ compression setup_compression(const survey& s, const std::string& wavelet,
   c.compressed = c.ncof >= 1;
   if (c.compressed) {
     c.flt = set_filters(c.filter, c.ncof);
-    estimate_thresholds(c, s, eps_line, sample_row, out, c.wctol_surface, c.wctol_borehole);
+    estimate_thresholds(c, s, eps_line, sample_row, out, c.wctol_surface, c.wctol_borehole,
+                        &c.kept_surface, &c.kept_borehole);
   }
   return c;
 }

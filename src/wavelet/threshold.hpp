@@ -46,12 +46,15 @@ matrix_store make_matrix_store(const compression& c, int32_t n, int32_t ndata);
 //   each kind that has data gets the estimate of its sample row (the datum of
 //   that kind nearest the mesh centre, divided by the weighting), and a kind
 //   without data keeps its value. Writes a block to the log per estimate.
+//   kept_surface / kept_borehole, when given, get the count of coefficients
+//   each estimate's sample row keeps (left alone where none is made).
 // Fails: an unreadable field (no eps included), an itol other than 1 or 2, an
 //   eps of 0 or below with itol 1, and the stops of wctol; each with its
 //   message and a stop.
 void estimate_thresholds(const compression& c, const survey& s, const std::string& eps_line,
                          const sample_row_fn& sample_row, const run_log& out,
-                         double& wctol_surface, double& wctol_borehole);
+                         double& wctol_surface, double& wctol_borehole,
+                         int64_t* kept_surface = nullptr, int64_t* kept_borehole = nullptr);
 
 // wctol
 // Given: the compression record (filters and padded extents set) and the
@@ -63,10 +66,12 @@ void estimate_thresholds(const compression& c, const survey& s, const std::strin
 //   Where the interpolation has no slope (no energy below a point, or a flat
 //   curve) the threshold is that of the largest point known to meet eps. The
 //   threshold is at most 1, so the largest coefficient is always kept.
+//   kept, when given, gets the count of the row's coefficients the threshold
+//   keeps (the n over the predicted compression ratio).
 // Fails: the accuracy is out of reach already at the first point, or eps is
 //   not above 0: log message and stop. A row without any finite nonzero
 //   value: message and stop. No memory: the allocation stop "wctol".
 double wctol(const compression& c, const active_cells& cells, const double* row, int32_t n,
-             double eps, const run_log& out);
+             double eps, const run_log& out, int64_t* kept = nullptr);
 
 }  // namespace quolvent

@@ -54,6 +54,7 @@ void UNCOMPRESSG(const compression& c, const active_cells& cells, const matrix_s
     for (int32_t i = 1; i <= ndata; ++i) {
       if (latch.stopped()) continue;
       latch.run([&] {
+        out.check_interrupt();
         const compressed_row& rec = g_compressed[static_cast<std::size_t>(i - 1)];
         std::fill(cube.begin(), cube.end(), 0.0);
         const std::size_t m = std::min(rec.idx.size(), rec.val.size());

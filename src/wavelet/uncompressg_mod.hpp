@@ -19,7 +19,8 @@ namespace quolvent {
 //   "Uncompressing ..." and the progress line on the screen.
 // Fails: no memory for a thread's cube or row: the allocation stop
 //   "uncompressG"; a position outside the cube stops with a text. A stop on
-//   any thread ends the loop and leaves it once.
+//   any thread ends the loop and leaves it once; so does an interrupt at a
+//   row's checkpoint (out.check_interrupt).
 void UNCOMPRESSG(const compression& c, const active_cells& cells, const matrix_store& store,
                  int32_t n, int32_t ndata, const std::vector<double>& wtz,
                  std::vector<double>& sens_avg, const run_log& out);

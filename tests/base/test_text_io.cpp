@@ -1,6 +1,7 @@
 // Free-format reading, line reading and the stops.
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <functional>
 #include <vector>
 
@@ -113,6 +114,11 @@ TEST(Stops, EachKindCarriesItsReportForScreenLogAndErrorStream) {
       {[] { stop_report_log({"a", "b"}); }, "", "a\nb\n", "", 0},
       {[] { stop_text("i /= nnz"); }, "", "", "i /= nnz", 0},
       {[] { platform_failure("cannot write x"); }, "", "", "quolvent: cannot write x", 1},
+      {[] { cannot_write("x.mtx", ENOSPC); },
+       "\nERROR: cannot write x.mtx: No space left on device\n"
+       "       (an earlier x.mtx, if any, is left as it was)\n\n",
+       "\nERROR: cannot write x.mtx: No space left on device\n"
+       "       (an earlier x.mtx, if any, is left as it was)\n\n", "", 1},
       {[] { stop_plain(); }, "", "", "", 0},
   };
   for (const auto& k : cases) {

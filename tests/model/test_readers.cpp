@@ -134,7 +134,8 @@ classified classify(const std::vector<std::array<double, 3>>& xyz) {
   for (const auto& p : xyz) qt::add_datum(obs, p[0], p[1], p[2]);
   classified c;
   c.r = run("", [&](const run_log& out) {
-    const data_split split = classify_data(mesh, obs, {2, 2, 0, 0, 4, 1}, out);
+    const data_split split =
+        classify_data(mesh, mesh_length_scale(mesh), obs, {2, 2, 0, 0, 4, 1}, out);
     for (datum_kind k : split.obs_type) c.type.push_back(static_cast<int32_t>(k));
     c.kind = split.data_kind;
   });

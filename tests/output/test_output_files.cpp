@@ -2,13 +2,18 @@
 // whole file read back by the tests' own reader; the text files line by line.
 #include <gtest/gtest.h>
 
+#include <csignal>
+#include <filesystem>
 #include <string>
+#include <sys/resource.h>
+#include <sys/stat.h>
 #include <vector>
 
 #include "model/model.hpp"
 #include "output/diagnostic_files.hpp"
 #include "output/matrix_file.hpp"
 #include "output/output_file.hpp"
+#include "output/output_room.hpp"
 #include "support/matrix_reader.hpp"
 #include "support/test_support.hpp"
 #include "wavelet/compression.hpp"
@@ -67,6 +72,94 @@ TEST(MatrixFile, ChainedCompressedFileReadsBack) {
     EXPECT_EQ(recs[6 + g.idx.size() / 3], i32(g.idx.size()) + bytes(g.idx) + bytes(g.val));
   EXPECT_EQ(recs[9], bytes(sq));
   EXPECT_EQ(rd.parts[5], 30);  // 292 bytes in frames of 10
+  // The size known ahead of the rows is the file's, frames and all.
+  const row_payload_fn kept = [&](int32_t i) {
+    return compressed_row_payload(static_cast<int64_t>(store.g_compressed[i].idx.size()));
+  };
+  EXPECT_EQ(matrix_file_bytes(s, c, kept, 10), static_cast<int64_t>(rd.bytes.size()));
+  write_matrix("one_frame.mtx", s, c, store, 1, sq, cap.out);
+  EXPECT_EQ(matrix_file_bytes(s, c, kept), static_cast<int64_t>(file_bytes("one_frame.mtx").size()));
+}
+
+// The exact size of an uncompressed file, ahead of its rows, in frames of
+// every record's size and of 7 bytes, against the files written.
+TEST(MatrixFile, UncompressedSizeIsKnownAhead) {
+  qt::scratch_dir dir;
+  dir.cd();
+  qt::capture cap;
+  obs_set obs = qt::field(90, 0, 90, 0);
+  for (int i = 0; i < 5; ++i) qt::add_datum(obs, 5.0 * i, 3.0, 1.0);
+  const survey s = qt::make_survey(qt::uniform_mesh(3, 2, 4, 5, 5, 5), obs, {2, 0, 1, 4, 0, 3});
+  const compression c;  // no wavelet
+  for (int64_t limit : {int64_t{7}, subrecord_limit}) {
+    matrix_store store;
+    store.g_full.assign(static_cast<std::size_t>(s.n) * 5, 0.5f);
+    write_matrix("u.mtx", s, c, store, 1, std::vector<double>(s.n, 1.0), cap.out, limit);
+    const int64_t row = uncompressed_row_payload(s.n);
+    EXPECT_EQ(matrix_file_bytes(s, c, [row](int32_t) { return row; }, limit),
+              static_cast<int64_t>(file_bytes("u.mtx").size()))
+        << limit;
+  }
+  EXPECT_EQ(predicted_matrix_bytes(s, c), static_cast<int64_t>(file_bytes("u.mtx").size()));
+}
+
+// An output replaces a file of its name only when closed; a stop that
+// unwinds before (the object dies unclosed) or a write that fails (a file
+// size limit here) leaves the earlier file as it was, and no temporary file
+// in either case. The earlier file's permissions carry over.
+TEST(OutputFile, ReplacesWholeOrNotAtAll) {
+  const struct {
+    const char* what;
+    bool close;
+    rlim_t size_limit;  // RLIM_INFINITY: none
+    bool replaced;
+  } cases[] = {
+      {"closed", true, RLIM_INFINITY, true},
+      {"unwound before close", false, RLIM_INFINITY, false},
+      {"past the file size limit", true, 4096, false},
+  };
+  for (const auto& k : cases) {
+    qt::scratch_dir dir;
+    dir.cd();
+    qt::write_file("out.txt", "earlier\n");
+    ::chmod("out.txt", 0640);
+    rlimit saved{};
+    getrlimit(RLIMIT_FSIZE, &saved);
+    const auto xfsz = std::signal(SIGXFSZ, SIG_IGN);
+    const rlimit lowered{k.size_limit, saved.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &lowered);
+    int status = -1;
+    std::string report;
+    try {
+      output_file f("out.txt", "w");
+      for (int i = 0; i < 1000; ++i) f.line("a line of this run's output");
+      if (k.close) f.close();
+    } catch (const stop& s) {
+      status = s.status;
+      report = s.screen_lines.at(1);
+    }
+    setrlimit(RLIMIT_FSIZE, &saved);
+    std::signal(SIGXFSZ, xfsz);
+    EXPECT_EQ(qt::read_file("out.txt") != "earlier\n", k.replaced) << k.what;
+    std::vector<std::string> names;
+    for (const auto& e : std::filesystem::directory_iterator(dir.path))
+      names.push_back(e.path().filename().string());
+    EXPECT_EQ(names, std::vector<std::string>{"out.txt"}) << k.what;
+    struct stat st {};
+    ::stat("out.txt", &st);
+    EXPECT_EQ(st.st_mode & 0777, 0640u) << k.what;
+    if (k.size_limit != RLIM_INFINITY) {
+      EXPECT_EQ(status, 1);
+      EXPECT_EQ(report, "ERROR: cannot write out.txt: File too large");
+    }
+  }
+  // A directory that isn't there: refused when probed, before anything is written.
+  try {
+    output_file::probe("no/such/dir/out.txt");
+    ADD_FAILURE() << "no stop";
+  } catch (const stop& s) {
+    EXPECT_EQ(s.screen_lines.at(1), "ERROR: cannot write no/such/dir/out.txt: No such file or directory");
+  }
 }
 
 // Columns in file order (iy outermost) with tops 0, 1, 3 and 2 of 3 cells,

@@ -99,7 +99,7 @@ TEST(ExampleRun, UncompressedRowsMatchTheRowKernel) {
   EXPECT_EQ(recs[5].size(), 4u + 8u * n);
   EXPECT_EQ(recs.back().size(), 8u * n);
 
-  row_workspace ws = make_row_workspace(survey_directions(obs));
+  row_workspace ws = make_row_workspace(survey_directions(obs), mesh_length_scale(mesh));
   std::vector<double> g(n);
   for (int32_t i : {1, 200, 401, 403}) {
     sens_row(ws, obs.geomag, mesh.yn.data(), mesh.xn.data(), mesh.zn.data(), mesh.ny, mesh.nx,

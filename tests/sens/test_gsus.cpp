@@ -91,11 +91,11 @@ double one_cell(quolvent::row_workspace& ws, const vec& lo, const vec& hi, const
 }
 
 // workspace: a thread's workspace for the field (fi, fd) and the measured
-// direction (ai, ad).
+// direction (ai, ad), on meshes with no width below 1 (length scale 1).
 quolvent::row_workspace workspace(double fi, double fd, double ai, double ad) {
   quolvent::dir_products d;
   quolvent::SET_G_VALUES(fi, fd, ai, ad, d);
-  return quolvent::make_row_workspace(d);
+  return quolvent::make_row_workspace(d, 1.0);
 }
 
 }  // namespace

@@ -18,6 +18,7 @@
 
 #include "base/progress.hpp"
 #include "base/stop.hpp"
+#include "model/mesh.hpp"
 #include "model/model.hpp"
 #include "run/row_store.hpp"
 #include "sens/grid_check.hpp"
@@ -63,7 +64,7 @@ std::vector<double> row_of(const survey& s, int32_t i, const run_log& out) {
   dir_products dir = survey_directions(s.obs);
   if (s.obs.idir == 0)
     SET_G_VALUES(s.obs.incl, s.obs.decl, s.obs.obs_aincl[d], s.obs.obs_adecl[d], dir);
-  row_workspace ws = make_row_workspace(dir);
+  row_workspace ws = make_row_workspace(dir, mesh_length_scale(s.mesh));
   std::vector<double> g(static_cast<std::size_t>(s.n));
   sens_row(ws, s.obs.geomag, s.mesh.yn.data(), s.mesh.xn.data(), s.mesh.zn.data(), s.mesh.ny,
            s.mesh.nx, s.mesh.nz, s.top_index.data(), i, s.obs.obs_y[d], s.obs.obs_x[d],
@@ -100,7 +101,7 @@ result run(const survey& s, int threads, const grid_survey* grid = nullptr,
   grid ? KERNEL2(s, *grid, sink, r.sq, r.avg, cap.out) : KERNEL(s, sink, r.sq, r.avg, cap.out);
   if (c.compressed)
     report_compression(s.n, s.obs.ndata, sink.nnz(), sink.data_full().data(),
-                       sink.data_comp().data(), cap.out);
+                       sink.data_comp().data(), sink.row_error().data(), cap.out);
   r.rows.assign(store.g_full.begin(), store.g_full.end());
   r.recs = store.g_compressed, r.screen = cap.screen(), r.log = cap.log();
   return r;

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "model/active_cells.hpp"
+#include "model/mesh.hpp"
 #include "model/observations.hpp"
 
 namespace qt {
@@ -54,11 +55,32 @@ std::vector<std::string> read_lines(const std::string& path) {
 }
 
 program_run run_program(const std::string& dir, const std::vector<std::string>& args) {
+  return start_program(dir, args).wait();
+}
+
+std::string child_program::screen() const { return read_file(dir + "/.screen.txt"); }
+
+program_run child_program::wait() {
   program_run r;
+  const std::string out = dir + "/.screen.txt";
+  const std::string err = dir + "/.errors.txt";
+  int st = 0;
+  waitpid(pid, &st, 0);
+  r.status = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+  r.screen = read_file(out);
+  r.errors = read_file(err);
+  std::remove(out.c_str());
+  std::remove(err.c_str());
+  return r;
+}
+
+child_program start_program(const std::string& dir, const std::vector<std::string>& args,
+                            const std::function<void()>& before) {
   const std::string out = dir + "/.screen.txt";
   const std::string err = dir + "/.errors.txt";
   const pid_t pid = fork();
   if (pid == 0) {
+    if (before) before();
     if (chdir(dir.c_str()) != 0) _exit(127);
     if (!freopen(out.c_str(), "w", stdout)) _exit(127);
     if (!freopen(err.c_str(), "w", stderr)) _exit(127);
@@ -71,14 +93,7 @@ program_run run_program(const std::string& dir, const std::vector<std::string>& 
     execv(exe.c_str(), argv.data());
     _exit(127);
   }
-  int st = 0;
-  waitpid(pid, &st, 0);
-  r.status = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
-  r.screen = read_file(out);
-  r.errors = read_file(err);
-  std::remove(out.c_str());
-  std::remove(err.c_str());
-  return r;
+  return child_program{static_cast<int>(pid), dir};
 }
 
 capture::capture() : out(std::tmpfile()), screen_f(out.screen()), log_f(std::tmpfile()) {
@@ -178,7 +193,8 @@ quolvent::survey make_survey(const quolvent::mesh_model& mesh, const quolvent::o
   s.top_index = std::move(top_index);
   const quolvent::run_log quiet(nullptr);
   s.cells = quolvent::get_active_cells("null", s.mesh, s.top_index, quiet);
-  quolvent::data_split split = quolvent::classify_data(s.mesh, s.obs, s.top_index, quiet);
+  quolvent::data_split split = quolvent::classify_data(
+      s.mesh, quolvent::mesh_length_scale(s.mesh), s.obs, s.top_index, quiet);
   s.obs_type = std::move(split.obs_type);
   s.data_kind = split.data_kind;
   s.n = s.cells.nbelow;

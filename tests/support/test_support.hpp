@@ -42,6 +42,19 @@ struct program_run {
 // run_program: runs the built program with args in directory dir.
 program_run run_program(const std::string& dir, const std::vector<std::string>& args);
 
+// child_program: the built program running in dir, its screen and error
+// stream going to files there, for a test that acts on it while it runs.
+struct child_program {
+  int pid = -1;
+  std::string dir;
+  std::string screen() const;  // what the screen has got so far
+  program_run wait();          // waits for the end; a death by signal N reads 128 + N
+};
+// start_program: as run_program, without waiting; before runs in the child
+// first (limits, signal dispositions, environment).
+child_program start_program(const std::string& dir, const std::vector<std::string>& args,
+                            const std::function<void()>& before = {});
+
 // capture: a run's log whose screen and log go to memory. out is what the
 // routines under test are handed; a stop they throw is delivered with
 // deliver(), as the program's entry would.

@@ -144,12 +144,14 @@ TEST(TopoReader, CornerNodesTakeTheNearestPointsElevation) {
 
 TEST(ColumnTops, TiesOnBoundariesAndTheLowestOfNineSamples) {
   // One column, three layers of 10 m under a top at 100: boundaries 100, 90,
-  // 80 and 70. A ground on a boundary takes the layer above it.
+  // 80 and 70. A ground on a boundary, or a rounding error below it, takes the
+  // layer above it; 1e-11 below it is in the layer beneath.
   const double nan = NAN, inf = INFINITY;
   auto below = [](double z) { return std::nextafter(z, 0.0); };
   const std::vector<std::pair<double, int32_t>> cases{
-      {150, 0}, {100, 0}, {below(100), 1}, {90, 1},  {below(90), 2}, {85, 2},  {80, 2},
-      {70, 3},  {below(70), 3}, {-1e300, 3}, {nan, 0}, {inf, 0},       {-inf, 3}};
+      {150, 0},         {100, 0},         {below(100), 0}, {100 - 1e-11, 1}, {90, 1},
+      {below(90), 1},   {90 - 1e-11, 2},  {85, 2},         {80, 2},          {70, 3},
+      {below(70), 3},   {-1e300, 3},      {nan, 0},        {inf, 0},         {-inf, 3}};
   // All nine alike; then one of them, the others higher or not a number.
   for (int at = -1; at < 9; ++at)
     for (double other : {200.0, nan})

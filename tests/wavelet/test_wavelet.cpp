@@ -7,6 +7,7 @@
 #include <numeric>
 
 #include "model/active_cells.hpp"
+#include "model/mesh.hpp"
 #include "model/model.hpp"
 #include "sens/gsus_mod.hpp"
 #include "sens/gsus_no_atan_mod.hpp"
@@ -240,7 +241,7 @@ TEST(SetupCompression, SurveyReachesTheAccuracyAndThePredictedRatio) {
   const int32_t n = s.n;
   ASSERT_EQ(n, static_cast<int32_t>(wtz.size()));
   const run_log quiet(nullptr);
-  row_workspace ws = make_row_workspace(survey_directions(obs));
+  row_workspace ws = make_row_workspace(survey_directions(obs), mesh_length_scale(mesh));
   auto row_of = [&](int32_t i, std::vector<double>& g) {
     sens_row(ws, obs.geomag, mesh.yn.data(), mesh.xn.data(), mesh.zn.data(), mesh.ny, mesh.nx, mesh.nz,
              s.top_index.data(), i, obs.obs_y[i - 1], obs.obs_x[i - 1], mesh.z0 - obs.obs_z[i - 1], g.data(),
@@ -343,20 +344,112 @@ TEST(CompressRow, ThresholdZeroKeepsTheRowsAndTheAverage) {
   }
 }
 
+// The row error COMPRESS_ROW returns. On extents of 4 and less the
+// coefficients are the row: values a float holds exactly make the dropped
+// energy a plain count; values it does not hold give the rounding alone.
+TEST(CompressRow, RowErrorOfKnownCoefficients) {
+  cube_case k = cube_of(4, 2, 3, "daub2");  // 24 cells in a cube of 32
+  const int32_t n = k.n();
+  std::vector<double> quarters(n, 0.25), zero(n, 0.0), thirds(n);
+  quarters[5] = -2.0, quarters[7] = 1.0;  // energy 4 + 1 + 22 / 16 = 6.375
+  double rounding = 0.0, energy = 0.0;
+  for (int32_t i = 0; i < n; ++i) {
+    thirds[i] = (i + 1) / 3.0;
+    const double r = thirds[i] - static_cast<float>(thirds[i]);
+    rounding += r * r, energy += thirds[i] * thirds[i];
+  }
+  ASSERT_GT(rounding, 0.0);
+  const struct {
+    const char* name;
+    const std::vector<double>& row;
+    double wctol, error;
+  } cases[] = {
+      {"threshold 0: every coefficient kept, 32-bit rounding only", thirds, 0.0,
+       std::sqrt(rounding / energy)},
+      {"threshold 0, exact in 32 bits", quarters, 0.0, 0.0},
+      {"threshold 0.5: -2 and 1 kept, the 22 quarters dropped", quarters, 0.5,
+       std::sqrt(1.375 / 6.375)},
+      {"threshold 1: the largest alone", quarters, 1.0, std::sqrt(2.375 / 6.375)},
+      {"threshold above 1: nothing kept", quarters, 1.5, 1.0},
+      {"a row of zeros is stored exactly", zero, 0.5, 0.0},
+  };
+  compress_workspace ws;
+  for (const auto& c : cases) {
+    k.c.wctol_surface = c.wctol;
+    compressed_row rec;
+    int64_t nnz = 0;
+    const double got = COMPRESS_ROW(k.c, k.cells, c.row.data(), n, rec, nnz, datum_kind::surface, ws);
+    EXPECT_NEAR(got, c.error, 1e-14) << c.name;
+  }
+}
+
+// Through the filters: where the cells fill the cube the row error is the
+// error of the decompressed row (Parseval, as far as the filters' 11 to 12
+// decimals keep them orthogonal); padding and air cells take part of the
+// error the row never sees, so there it is only a bound.
+TEST(CompressRow, RowErrorAgainstTheDecompressedRow) {
+  std::vector<int32_t> top(6 * 7, 0);
+  top[1] = 1, top[3] = 2, top[6] = 5, top[16] = 3, top[41] = 4;
+  const struct {
+    int nx, ny, nz;
+    const char* wavelet;
+    std::vector<int32_t> top;
+    bool fills;  // the cells fill the cube
+  } cases[] = {{8, 8, 8, "daub3", {}, true}, {16, 4, 8, "symm5", {}, true}, {7, 6, 5, "daub2", top, false}};
+  for (const auto& c : cases) {
+    cube_case k = cube_of(c.nx, c.ny, c.nz, c.wavelet, c.top);
+    const int32_t n = k.n();
+    std::vector<double> row(n);
+    for (int32_t i = 0; i < n; ++i) row[i] = 1.0 / (1.0 + 0.01 * i) + 0.05 * std::sin(0.7 * i * i);
+    double energy = 0.0;
+    for (double v : row) energy += v * v;
+    compress_workspace ws;
+    for (double t : {0.0, 1e-3, 0.03, 0.3}) {
+      SCOPED_TRACE(testing::Message() << c.wavelet << " " << c.nx << " threshold " << t);
+      k.c.wctol_borehole = t;
+      compressed_row rec;
+      int64_t nnz = 0;
+      const double got = COMPRESS_ROW(k.c, k.cells, row.data(), n, rec, nnz, datum_kind::borehole, ws);
+      const std::vector<double> back = decompress(k.c, k.cells, rec, n);
+      double lost = 0.0;
+      for (int32_t i = 0; i < n; ++i) lost += (back[i] - row[i]) * (back[i] - row[i]);
+      const double seen = std::sqrt(lost / energy);
+      if (c.fills) {
+        EXPECT_NEAR(got, seen, 1e-6 * got + 1e-10);
+      } else {
+        EXPECT_LE(seen, got * (1 + 1e-6) + 1e-10);
+      }
+      if (t > 0.0) EXPECT_GT(got, 1e-6);
+    }
+  }
+}
+
 TEST(ReportCompression, LogLines) {
   const double full[3] = {2.0, -4.0, 1.0}, comp[3] = {2.2, -4.0, 1.05};
   const double zfull[3] = {0.0, 2.0, 0.0}, zcomp[3] = {1.0, 2.5, 0.0};
   const std::string nnz = "\n\n          Number of non-zeros:", ratio = "\n          Compression   ratio:";
-  const struct { int32_t n, ndata; int64_t nnz; const double *full, *comp; std::string log; } cases[] = {
-      {100, 4, 40, nullptr, nullptr, nnz + "        40" + ratio + "  1.0000E+01\n\n\n"},
-      {7, 3, 9, full, comp,
-       nnz + "         9" + ratio + "  2.3333E+00\n\n      achieved relative error:  5.0000E-02\n\n"},
-      // A datum of zero response has no relative error: left out, and counted.
-      {7, 3, 0, zfull, zcomp, nnz + "         0" + ratio + "   no coefficient kept\n\n"
-       "      achieved relative error:  2.5000E-01\n  zero-response data left out:         2\n\n"}};
+  // Row errors: mean and largest over every row, a row of zeros (error 0) included.
+  const double rows[3] = {0.03, 0.0, 0.0525}, none[3] = {0.0, 0.0, 0.0};
+  const std::string row_lines = "      mean relative row error:  2.7500E-02\n       max relative row error:  5.2500E-02\n";
+  const struct {
+    int32_t n, ndata;
+    int64_t nnz;
+    const double *full, *comp, *rows;
+    std::string log;
+  } cases[] = {
+      {100, 4, 40, nullptr, nullptr, nullptr, nnz + "        40" + ratio + "  1.0000E+01\n\n\n"},
+      {7, 3, 9, full, comp, rows,
+       nnz + "         9" + ratio + "  2.3333E+00\n\n      achieved relative error:  5.0000E-02\n" + row_lines + "\n"},
+      // A datum of zero response has no relative error: left out, and counted
+      // right below the error it is left out of.
+      {7, 3, 0, zfull, zcomp, rows, nnz + "         0" + ratio + "   no coefficient kept\n\n"
+       "      achieved relative error:  2.5000E-01\n  zero-response data left out:         2\n" + row_lines + "\n"},
+      {7, 3, 0, zfull, zcomp, none, nnz + "         0" + ratio + "   no coefficient kept\n\n"
+       "      achieved relative error:  2.5000E-01\n  zero-response data left out:         2\n"
+       "      mean relative row error:  0.0000E+00\n       max relative row error:  0.0000E+00\n\n"}};
   for (const auto& c : cases) {
     qt::capture cap;
-    report_compression(c.n, c.ndata, c.nnz, c.full, c.comp, cap.out);
+    report_compression(c.n, c.ndata, c.nnz, c.full, c.comp, c.rows, cap.out);
     EXPECT_EQ(cap.log(), c.log) << c.nnz;
     EXPECT_EQ(cap.screen(), "") << c.nnz;
   }
