@@ -10,6 +10,11 @@ packages=(
   ninja-build
   libgtest-dev
   libbenchmark-dev
+  pybind11-dev
+  python3-pybind11
+  python3-numpy
+  python3-matplotlib
+  python3-pytest
 )
 
 missing=()

@@ -50,13 +50,13 @@ std::string timer_line(const std::string& label, double s) {
          fmt_int0(q, 2) + "." + fmt_int0(c, 2);
 }
 
-void phase_clock::phase_timer(const std::string& label, int mode, std::FILE* unit,
-                              std::FILE* log) {
+double phase_clock::phase_timer(const std::string& label, int mode, std::FILE* unit,
+                                std::FILE* log) {
   const double t = local_seconds();
   if (mode == 0) {
     t_start = t;
     t_last = t;
-    return;
+    return 0.0;
   }
   double s = 0.0;
   if (mode == 1) s = t - t_last;
@@ -66,6 +66,7 @@ void phase_clock::phase_timer(const std::string& label, int mode, std::FILE* uni
   if (log) put_line(log, line);
   if (unit) std::fflush(unit);
   t_last = t;
+  return s >= 0.0 ? s : 0.0;
 }
 
 void print_banner(const std::string& name, std::FILE* target) {

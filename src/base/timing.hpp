@@ -16,8 +16,9 @@ struct phase_clock {
   // modes 0. The line ("      init cpu time:   0:01:23.25") goes to `unit`,
   // then to `log` when that is not nullptr. The time is wall-clock time of
   // the local calendar.
+  // Returns: the span shown (0 for mode 0).
   // Fails: never.
-  void phase_timer(const std::string& label, int mode, std::FILE* unit, std::FILE* log);
+  double phase_timer(const std::string& label, int mode, std::FILE* unit, std::FILE* log);
 };
 
 // print_banner: the thread count, the too-many-threads warning and the

@@ -42,9 +42,19 @@ namespace {
 constexpr const char* program_name = "quolvent";
 constexpr std::size_t field_width = 500;
 
-// set_denormals_to_zero: denormal results are flushed to zero and denormal
-// operands count as zero on this thread (the row loops gain nothing from them).
-void set_denormals_to_zero() { _mm_setcsr(_mm_getcsr() | 0x8040); }
+// denormals_to_zero: for the run, denormal results are flushed to zero and
+// denormal operands count as zero on this thread (the row loops gain nothing
+// from them); the thread's own setting is back when the run ends.
+class denormals_to_zero {
+ public:
+  denormals_to_zero() : saved_(_mm_getcsr()) { _mm_setcsr(saved_ | 0x8040); }
+  denormals_to_zero(const denormals_to_zero&) = delete;
+  denormals_to_zero& operator=(const denormals_to_zero&) = delete;
+  ~denormals_to_zero() { _mm_setcsr(saved_); }
+
+ private:
+  unsigned int saved_;
+};
 
 // thread_count_from: nThreads of the second argument, or 0 when it can't be
 // parsed; 0 and below leave the runtime's default.
@@ -128,12 +138,26 @@ survey read_survey(const run_params& params, const run_log& out) {
   return s;
 }
 
+// output_path: an output's name in the run's output directory.
+std::string output_path(const run_options& options, const std::string& name) {
+  if (options.outdir.empty()) return name;
+  return options.outdir.back() == '/' ? options.outdir + name : options.outdir + "/" + name;
+}
+
 // run_pipeline: steps 13 to 33, from the mesh to the uncompress stage.
-void run_pipeline(const run_params& params, phase_clock& clock, run_log& out) {
+void run_pipeline(const run_params& params, phase_clock& clock, run_log& out,
+                  const run_options& options, run_summary& sum) {
+  auto timed = [&](const char* label) {
+    sum.phase_seconds.emplace_back(label, clock.phase_timer(label, 1, out.screen(), out.log()));
+  };
   // init: the model, the data, the ground and the weighting.
   const survey s = read_survey(params, out);
   const grid_survey grid = grid_check(s.mesh, s.obs, s.data_kind);
-  clock.phase_timer("init", 1, out.screen(), out.log());
+  sum.ndata = s.obs.ndata;
+  for (datum_kind k : s.obs_type) (k == datum_kind::borehole ? sum.nborehole : sum.nsurface) += 1;
+  sum.ncells = s.cells.ncell_total;
+  sum.nbelow = s.n;
+  timed("init");
   out.flush();
   out.enter_phase("sens");
 
@@ -154,7 +178,10 @@ void run_pipeline(const run_params& params, phase_clock& clock, run_log& out) {
   const compression c = setup_compression(s, params.wavelet, params.eps_line, sample_row, out);
   DEALLOC_AT(sample_ws.cache);
   // Before the first row: a run whose outputs can't be written stops now.
-  check_output_room(s, c, "dulmarok.mtx", out);
+  sum.compressed = c.compressed;
+  sum.wctol_surface = c.wctol_surface;
+  sum.wctol_borehole = c.wctol_borehole;
+  check_output_room(s, c, output_path(options, "dulmarok.mtx"), out);
   matrix_store store = make_matrix_store(c, s.n, s.obs.ndata);
   {
     store_sink sink(s, c, store);
@@ -163,39 +190,49 @@ void run_pipeline(const run_params& params, phase_clock& clock, run_log& out) {
     } else {
       KERNEL(s, sink, sens_sq, sens_avg, out);
     }
+    sum.nnz = int64_t{s.n} * s.obs.ndata;
     if (c.compressed) {
-      report_compression(s.n, s.obs.ndata, sink.nnz(), sink.data_full().data(),
-                         sink.data_comp().data(), sink.row_error().data(), out);
+      const compression_figures fig =
+          report_compression(s.n, s.obs.ndata, sink.nnz(), sink.data_full().data(),
+                             sink.data_comp().data(), sink.row_error().data(), out);
+      sum.nnz = sink.nnz();
+      sum.compression_ratio = fig.ratio;
+      sum.achieved_error = fig.achieved_error;
+      sum.row_error_mean = fig.row_error_mean;
+      sum.row_error_max = fig.row_error_max;
       if (params.diag_flag) {
-        write_data_file("data_notcompressed.txt", s.obs, sink.data_full());
-        write_data_file("data_compressed.txt", s.obs, sink.data_comp());
+        write_data_file(output_path(options, "data_notcompressed.txt"), s.obs, sink.data_full());
+        write_data_file(output_path(options, "data_compressed.txt"), s.obs, sink.data_comp());
       }
     }
   }
-  clock.phase_timer("sens", 1, out.screen(), out.log());
+  timed("sens");
   out.enter_phase("writing");
-  write_sensitivity_model(sens_avg, s.mesh, s.top_index, "sensitivity.txt");
-  write_matrix("dulmarok.mtx", s, c, store, 1, sens_sq, out);
+  write_sensitivity_model(sens_avg, s.mesh, s.top_index, output_path(options, "sensitivity.txt"));
+  write_matrix(output_path(options, "dulmarok.mtx"), s, c, store, 1, sens_sq, out);
   std::vector<double>().swap(sens_sq);
 
   // uncompress: what the compressed rows make of the average sensitivity.
   if (c.compressed && params.diag_flag) {
     out.enter_phase("uncompress");
     UNCOMPRESSG(c, s.cells, store, s.n, s.obs.ndata, s.wtz, sens_avg, out);
-    write_sensitivity_model(sens_avg, s.mesh, s.top_index, "sensitivity_compressed.txt");
-    clock.phase_timer("uncompress", 1, out.screen(), out.log());
+    write_sensitivity_model(sens_avg, s.mesh, s.top_index,
+                            output_path(options, "sensitivity_compressed.txt"));
+    timed("uncompress");
   }
 }
 
 }  // namespace
 
-void sens3d(int argc, char** argv, run_log& out) {
+void sens3d(int argc, char** argv, run_log& out, const run_options& options) {
+  run_summary scratch;
+  run_summary& sum = options.summary ? *options.summary : scratch;
   const int nargs = argc - 1;
 
   // Set-up: floating-point control, affinity and threads, before any
   // parallel region starts.
-  set_denormals_to_zero();
-  setenv("KMP_AFFINITY", "scatter", 1);
+  const denormals_to_zero flush;
+  if (options.set_affinity) setenv("KMP_AFFINITY", "scatter", 1);
   const thread_count_scope threads(nargs == 2 ? thread_count_from(argv[2]) : 0);
   phase_clock clock;
   clock.phase_timer("start", 0, out.screen(), nullptr);
@@ -207,25 +244,40 @@ void sens3d(int argc, char** argv, run_log& out) {
   std::string input_name(argv[1]);
   if (input_name.size() > field_width) input_name.resize(field_width);
 
-  out.open_log("quolvent.log");
+  out.open_log(output_path(options, "quolvent.log"));
   print_banner("QUOLVENT", out.log());
   const run_params params = read_control_file(input_name, out);
   print_timestamp("QUOLVENT started on: ", out.log());
   print_parameters(params, input_name, out);
   try {
-    run_pipeline(params, clock, out);
+    sum.wavelet = params.wavelet;
+    run_pipeline(params, clock, out, options, sum);
   } catch (const std::bad_alloc&) {
     // An allocation without a report of its own: say so plainly and stop.
     stop_report({"", "ERROR: not enough memory for this run.", ""});
   }
 
-  clock.phase_timer("TOTAL", -1, out.screen(), out.log());
+  sum.phase_seconds.emplace_back("TOTAL", clock.phase_timer("TOTAL", -1, out.screen(), out.log()));
   print_timestamp("QUOLVENT ended on: ", out.log());
   out.close_log();
-  std::fflush(out.screen());
+  if (out.screen()) std::fflush(out.screen());
+  sum.complete = true;
 }
 
-int run_command_line(int argc, char** argv, std::FILE* screen) {
+namespace {
+
+// report_text: a stop's report as the screen shows it, then its error text.
+std::string report_text(const stop& s) {
+  std::string text;
+  for (const auto& l : s.screen_lines.empty() ? s.log_lines : s.screen_lines) text += l + "\n";
+  if (!s.error_text.empty()) text += s.error_text + "\n";
+  const std::size_t first = text.find_first_not_of('\n');
+  return first == std::string::npos ? std::string() : text.substr(first);
+}
+
+}  // namespace
+
+int run_command_line(int argc, char** argv, std::FILE* screen, const run_options& options) {
   // SIGINT, SIGTERM and SIGHUP become a stop at the run's next checkpoint,
   // which removes what is half written. Made before any worker thread starts,
   // so that the workers hold them back too; the mask is the caller's again
@@ -235,21 +287,22 @@ int run_command_line(int argc, char** argv, std::FILE* screen) {
   out.watch_interrupts(&watch);
   int status = 0;
   try {
-    sens3d(argc, argv, out);
+    sens3d(argc, argv, out, options);
   } catch (const stop& s) {
     out.deliver(s);
     status = s.status;
+    if (options.summary) options.summary->report = report_text(s);
   } catch (const std::bad_alloc&) {
     // Before the pipeline, or while a stop was being made.
-    out.deliver([] {
-      stop s;
-      s.screen_lines = {"", "ERROR: not enough memory for this run.", ""};
-      s.log_lines = s.screen_lines;
-      return s;
-    }());
+    stop s;
+    s.screen_lines = {"", "ERROR: not enough memory for this run.", ""};
+    s.log_lines = s.screen_lines;
+    out.deliver(s);
+    if (options.summary) options.summary->report = report_text(s);
   }
   out.close_log();
-  std::fflush(screen);
+  if (screen) std::fflush(screen);
+  if (options.summary) options.summary->status = status;
   return status;
 }
 

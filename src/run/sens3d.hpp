@@ -1,24 +1,57 @@
 // The run driver: one fixed pipeline from the command line to the matrix file.
 #pragma once
 
+#include <cstdint>
 #include <cstdio>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "base/channels.hpp"
 
 namespace quolvent {
 
+// run_summary: what a run found and made, for a caller that embeds it.
+struct run_summary {
+  int status = 0;             // the exit status the program would give
+  std::string report;         // a stop's report (screen lines, error text); empty after a complete run
+  bool complete = false;      // every output written
+  int32_t ndata = 0, nsurface = 0, nborehole = 0;
+  int64_t ncells = 0;         // nx * ny * nz
+  int32_t nbelow = 0;         // cells below the ground: the row length
+  std::string wavelet;        // the wavelet field of the control file
+  bool compressed = false;
+  double wctol_surface = 0.0, wctol_borehole = 0.0;
+  int64_t nnz = 0;            // kept coefficients (n * ndata uncompressed)
+  double compression_ratio = 0.0, achieved_error = 0.0;
+  double row_error_mean = 0.0, row_error_max = 0.0;
+  std::vector<std::pair<std::string, double>> phase_seconds;  // "init", "sens", ..., "TOTAL"
+};
+
+// run_options: where a run's outputs go (the log included; empty: the
+// current directory), and where its summary goes (nullptr: nowhere).
+// A program sets its own thread affinity; a caller that embeds runs in a
+// process of its own may keep the runtime from binding its threads.
+struct run_options {
+  std::string outdir;
+  run_summary* summary = nullptr;
+  bool set_affinity = true;
+};
+
 // sens3d
 //   Given:   the command line (argc, argv: the control file and an optional
 //            thread count); the run's log, whose screen is where the run's
-//            screen goes. Files are read and written as the command line
-//            names them, the outputs in the current directory.
+//            screen goes (nullptr: nowhere); the options. Files are read as
+//            the command line names them, the outputs written in the
+//            options' directory.
 //   Returns: after a complete run: every output written, the log closed.
 //   Fails:   every failure is a stop (an exception carrying its report);
 //            run_command_line delivers it.
-void sens3d(int argc, char** argv, run_log& out);
+void sens3d(int argc, char** argv, run_log& out, const run_options& options = {});
 
 // run_command_line
-//   Given:   the command line; the stream the run calls its screen.
+//   Given:   the command line; the stream the run calls its screen (nullptr:
+//            nowhere); the options.
 //   Returns: the exit status of the program: 0 after a complete run and after
 //            every reported stop on its input, 1 when an output can't be
 //            written (or the log created), 128 + N when signal N (SIGINT,
@@ -27,6 +60,7 @@ void sens3d(int argc, char** argv, run_log& out);
 //            is closed; unfinished outputs are removed and earlier files of
 //            their names left as they were. Nothing is left open or held, and
 //            the calling thread's signal mask is its own again.
-int run_command_line(int argc, char** argv, std::FILE* screen = stdout);
+int run_command_line(int argc, char** argv, std::FILE* screen = stdout,
+                     const run_options& options = {});
 
 }  // namespace quolvent

@@ -116,14 +116,17 @@ double dot_compressed(const std::vector<double>& test_model_w, const compressed_
   return s;
 }
 
-void report_compression(int32_t n, int32_t ndata, int64_t nnz, const double* data_full,
-                        const double* data_comp, const double* row_err, const run_log& out) {
+compression_figures report_compression(int32_t n, int32_t ndata, int64_t nnz,
+                                       const double* data_full, const double* data_comp,
+                                       const double* row_err, const run_log& out) {
+  compression_figures fig;
   out.say_log("");
   out.say_log("");
   out.say_log(fmt_right("Number of non-zeros:", 30) + fmt_int(nnz, 10));
   if (nnz > 0) {
     const double ratio = static_cast<double>(n) * static_cast<double>(ndata) / static_cast<double>(nnz);
     out.say_log(fmt_right("Compression   ratio:", 30) + fmt_sci(ratio, 12, 4));
+    fig.ratio = ratio;
   } else {
     // Every coefficient dropped: the ratio has no value to show.
     out.say_log(fmt_right("Compression   ratio:", 30) + "   no coefficient kept");
@@ -141,6 +144,7 @@ void report_compression(int32_t n, int32_t ndata, int64_t nnz, const double* dat
     }
     const double mean = (used > 0) ? sum / static_cast<double>(used) : 0.0;
     out.say_log(fmt_right("achieved relative error:", 30) + fmt_sci(mean, 12, 4));
+    fig.achieved_error = mean;
     if (used < ndata) out.say_log(fmt_right("zero-response data left out:", 30) + fmt_int(ndata - used, 10));
   }
   if (row_err != nullptr) {
@@ -154,9 +158,12 @@ void report_compression(int32_t n, int32_t ndata, int64_t nnz, const double* dat
     const double mean = (ndata > 0) ? sum / static_cast<double>(ndata) : 0.0;
     out.say_log(fmt_right("mean relative row error:", 30) + fmt_sci(mean, 12, 4));
     out.say_log(fmt_right("max relative row error:", 30) + fmt_sci(worst, 12, 4));
+    fig.row_error_mean = mean;
+    fig.row_error_max = worst;
   }
   out.say_log("");
   if (out.log() != nullptr) std::fflush(out.log());
+  return fig;
 }
 
 }  // namespace quolvent

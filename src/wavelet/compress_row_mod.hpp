@@ -66,12 +66,19 @@ double dot_compressed(const std::vector<double>& test_model_w, const compressed_
 // Given: the row length, ndata, the total kept count; data_full and
 //   data_comp (ndata each, or both nullptr); row_err, the relative error of
 //   each stored row from COMPRESS_ROW (ndata, or nullptr); the run's log.
-// Returns: the report in the log. A datum whose exact response is 0 is left
+// Returns: the report in the log, and its numbers. A datum whose exact response is 0 is left
 //   out of the mean error of the test model's data and counted on a line of
 //   its own; the mean and the largest row error follow; with nothing kept
 //   the ratio says so.
 // Fails: never.
-void report_compression(int32_t n, int32_t ndata, int64_t nnz, const double* data_full,
-                        const double* data_comp, const double* row_err, const run_log& out);
+// compression_figures: the numbers of the report (0 where it has none).
+struct compression_figures {
+  double ratio = 0.0;           // n * ndata / nnz
+  double achieved_error = 0.0;  // mean relative error of the test model's data
+  double row_error_mean = 0.0, row_error_max = 0.0;
+};
+compression_figures report_compression(int32_t n, int32_t ndata, int64_t nnz,
+                                       const double* data_full, const double* data_comp,
+                                       const double* row_err, const run_log& out);
 
 }  // namespace quolvent

@@ -1,0 +1,194 @@
+// The Python module's native part: runs and matrix files through the
+// program's own code.
+#include <pybind11/numpy.h>
+#include <pybind11/pybind11.h>
+#include <pybind11/stl.h>
+
+#include <cmath>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "base/channels.hpp"
+#include "output/matrix_reader.hpp"
+#include "run/sens3d.hpp"
+#include "wavelet/wavelet_filters.hpp"
+
+namespace py = pybind11;
+using quolvent::stored_matrix;
+
+namespace {
+
+using py_vector = py::array_t<double, py::array::c_style | py::array::forcecast>;
+
+template <typename T>
+py::array_t<T> to_array(const std::vector<T>& v) {
+  py::array_t<T> a(static_cast<py::ssize_t>(v.size()));
+  std::copy(v.begin(), v.end(), a.mutable_data());
+  return a;
+}
+
+// released: f() with the interpreter free for other threads meanwhile, its
+// vector as an array.
+template <typename F>
+py::array_t<double> released(F f) {
+  std::vector<double> v;
+  {
+    py::gil_scoped_release free;
+    v = f();
+  }
+  return to_array(v);
+}
+
+std::vector<double> to_vector(const py_vector& a,
+                              std::size_t expected, const char* what) {
+  if (a.ndim() != 1 || static_cast<std::size_t>(a.shape(0)) != expected)
+    throw py::value_error(std::string(what) + " must be a 1-D array of " + std::to_string(expected) +
+                          " values");
+  return std::vector<double>(a.data(), a.data() + expected);
+}
+
+// to_grid: a value per cell below the ground as (nz, ny, nx), NaN above it.
+py::array_t<double> to_grid(const stored_matrix& m, const py_vector& values) {
+  const auto& c = m.contents();
+  const std::vector<double> v = to_vector(values, static_cast<std::size_t>(c.n), "values");
+  const py::ssize_t nz = c.mesh.nz, ny = c.mesh.ny, nx = c.mesh.nx;
+  py::array_t<double> grid({nz, ny, nx});
+  auto g = grid.mutable_unchecked<3>();
+  const auto& map = m.cells().active_map;
+  std::size_t p = 0;
+  for (py::ssize_t iy = 0; iy < ny; ++iy)
+    for (py::ssize_t ix = 0; ix < nx; ++ix)
+      for (py::ssize_t iz = 0; iz < nz; ++iz, ++p) {
+        const int32_t place = map[p];
+        g(iz, iy, ix) = place > 0 ? v[static_cast<std::size_t>(place - 1)]
+                                  : std::numeric_limits<double>::quiet_NaN();
+      }
+  return grid;
+}
+
+// wavelet_name: the name of the wavelet whose filter the file holds: the
+// program's filters are written as they are made, so they compare exactly.
+std::string wavelet_name(const stored_matrix& m) {
+  const std::vector<double>& filter = m.contents().filter;
+  if (filter.empty()) return "NONE";
+  const quolvent::run_log quiet(nullptr);
+  for (const char* name : {"daub1", "daub2", "daub3", "daub4", "daub5", "daub6", "symm4", "symm5", "symm6"}) {
+    std::vector<double> f;
+    int32_t ncof = 0;
+    quolvent::check_wavelet(name, f, ncof, quiet);
+    if (f == filter) return name;
+  }
+  return "unknown";
+}
+
+// run: one whole run of the command line args (control file, threads), the
+// outputs in outdir; the summary as a dict, or {"stop": report}.
+py::dict run(const std::vector<std::string>& args, const std::string& outdir, bool verbose) {
+  std::vector<std::string> words{"quolvent"};
+  words.insert(words.end(), args.begin(), args.end());
+  std::vector<char*> argv;
+  for (auto& w : words) argv.push_back(w.data());
+  argv.push_back(nullptr);
+  quolvent::run_summary s;
+  quolvent::run_options options;
+  options.outdir = outdir;
+  options.summary = &s;
+  // The Python process keeps its threads where they are.
+  options.set_affinity = false;
+  {
+    py::gil_scoped_release free;
+    quolvent::run_command_line(static_cast<int>(words.size()), argv.data(),
+                               verbose ? stdout : nullptr, options);
+  }
+  py::dict d;
+  if (!s.complete) {
+    d["stop"] = s.report;
+    d["status"] = s.status;
+    return d;
+  }
+  d["ndata"] = s.ndata;
+  d["nsurface"] = s.nsurface;
+  d["nborehole"] = s.nborehole;
+  d["ncells"] = s.ncells;
+  d["nbelow"] = s.nbelow;
+  std::string wavelet = s.wavelet;
+  while (!wavelet.empty() && wavelet.back() == ' ') wavelet.pop_back();
+  d["wavelet"] = wavelet;
+  d["compressed"] = s.compressed;
+  d["threshold_surface"] = s.wctol_surface;
+  d["threshold_borehole"] = s.wctol_borehole;
+  d["nnz"] = s.nnz;
+  d["compression_ratio"] = s.compression_ratio;
+  d["achieved_error"] = s.achieved_error;
+  d["row_error_mean"] = s.row_error_mean;
+  d["row_error_max"] = s.row_error_max;
+  py::dict times;
+  for (const auto& [phase, seconds] : s.phase_seconds) times[py::str(phase)] = seconds;
+  d["times"] = times;
+  return d;
+}
+
+}  // namespace
+
+PYBIND11_MODULE(_quolvent, mod) {
+  mod.doc() = "The native part of the quolvent module.";
+  py::register_exception<quolvent::format_error>(mod, "FormatError", PyExc_ValueError);
+
+  mod.def("run", &run, py::arg("args"), py::arg("outdir"), py::arg("verbose"));
+
+  py::class_<stored_matrix>(mod, "Matrix")
+      .def(py::init<const std::string&>(), py::arg("path"))
+      .def_property_readonly("ndata", [](const stored_matrix& m) { return m.contents().ndata; })
+      .def_property_readonly("ncells", [](const stored_matrix& m) { return m.contents().n; })
+      .def_property_readonly("compressed", [](const stored_matrix& m) { return m.contents().compressed(); })
+      .def_property_readonly("wavelet", &wavelet_name)
+      .def_property_readonly("filter", [](const stored_matrix& m) { return to_array(m.contents().filter); })
+      .def_property_readonly("padded", [](const stored_matrix& m) {
+        const auto& c = m.contents();
+        return py::make_tuple(c.nyp, c.nxp, c.nzp);
+      })
+      .def_property_readonly("nnz", &stored_matrix::nnz)
+      .def_property_readonly("mesh_counts", [](const stored_matrix& m) {
+        const auto& mesh = m.contents().mesh;
+        return py::make_tuple(mesh.nx, mesh.ny, mesh.nz);
+      })
+      .def_property_readonly("xn", [](const stored_matrix& m) { return to_array(m.contents().mesh.xn); })
+      .def_property_readonly("yn", [](const stored_matrix& m) { return to_array(m.contents().mesh.yn); })
+      .def_property_readonly("zn", [](const stored_matrix& m) { return to_array(m.contents().mesh.zn); })
+      .def_property_readonly("z0", [](const stored_matrix& m) { return m.contents().mesh.z0; })
+      .def_property_readonly("top_index", [](const stored_matrix& m) {
+        const auto& c = m.contents();
+        // The file holds iy fastest: as (nx, ny) in C order, then transposed.
+        py::array_t<int32_t> a({static_cast<py::ssize_t>(c.mesh.ny), static_cast<py::ssize_t>(c.mesh.nx)});
+        auto t = a.mutable_unchecked<2>();
+        for (py::ssize_t ix = 0; ix < c.mesh.nx; ++ix)
+          for (py::ssize_t iy = 0; iy < c.mesh.ny; ++iy)
+            t(iy, ix) = c.top_index[static_cast<std::size_t>(iy + ix * c.mesh.ny)];
+        return a;
+      })
+      .def_property_readonly("weights", [](const stored_matrix& m) { return to_array(m.contents().wtz); })
+      .def_property_readonly("sens_sq", [](const stored_matrix& m) { return to_array(m.contents().sens_sq); })
+      .def("row", [](const stored_matrix& m, int32_t i) {
+        return released([&] { return m.row(i); });
+      }, py::arg("i"))
+      .def("dot", [](const stored_matrix& m, const py_vector& model) {
+        const auto x = to_vector(model, static_cast<std::size_t>(m.contents().n), "model");
+        return released([&] { return m.dot(x); });
+      }, py::arg("model"))
+      .def("rdot", [](const stored_matrix& m, const py_vector& v) {
+        const auto x = to_vector(v, static_cast<std::size_t>(m.contents().ndata), "v");
+        return released([&] { return m.rdot(x); });
+      }, py::arg("v"))
+      .def("dense", [](const stored_matrix& m) {
+        std::vector<float> d;
+        {
+          py::gil_scoped_release free;
+          d = m.dense();
+        }
+        py::array_t<float> a({static_cast<py::ssize_t>(m.contents().ndata), static_cast<py::ssize_t>(m.contents().n)});
+        std::copy(d.begin(), d.end(), a.mutable_data());
+        return a;
+      })
+      .def("to_grid", &to_grid, py::arg("values"));
+}

@@ -1,0 +1,315 @@
+// Reading the matrix file back, and applying it as it is stored.
+#include "output/matrix_reader.hpp"
+
+#include <algorithm>
+#include <bit>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <omp.h>
+
+#include "base/channels.hpp"
+#include "base/stop.hpp"
+#include "model/active_cells.hpp"
+#include "wavelet/wtn_mod.hpp"
+
+static_assert(std::endian::native == std::endian::little,
+              "the matrix file is little-endian and is read straight into memory");
+
+namespace quolvent {
+
+namespace {
+
+// record_source: the framed records of one file, read in order.
+class record_source {
+ public:
+  explicit record_source(const std::string& path) : f_(std::fopen(path.c_str(), "rb"), &std::fclose) {
+    if (!f_) throw format_error("cannot open " + path);
+    std::fseek(f_.get(), 0, SEEK_END);
+    size_ = std::ftell(f_.get());
+    std::rewind(f_.get());
+  }
+
+  // next: the payload of the next record, its frames checked.
+  std::vector<char> next() {
+    ++number_;
+    std::vector<char> payload;
+    bool first = true;
+    for (;;) {
+      const int32_t lead = marker();
+      if (lead == 0 || lead == INT32_MIN) fail("a frame marker of " + std::to_string(lead));
+      const int64_t len = lead < 0 ? -int64_t{lead} : lead;
+      if (len > size_ - std::ftell(f_.get())) fail("a frame longer than the rest of the file");
+      const std::size_t at = payload.size();
+      payload.resize(at + static_cast<std::size_t>(len));
+      if (std::fread(payload.data() + at, 1, static_cast<std::size_t>(len), f_.get()) !=
+          static_cast<std::size_t>(len))
+        fail("cut short");
+      const int32_t trail = marker();
+      if (trail != (first ? len : -len)) fail("frame markers that disagree");
+      first = false;
+      if (lead > 0) return payload;
+    }
+  }
+
+  bool at_end() const { return std::ftell(f_.get()) == size_; }
+  int number() const { return number_; }
+  [[noreturn]] void fail(const std::string& what) const {
+    throw format_error("record " + std::to_string(number_) + ": " + what);
+  }
+
+ private:
+  int32_t marker() {
+    int32_t m = 0;
+    if (std::fread(&m, 4, 1, f_.get()) != 1) fail("cut short");
+    return m;
+  }
+  std::unique_ptr<std::FILE, int (*)(std::FILE*)> f_;
+  int64_t size_ = 0;
+  int number_ = 0;
+};
+
+// take: count values of T from the payload at byte offset at.
+template <typename T>
+std::vector<T> take(const std::vector<char>& p, std::size_t at, std::size_t count) {
+  std::vector<T> v(count);
+  if (count > 0) std::memcpy(v.data(), p.data() + at, count * sizeof(T));
+  return v;
+}
+
+void need_size(const record_source& src, const std::vector<char>& p, int64_t bytes) {
+  if (static_cast<int64_t>(p.size()) != bytes)
+    src.fail(std::to_string(p.size()) + " bytes where " + std::to_string(bytes) + " belong");
+}
+
+}  // namespace
+
+matrix_contents read_matrix_file(const std::string& path) {
+  record_source src(path);
+  matrix_contents m;
+  mesh_model& mesh = m.mesh;
+
+  auto p = src.next();
+  need_size(src, p, 20);
+  const auto sizes = take<int32_t>(p, 0, 5);
+  m.ndata = sizes[0], m.n = sizes[1], mesh.ny = sizes[2], mesh.nx = sizes[3], mesh.nz = sizes[4];
+  const int64_t ncell = int64_t{mesh.ny} * mesh.nx * mesh.nz;
+  if (m.ndata < 0 || m.n < 0 || mesh.ny < 0 || mesh.nx < 0 || mesh.nz < 0 || m.n > ncell)
+    src.fail("sizes out of range");
+  const std::size_t ny = static_cast<std::size_t>(mesh.ny), nx = static_cast<std::size_t>(mesh.nx),
+                    nz = static_cast<std::size_t>(mesh.nz), n = static_cast<std::size_t>(m.n);
+
+  p = src.next();
+  need_size(src, p, 8 * (int64_t{mesh.ny} + mesh.nx + mesh.nz + 4));
+  mesh.yn = take<double>(p, 0, ny + 1);
+  mesh.xn = take<double>(p, 8 * (ny + 1), nx + 1);
+  mesh.zn = take<double>(p, 8 * (ny + nx + 2), nz + 1);
+  mesh.z0 = take<double>(p, 8 * (ny + nx + nz + 3), 1)[0];
+  for (auto [nodes, widths] : {std::pair{&mesh.yn, &mesh.dy}, std::pair{&mesh.xn, &mesh.dx},
+                               std::pair{&mesh.zn, &mesh.dz}}) {
+    for (std::size_t k = 0; k + 1 < nodes->size(); ++k)
+      widths->push_back((*nodes)[k + 1] - (*nodes)[k]);
+  }
+
+  p = src.next();
+  need_size(src, p, 4 * int64_t{mesh.ny} * mesh.nx);
+  m.top_index = take<int32_t>(p, 0, ny * nx);
+  int64_t below = 0;
+  for (int32_t t : m.top_index) {
+    if (t < 0 || t > mesh.nz) src.fail("a column top outside 0.." + std::to_string(mesh.nz));
+    below += mesh.nz - t;
+  }
+  if (below != m.n) src.fail("column tops that leave another number of cells than record 1");
+
+  p = src.next();
+  if (p.size() < 4) src.fail("no filter length");
+  const int32_t ncof = take<int32_t>(p, 0, 1)[0];
+  if (ncof < 0 || ncof > 64) src.fail("a filter length of " + std::to_string(ncof));
+  need_size(src, p, 4 + 8 * int64_t{ncof});
+  m.filter = take<double>(p, 4, static_cast<std::size_t>(ncof));
+
+  p = src.next();
+  need_size(src, p, 12);
+  const auto padded = take<int32_t>(p, 0, 3);
+  m.nyp = padded[0], m.nxp = padded[1], m.nzp = padded[2];
+  const bool compressed = ncof > 0;
+  if (compressed ? (m.nyp != padded_extent(mesh.ny) || m.nxp != padded_extent(mesh.nx) ||
+                    m.nzp != padded_extent(mesh.nz))
+                 : (m.nyp != 0 || m.nxp != 0 || m.nzp != 0))
+    src.fail("padded extents that don't belong to the mesh");
+  const int64_t ncube = int64_t{m.nyp} * m.nxp * m.nzp;
+
+  p = src.next();
+  need_size(src, p, 4 + 8 * int64_t{m.n});
+  m.flag = take<int32_t>(p, 0, 1)[0];
+  m.wtz = take<double>(p, 4, n);
+
+  if (compressed) {
+    m.rows.reserve(std::min<std::size_t>(static_cast<std::size_t>(m.ndata), 1 << 16));
+    for (int32_t i = 0; i < m.ndata; ++i) {
+      p = src.next();
+      if (p.size() < 4) src.fail("no count of coefficients");
+      const int32_t nnz = take<int32_t>(p, 0, 1)[0];
+      if (nnz < 0 || nnz > ncube) src.fail("a count of " + std::to_string(nnz) + " coefficients");
+      need_size(src, p, 4 + 8 * int64_t{nnz});
+      compressed_row r;
+      r.idx = take<int32_t>(p, 4, static_cast<std::size_t>(nnz));
+      r.val = take<float>(p, 4 + 4 * static_cast<std::size_t>(nnz), static_cast<std::size_t>(nnz));
+      for (std::size_t k = 0; k < r.idx.size(); ++k) {
+        if (r.idx[k] < 1 || r.idx[k] > ncube || (k > 0 && r.idx[k] <= r.idx[k - 1]))
+          src.fail("coefficient positions outside the cube or out of order");
+      }
+      m.rows.push_back(std::move(r));
+    }
+  } else {
+    for (int32_t i = 0; i < m.ndata; ++i) {
+      p = src.next();
+      need_size(src, p, 4 * int64_t{m.n});
+      const auto row = take<float>(p, 0, n);
+      m.full.insert(m.full.end(), row.begin(), row.end());
+    }
+  }
+
+  p = src.next();
+  need_size(src, p, 8 * int64_t{m.n});
+  m.sens_sq = take<double>(p, 0, n);
+  if (!src.at_end()) throw format_error("bytes after record " + std::to_string(src.number()));
+  return m;
+}
+
+stored_matrix::stored_matrix(const std::string& path) : m_(read_matrix_file(path)) {
+  const run_log quiet(nullptr);
+  try {
+    cells_ = get_active_cells("null", m_.mesh, m_.top_index, quiet);
+  } catch (const stop&) {
+    if (m_.n != 0) throw format_error("record 3: column tops that leave no cell");
+  }
+  if (!m_.compressed()) return;
+  c_.compressed = true;
+  c_.ncof = static_cast<int32_t>(m_.filter.size());
+  c_.filter = m_.filter;
+  c_.flt = set_filters(c_.filter, c_.ncof);
+  c_.ny = m_.mesh.ny, c_.nx = m_.mesh.nx, c_.nz = m_.mesh.nz;
+  c_.nyp = m_.nyp, c_.nxp = m_.nxp, c_.nzp = m_.nzp;
+  c_.ncube = int64_t{c_.nyp} * c_.nxp * c_.nzp;
+}
+
+int64_t stored_matrix::nnz() const {
+  if (!m_.compressed()) return int64_t{m_.n} * m_.ndata;
+  int64_t total = 0;
+  for (const auto& r : m_.rows) total += static_cast<int64_t>(r.idx.size());
+  return total;
+}
+
+std::vector<double> stored_matrix::row(int32_t i) const {
+  const std::size_t n = static_cast<std::size_t>(m_.n);
+  std::vector<double> g(n);
+  if (i < 0 || i >= m_.ndata) throw std::out_of_range("no datum " + std::to_string(i));
+  if (m_.compressed()) {
+    std::vector<double> cube(static_cast<std::size_t>(c_.ncube), 0.0);
+    const compressed_row& r = m_.rows[static_cast<std::size_t>(i)];
+    for (std::size_t k = 0; k < r.idx.size(); ++k)
+      cube[static_cast<std::size_t>(r.idx[k] - 1)] = static_cast<double>(r.val[k]);
+    line_buffers lines;
+    transform_cube(c_, cube.data(), -1, lines);
+    cube_to_row(c_, cells_, g.data(), m_.n, cube.data());
+  } else {
+    const float* src = m_.full.data() + static_cast<std::size_t>(i) * n;
+    for (std::size_t k = 0; k < n; ++k) g[k] = static_cast<double>(src[k]);
+  }
+  for (std::size_t k = 0; k < n; ++k) g[k] *= m_.wtz[k];
+  return g;
+}
+
+std::vector<double> stored_matrix::dot(const std::vector<double>& model) const {
+  const std::size_t n = static_cast<std::size_t>(m_.n);
+  if (model.size() != n) throw std::invalid_argument("a model of another length than a row");
+  // G m = (R / wtz-rows) (wtz m): the stored rows against the weighted model.
+  std::vector<double> x(n);
+  for (std::size_t k = 0; k < n; ++k) x[k] = m_.wtz[k] * model[k];
+  std::vector<double> d(static_cast<std::size_t>(m_.ndata), 0.0);
+  if (m_.compressed()) {
+    // An orthogonal transform keeps dot products: the coefficients of each
+    // row against the coefficients of the weighted model.
+    std::vector<double> cube(static_cast<std::size_t>(c_.ncube), 0.0);
+    row_to_cube(c_, cells_, x.data(), m_.n, cube.data());
+    line_buffers lines;
+    transform_cube(c_, cube.data(), +1, lines);
+#pragma omp parallel for schedule(static)
+    for (int32_t i = 0; i < m_.ndata; ++i) {
+      const compressed_row& r = m_.rows[static_cast<std::size_t>(i)];
+      double s = 0.0;
+      for (std::size_t k = 0; k < r.idx.size(); ++k)
+        s += static_cast<double>(r.val[k]) * cube[static_cast<std::size_t>(r.idx[k] - 1)];
+      d[static_cast<std::size_t>(i)] = s;
+    }
+  } else {
+#pragma omp parallel for schedule(static)
+    for (int32_t i = 0; i < m_.ndata; ++i) {
+      const float* row = m_.full.data() + static_cast<std::size_t>(i) * n;
+      double s = 0.0;
+      for (std::size_t k = 0; k < n; ++k) s += static_cast<double>(row[k]) * x[k];
+      d[static_cast<std::size_t>(i)] = s;
+    }
+  }
+  return d;
+}
+
+std::vector<double> stored_matrix::rdot(const std::vector<double>& v) const {
+  const std::size_t n = static_cast<std::size_t>(m_.n);
+  if (v.size() != static_cast<std::size_t>(m_.ndata))
+    throw std::invalid_argument("a vector of another length than the data");
+  std::vector<double> g(n, 0.0);
+  if (m_.compressed()) {
+    // The sum of the rows' coefficients weighted by v, then one inverse
+    // transform. Each thread sums its share of the rows into a cube of its
+    // own; the cubes are added in thread order, so the result doesn't
+    // depend on which thread finishes first.
+    const std::size_t ncube = static_cast<std::size_t>(c_.ncube);
+    std::vector<std::vector<double>> parts;
+#pragma omp parallel
+    {
+#pragma omp single
+      parts.resize(static_cast<std::size_t>(omp_get_num_threads()));
+      std::vector<double>& cube = parts[static_cast<std::size_t>(omp_get_thread_num())];
+      cube.assign(ncube, 0.0);
+#pragma omp for schedule(static)
+      for (int32_t i = 0; i < m_.ndata; ++i) {
+        const compressed_row& r = m_.rows[static_cast<std::size_t>(i)];
+        const double w = v[static_cast<std::size_t>(i)];
+        for (std::size_t k = 0; k < r.idx.size(); ++k)
+          cube[static_cast<std::size_t>(r.idx[k] - 1)] += w * static_cast<double>(r.val[k]);
+      }
+    }
+    std::vector<double>& total = parts[0];
+    for (std::size_t t = 1; t < parts.size(); ++t)
+      for (std::size_t k = 0; k < ncube; ++k) total[k] += parts[t][k];
+    line_buffers lines;
+    transform_cube(c_, total.data(), -1, lines);
+    cube_to_row(c_, cells_, g.data(), m_.n, total.data());
+  } else {
+#pragma omp parallel for schedule(static)
+    for (int64_t k = 0; k < static_cast<int64_t>(n); ++k) {
+      double s = 0.0;
+      for (int32_t i = 0; i < m_.ndata; ++i)
+        s += v[static_cast<std::size_t>(i)] *
+             static_cast<double>(m_.full[static_cast<std::size_t>(i) * n + static_cast<std::size_t>(k)]);
+      g[static_cast<std::size_t>(k)] = s;
+    }
+  }
+  for (std::size_t k = 0; k < n; ++k) g[k] *= m_.wtz[k];
+  return g;
+}
+
+std::vector<float> stored_matrix::dense() const {
+  const std::size_t n = static_cast<std::size_t>(m_.n);
+  std::vector<float> out(static_cast<std::size_t>(m_.ndata) * n);
+#pragma omp parallel for schedule(static)
+  for (int32_t i = 0; i < m_.ndata; ++i) {
+    const std::vector<double> g = row(i);
+    std::copy(g.begin(), g.end(), out.begin() + static_cast<std::ptrdiff_t>(static_cast<std::size_t>(i) * n));
+  }
+  return out;
+}
+
+}  // namespace quolvent

@@ -1,0 +1,181 @@
+"""The Python module against the program: runs in this process against the
+command line, matrix files against a reader of the tests' own, and the
+matrix products against the dense matrix."""
+
+import os
+import re
+import struct
+import subprocess
+
+import numpy as np
+import pytest
+
+import quolvent
+
+EXE = os.environ["QUOLVENT_EXE"]
+EXAMPLES = os.path.join(os.environ["QUOLVENT_SOURCE_DIR"], "examples")
+
+
+def control(wavelet, diag=1, weight="VALUE 1.0"):
+    return "\n".join([os.path.join(EXAMPLES, "mesh.txt"), os.path.join(EXAMPLES, "obs.mag"),
+                      os.path.join(EXAMPLES, "topo.txt"), weight, wavelet, "null", str(diag)]) + "\n"
+
+
+def records(path):
+    """Every record of a matrix file, payloads in order (frames of one part)."""
+    data = open(path, "rb").read()
+    out, pos = [], 0
+    while pos < len(data):
+        (n,) = struct.unpack_from("<i", data, pos)
+        out.append(data[pos + 4:pos + 4 + n])
+        assert struct.unpack_from("<i", data, pos + 4 + n)[0] == n
+        pos += 8 + n
+    return out
+
+
+def timeless(text):
+    text = re.sub(r"cpu time: *[0-9]+:[0-9]{2}:[0-9]{2}\.[0-9]{2}", "cpu time: T", text)
+    return re.sub(r"(started|ended) on: .*", r"\1 on: D", text)
+
+
+@pytest.fixture(scope="module")
+def runs(tmp_path_factory):
+    """The bundled example, compressed and not, run once each in this process."""
+    base = tmp_path_factory.mktemp("runs")
+    out = {}
+    for name, wavelet in [("comp", "daub2"), ("full", "NONE")]:
+        inp = base / f"{name}.inp"
+        inp.write_text(control(wavelet, weight="VALUE 2.0"))
+        summary = quolvent.run(str(inp), threads=2, outdir=str(base / name))
+        out[name] = (base / name, summary, quolvent.read_matrix(base / name / "dulmarok.mtx"))
+    return out
+
+
+def test_summary_and_attributes(runs):
+    d, s, m = runs["comp"]
+    assert (s["ndata"], s["nsurface"], s["nborehole"], s["nbelow"], s["ncells"]) == (403, 400, 3, 9589, 13500)
+    assert s["wavelet"] == "daub2" and s["compressed"]
+    log = open(d / "quolvent.log").read()
+    assert f"{s['nnz']:10d}" in log
+    assert f"{s['compression_ratio']:.4E}" in log and f"{s['achieved_error']:.4E}" in log
+    assert set(s["times"]) == {"init", "sens", "uncompress", "TOTAL"}
+
+    recs = records(d / "dulmarok.mtx")
+    ndata, n, ny, nx, nz = struct.unpack("<5i", recs[0])
+    assert (m.ndata, m.ncells, m.mesh.nx, m.mesh.ny, m.mesh.nz) == (ndata, n, nx, ny, nz)
+    nodes = np.frombuffer(recs[1], "<f8")
+    assert np.array_equal(m.mesh.yn, nodes[:ny + 1]) and np.array_equal(m.mesh.xn, nodes[ny + 1:ny + nx + 2])
+    assert np.array_equal(m.mesh.dx, np.diff(m.mesh.xn)) and m.mesh.z0 == nodes[-1] == 100.0
+    assert np.array_equal(m.top_index, np.frombuffer(recs[2], "<i4").reshape(nx, ny).T)
+    assert np.array_equal(m.weights, np.full(n, 2.0))
+    assert np.array_equal(m.sens_sq, np.frombuffer(recs[-1], "<f8"))
+    assert m.compressed and m.wavelet == "daub2" and m.nnz == s["nnz"]
+    _, sf, mf = runs["full"]
+    assert not mf.compressed and mf.wavelet == "NONE" and mf.nnz == n * ndata and sf["nnz"] == n * ndata
+
+
+def test_rows_against_the_file_and_the_program_averages(runs):
+    # Uncompressed: each row is the stored 32-bit row times the weighting, and
+    # the mean |row| over the data per cell volume is sensitivity.txt.
+    d, _, m = runs["full"]
+    recs = records(d / "dulmarok.mtx")
+    for i in (0, 200, 402):
+        stored = np.frombuffer(recs[6 + i], "<f4").astype(np.float64)
+        assert np.array_equal(m.row(i), stored * 2.0)
+    # Compressed: the rows the module decompresses give the averages of the
+    # program's own uncompress stage (sensitivity_compressed.txt).
+    for name, file in [("full", "sensitivity.txt"), ("comp", "sensitivity_compressed.txt")]:
+        d, _, m = runs[name]
+        mean = np.mean([np.abs(m.row(i)) for i in range(m.ndata)], axis=0)
+        grid = m.to_grid(mean)
+        mesh = m.mesh
+        volume = mesh.dz[:, None, None] * mesh.dy[None, :, None] * mesh.dx[None, None, :]
+        text = np.loadtxt(d / file).reshape(mesh.ny, mesh.nx, mesh.nz).transpose(2, 0, 1)
+        below = np.isfinite(grid)
+        assert np.count_nonzero(~below) == np.count_nonzero(text == 1e-20)
+        np.testing.assert_allclose((grid / volume)[below], text[below], rtol=2e-5, atol=1e-30)
+    with pytest.raises(IndexError):
+        m.row(m.ndata)
+
+
+@pytest.mark.parametrize("name", ["comp", "full"])
+def test_products_against_the_dense_matrix(runs, name):
+    _, _, m = runs[name]
+    rng = np.random.default_rng(3)
+    model, v = rng.random(m.ncells), rng.standard_normal(m.ndata)
+    dense = m.dense().astype(np.float64)
+    assert dense.shape == (m.ndata, m.ncells) and m.dense().dtype == np.float32
+    d, g = m.dot(model), m.rdot(v)
+    np.testing.assert_allclose(d, dense @ model, rtol=1e-6, atol=1e-6 * np.abs(d).max())
+    np.testing.assert_allclose(g, dense.T @ v, rtol=1e-6, atol=1e-6 * np.abs(g).max())
+    assert abs(v @ d - g @ model) <= 1e-10 * abs(v @ d)
+    with pytest.raises(ValueError):
+        m.dot(model[:-1])
+
+
+def test_runs_in_this_process_write_what_the_program_writes(tmp_path):
+    (tmp_path / "run.inp").write_text(control("daub3", diag=1))
+    (tmp_path / "bad.inp").write_text(control("daub9", diag=0))
+    for k in range(2):
+        here, there = tmp_path / f"here{k}", tmp_path / f"there{k}"
+        there.mkdir()
+        quolvent.run(str(tmp_path / "run.inp"), threads=1 + k, outdir=str(here))
+        subprocess.run([EXE, str(tmp_path / "run.inp"), str(1 + k)], cwd=there, check=True,
+                       stdout=subprocess.DEVNULL)
+        assert sorted(os.listdir(here)) == sorted(os.listdir(there))
+        for f in os.listdir(here):
+            a, b = open(here / f, "rb").read(), open(there / f, "rb").read()
+            if f == "quolvent.log":
+                a, b = timeless(a.decode()), timeless(b.decode())
+            assert a == b, f
+    with pytest.raises(quolvent.Stop) as stop:
+        quolvent.run(str(tmp_path / "bad.inp"), outdir=str(tmp_path / "bad"))
+    assert isinstance(stop.value, RuntimeError)
+    assert "ERROR: Invalid daub compression.  daub[1-6]" in str(stop.value)
+    assert "Invalid daub compression" in open(tmp_path / "bad" / "quolvent.log").read()
+    assert quolvent.run(str(tmp_path / "run.inp"), outdir=str(tmp_path / "again"))["ndata"] == 403
+
+
+def hand_made(path, rows=None):
+    """A matrix file of a 2 x 1 x 2 mesh, one air cell, 2 data, uncompressed."""
+    def rec(payload):
+        return struct.pack("<i", len(payload)) + payload + struct.pack("<i", len(payload))
+    rows = rows if rows is not None else [[1.0, 2.0, 3.0], [-4.0, 0.5, 0.25]]
+    body = rec(struct.pack("<5i", 2, 3, 1, 2, 2))
+    body += rec(struct.pack("<9d", 10.0, 20.0, 0.0, 5.0, 7.0, 0.0, 1.0, 3.0, 50.0))
+    body += rec(struct.pack("<2i", 1, 0))
+    body += rec(struct.pack("<i", 0)) + rec(struct.pack("<3i", 0, 0, 0))
+    body += rec(struct.pack("<i3d", 1, 1.0, 2.0, 4.0))
+    for r in rows:
+        body += rec(struct.pack("<3f", *r))
+    body += rec(struct.pack("<3d", 9.0, 8.0, 7.0))
+    path.write_bytes(body)
+    return body
+
+
+def test_hand_made_file_and_format_errors(tmp_path):
+    body = hand_made(tmp_path / "m.mtx")
+    m = quolvent.read_matrix(tmp_path / "m.mtx")
+    assert (m.ndata, m.ncells, m.compressed, m.wavelet, m.nnz) == (2, 3, False, "NONE", 6)
+    assert (m.mesh.nx, m.mesh.ny, m.mesh.nz, m.mesh.origin) == (2, 1, 2, (0.0, 10.0, 50.0))
+    assert np.array_equal(m.top_index, [[1, 0]])
+    assert np.array_equal(m.row(1), [-4.0, 1.0, 1.0])
+    grid = m.to_grid([1.0, 2.0, 3.0])
+    assert np.isnan(grid[0, 0, 0]) and np.array_equal(grid[1, 0, :], [1.0, 3.0]) and grid[0, 0, 1] == 2.0
+    np.testing.assert_array_equal(m.dot([1.0, 1.0, 1.0]), [1 + 4 + 12, -4 + 1 + 1])
+    for cut, record in [(len(body) - 3, "record 9"), (30, "record 2"), (2, "record 1")]:
+        (tmp_path / "cut.mtx").write_bytes(body[:cut])
+        with pytest.raises(quolvent.FormatError, match=record):
+            quolvent.read_matrix(tmp_path / "cut.mtx")
+    (tmp_path / "long.mtx").write_bytes(body + b"x")
+    with pytest.raises(quolvent.FormatError, match="after record 9"):
+        quolvent.read_matrix(tmp_path / "long.mtx")
+
+
+def test_pictures(runs):
+    from quolvent import plot
+    d, _, _ = runs["comp"]
+    written = plot.draw(str(d))
+    assert [os.path.basename(f) for f in written] == ["sensitivity.png", "compression.png"]
+    for f in written:
+        assert open(f, "rb").read(8) == b"\x89PNG\r\n\x1a\n"
