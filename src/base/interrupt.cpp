@@ -65,8 +65,13 @@ void interrupt_watch::check(std::string_view phase) const {
   if (!any_) return;
   const timespec none{0, 0};
   siginfo_t info;
-  const int sig = sigtimedwait(&watched_, &info, &none);
-  if (sig <= 0) return;  // nothing pending (EAGAIN), or a wait cut short (EINTR)
+  // A wait cut short (EINTR: the process was stopped and continued, as a
+  // job is) looks again, so that a signal sent meanwhile is not passed over.
+  int sig = -1;
+  do {
+    sig = sigtimedwait(&watched_, &info, &none);
+  } while (sig < 0 && errno == EINTR);
+  if (sig <= 0) return;  // nothing pending
   stop s;
   s.screen_lines = {"",
                     "Interrupted by " + signal_name(sig) + " during " + std::string(phase) +
