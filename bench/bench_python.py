@@ -44,7 +44,8 @@ def main(argv):
     with tempfile.TemporaryDirectory() as d:
         subprocess.run([make, str(nx), str(ny), str(nz), str(ndx), str(ndy), "daub2", "0"], cwd=d,
                        check=True)
-        s = quolvent.run(os.path.join(d, "run.inp"), outdir=d)
+        os.chdir(d)  # the control file names its inputs from there
+        s = quolvent.run("run.inp", outdir=d)
         before = rss_bytes()
         m = quolvent.read_matrix(os.path.join(d, "dulmarok.mtx"))
         held = rss_bytes() - before
