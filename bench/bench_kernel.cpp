@@ -1,8 +1,12 @@
 // Speed of the row kernel (cache fill and prism formula) and of the whole
 // general row loop on a generated survey, uncompressed, without file output.
 //
-//   bench_kernel --benchmark_filter=Row     one row, by arctangent width
+//   bench_kernel --benchmark_filter=Row     one row, on each vector target
 //   bench_kernel --benchmark_filter=Kernel  2,000 data over ~100,000 cells
+//
+// Row and Fill take the index of the target in vector_targets() (0: the
+// machine's widest); the label names it. Kernel runs on the run's target
+// (QUOLVENT_VECTOR may name another).
 #include <benchmark/benchmark.h>
 #include <omp.h>
 
@@ -43,19 +47,23 @@ survey make_bench_survey(int32_t ndata) {
   return qt::make_survey(mesh, obs, std::move(tops));
 }
 
-// width_label: the width the arctangents and logarithms actually run at.
-std::string width_label(int width) {
-  return "width " + std::to_string(std::min(width, machine_vector_width()));
+// target_at: the i-th target of the machine (the last one where there are
+// fewer), and its label: its name and the doubles one vector holds.
+int64_t target_at(int64_t i) {
+  const std::vector<int64_t> t = vector_targets();
+  return t[static_cast<std::size_t>(std::min<int64_t>(i, static_cast<int64_t>(t.size()) - 1))];
+}
+std::string target_label(int64_t target) {
+  return vector_target_name(target) + " x" + std::to_string(vector_lanes(target));
 }
 
-// One row at a point over the middle of the survey, arctangents and
-// logarithms evaluated `width` at a time.
+// One row at a point over the middle of the survey, on one vector target.
 void Row(benchmark::State& state) {
-  const int width = static_cast<int>(state.range(0));
+  const int64_t target = target_at(state.range(0));
   const survey s = make_bench_survey(1);
   const mesh_model& m = s.mesh;
   row_workspace ws = make_row_workspace(survey_directions(s.obs), mesh_length_scale(m));
-  ws.math_width = width;
+  ws.vector_target = target;
   std::vector<double> g(static_cast<std::size_t>(s.n));
   for (auto _ : state) {
     sens_row(ws, s.obs.geomag, m.yn.data(), m.xn.data(), m.zn.data(), m.ny, m.nx, m.nz,
@@ -63,26 +71,26 @@ void Row(benchmark::State& state) {
     benchmark::DoNotOptimize(g.data());
   }
   state.SetItemsProcessed(state.iterations() * s.n);
-  state.SetLabel(width_label(width));
+  state.SetLabel(target_label(target));
 }
-BENCHMARK(Row)->Arg(4)->Arg(2)->Arg(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(Row)->DenseRange(0, 4)->Unit(benchmark::kMillisecond);
 
 // The cache fill of one row alone, counted per cell of the row like Row, so
 // that Row minus Fill is the prism formula.
 void Fill(benchmark::State& state) {
-  const int width = static_cast<int>(state.range(0));
+  const int64_t target = target_at(state.range(0));
   const survey s = make_bench_survey(1);
   const mesh_model& m = s.mesh;
   arctangent_cache cache;
   for (auto _ : state) {
-    CALC_ARCTANGENTS(cache, width, zero_offset(mesh_length_scale(m)), m.yn.data(), m.xn.data(),
+    CALC_ARCTANGENTS(cache, target, zero_offset(mesh_length_scale(m)), m.yn.data(), m.xn.data(),
                      m.zn.data(), m.ny, m.nx, m.nz, s.top_index.data(), 251.3, 248.9, -1.5);
     benchmark::DoNotOptimize(cache.at_x.data());
   }
   state.SetItemsProcessed(state.iterations() * s.n);
-  state.SetLabel(width_label(width));
+  state.SetLabel(target_label(target));
 }
-BENCHMARK(Fill)->Arg(4)->Arg(2)->Arg(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(Fill)->DenseRange(0, 4)->Unit(benchmark::kMillisecond);
 
 // The whole general row loop: 2,000 data over 102,500 cells, full rows kept
 // in memory (g_full: 820 MB), with the given number of threads.

@@ -10,6 +10,9 @@ packages=(
   ninja-build
   libgtest-dev
   libbenchmark-dev
+  openmpi-bin
+  libopenmpi-dev
+  libhwy-dev
   pybind11-dev
   python3-pybind11
   python3-numpy

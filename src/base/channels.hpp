@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "base/interrupt.hpp"
+#include "base/run_hook.hpp"
 #include "base/stop.hpp"
 
 namespace quolvent {
@@ -54,10 +55,16 @@ class run_log {
   // run_log's use); nullptr: no watch, checkpoints pass.
   void watch_interrupts(const interrupt_watch* w) { watch_ = w; }
   // check_interrupt: a checkpoint, from any thread of the run.
-  // Fails: a pending interrupt is a stop naming the current phase.
+  // Fails: a pending interrupt is a stop naming the current phase; a stop
+  // another process of the run found (the hook's).
   void check_interrupt() const {
     if (watch_) watch_->check(phase_);
+    if (hook_) hook_->checkpoint();
   }
+  // set_hook: the run is shared with other processes through h (which
+  // outlives the run_log's use); nullptr: a run of its own.
+  void set_hook(run_hook* h) { hook_ = h; }
+  run_hook* hook() const { return hook_; }
   // enter_phase: a checkpoint for the phase that ends, then the phase named
   // (a literal: "init", "sens", "writing", "uncompress") begins. On the
   // thread of the run, outside the parallel regions.
@@ -71,6 +78,7 @@ class run_log {
   std::FILE* log_ = nullptr;
   bool own_log_ = false;
   const interrupt_watch* watch_ = nullptr;
+  run_hook* hook_ = nullptr;
   const char* phase_ = "init";
 };
 

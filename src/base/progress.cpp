@@ -5,10 +5,30 @@
 
 namespace quolvent {
 
+progress_line::progress_line(std::FILE* screen, int32_t total, run_hook* hook, std::FILE* log)
+    : screen_(screen), total_(total), hook_(hook), log_(log) {
+  if (hook_) hook_->rows_begin(log_);
+}
+
 void progress_line::row_done() {
   std::lock_guard<std::mutex> hold(lock_);
   ++done_;
-  report_progress(done_, total_);
+  advance(hook_ ? hook_->rows_done(done_) : done_);
+}
+
+void progress_line::finish() {
+  if (!hook_) return;
+  hook_->rows_finished(
+      done_,
+      [this](int32_t all) {
+        std::lock_guard<std::mutex> hold(lock_);
+        advance(all);
+      },
+      log_);
+}
+
+void progress_line::advance(int32_t all) {
+  for (; shown_ < all; ++shown_) report_progress(shown_ + 1, total_);
 }
 
 void progress_line::report_progress(int32_t done, int32_t total) {

@@ -69,11 +69,12 @@ double phase_clock::phase_timer(const std::string& label, int mode, std::FILE* u
   return s >= 0.0 ? s : 0.0;
 }
 
-void print_banner(const std::string& name, std::FILE* target) {
+void print_banner(const std::string& name, std::FILE* target, const std::string& after_threads) {
   std::FILE* f = target;
   const int threads = omp_get_max_threads();
   put_line(f, "");
   put_line(f, "Parallelized with OpenMP.  # of threads:" + fmt_int(threads, 3));
+  if (!after_threads.empty()) put_line(f, after_threads);
   if (threads > omp_get_num_procs()) {
     put_line(f, "");
     put_line(f, "WARNING: more threads started than processors available.");

@@ -21,9 +21,10 @@ struct phase_clock {
   double phase_timer(const std::string& label, int mode, std::FILE* unit, std::FILE* log);
 };
 
-// print_banner: the thread count, the too-many-threads warning and the
-// version lines, to `target`.
-void print_banner(const std::string& name, std::FILE* target);
+// print_banner: the thread count, the line after_threads when it is not
+// empty, the too-many-threads warning and the version lines, to `target`.
+void print_banner(const std::string& name, std::FILE* target,
+                  const std::string& after_threads = "");
 
 // print_timestamp: an empty line, the message and the local date and time
 // ("QUOLVENT started on:  6/09/2013  14:05:09"), an empty line, to `target`.

@@ -17,7 +17,17 @@ namespace quolvent {
 
 namespace {
 
-void put_marker(output_file& f, int64_t value) {
+// file_out: the records straight into an output_file.
+class file_out : public record_out {
+ public:
+  explicit file_out(output_file& f) : f_(f) {}
+  void write(const void* p, std::size_t bytes) override { f_.write(p, bytes); }
+
+ private:
+  output_file& f_;
+};
+
+void put_marker(record_out& f, int64_t value) {
   const int32_t m = static_cast<int32_t>(value);
   f.write(&m, sizeof m);
 }
@@ -32,7 +42,7 @@ std::size_t count_of(int64_t c) { return static_cast<std::size_t>(c > 0 ? c : 0)
 
 }  // namespace
 
-void write_record(output_file& f, const std::vector<record_block>& blocks, int64_t limit) {
+void write_record(record_out& f, const std::vector<record_block>& blocks, int64_t limit) {
   if (limit < 1) limit = subrecord_limit;
   int64_t total = 0;
   for (const auto& b : blocks) total += static_cast<int64_t>(b.bytes);
@@ -63,37 +73,35 @@ void write_record(output_file& f, const std::vector<record_block>& blocks, int64
   } while (left > 0);
 }
 
-void write_matrix(const std::string& path, const survey& s, const compression& c,
-                  matrix_store& store, int32_t flag, const std::vector<double>& sens_sq,
-                  const run_log& out, int64_t record_limit) {
-  out.say_screen("");
-  out.say_screen("Writing out the matrix.");
-  out.say_screen("");
+void write_record(output_file& f, const std::vector<record_block>& blocks, int64_t limit) {
+  file_out to(f);
+  write_record(to, blocks, limit);
+}
 
+void check_matrix_arrays(const survey& s, const compression& c, const matrix_store& store,
+                         row_range rows, const std::vector<double>* sens_sq) {
   const mesh_model& mesh = s.mesh;
-  const std::vector<int32_t>& top_index = s.top_index;
-  const std::vector<double>& wtz = s.wtz;
   const int32_t n = s.n;
-  const int32_t ndata = s.obs.ndata;
-  const int32_t ncof = c.ncof;
   const int32_t ny = mesh.ny, nx = mesh.nx, nz = mesh.nz;
-  const std::size_t len = count_of(n);
-  need(wtz, n, "size(wtz) /= n");
-  need(sens_sq, n, "size(sens_sq) /= n");
+  need(s.wtz, n, "size(wtz) /= n");
+  if (sens_sq) need(*sens_sq, n, "size(sens_sq) /= n");
   need(mesh.yn, int64_t{ny} + 1, "size(yn) /= ny + 1");
   need(mesh.xn, int64_t{nx} + 1, "size(xn) /= nx + 1");
   need(mesh.zn, int64_t{nz} + 1, "size(zn) /= nz + 1");
-  need(top_index, int64_t{ny} * nx, "size(top_index) /= ny * nx");
-  need(c.filter, ncof, "size(filter) /= ncof");
+  need(s.top_index, int64_t{ny} * nx, "size(top_index) /= ny * nx");
+  need(c.filter, c.ncof, "size(filter) /= ncof");
   if (c.compressed) {
-    need(store.g_compressed, ndata, "size(g_compressed) /= ndata");
+    need(store.g_compressed, rows.count(), "size(g_compressed) /= ndata");
   } else {
-    need(store.g_full, int64_t{n} * ndata, "size(g_full) /= n * ndata");
+    need(store.g_full, int64_t{n} * rows.count(), "size(g_full) /= n * ndata");
   }
+}
 
-  output_file f(path, "wb");
-
-  const int32_t sizes[5] = {ndata, n, ny, nx, nz};
+void write_matrix_head(record_out& f, const survey& s, const compression& c, int32_t flag,
+                       int64_t record_limit) {
+  const mesh_model& mesh = s.mesh;
+  const int32_t ny = mesh.ny, nx = mesh.nx, nz = mesh.nz;
+  const int32_t sizes[5] = {s.obs.ndata, s.n, ny, nx, nz};
   write_record(f, {{sizes, sizeof sizes}}, record_limit);
 
   write_record(f,
@@ -103,18 +111,24 @@ void write_matrix(const std::string& path, const survey& s, const compression& c
                 {&mesh.z0, 8}},
                record_limit);
 
-  write_record(f, {{top_index.data(), 4 * count_of(int64_t{ny} * nx)}}, record_limit);
+  write_record(f, {{s.top_index.data(), 4 * count_of(int64_t{ny} * nx)}}, record_limit);
 
-  write_record(f, {{&ncof, 4}, {c.filter.data(), 8 * count_of(ncof)}}, record_limit);
+  write_record(f, {{&c.ncof, 4}, {c.filter.data(), 8 * count_of(c.ncof)}}, record_limit);
 
   const int32_t padded[3] = {c.nyp, c.nxp, c.nzp};
   write_record(f, {{padded, sizeof padded}}, record_limit);
 
-  write_record(f, {{&flag, 4}, {wtz.data(), 8 * len}}, record_limit);
+  write_record(f, {{&flag, 4}, {s.wtz.data(), 8 * count_of(s.n)}}, record_limit);
+}
 
-  if (c.compressed) {
-    for (int32_t i = 0; i < ndata; ++i) {
-      out.check_interrupt();
+void write_matrix_rows(record_out& f, const survey& s, const compression& c,
+                       const matrix_store& store, row_range rows, const run_log& out,
+                       int64_t record_limit) {
+  const std::size_t len = count_of(s.n);
+  const int32_t count = rows.count();
+  for (int32_t i = 0; i < count; ++i) {
+    out.check_interrupt();
+    if (c.compressed) {
       const compressed_row& rec = store.g_compressed[static_cast<std::size_t>(i)];
       const int32_t nnz = static_cast<int32_t>(rec.idx.size());
       if (rec.val.size() != rec.idx.size()) stop_text("size(val) /= size(idx)");
@@ -123,18 +137,34 @@ void write_matrix(const std::string& path, const survey& s, const compression& c
                     {rec.idx.data(), 4 * rec.idx.size()},
                     {rec.val.data(), 4 * rec.val.size()}},
                    record_limit);
-    }
-  } else {
-    for (int32_t i = 0; i < ndata; ++i) {
-      out.check_interrupt();
+    } else {
       write_record(f, {{store.g_full.data() + static_cast<std::size_t>(i) * len, 4 * len}},
                    record_limit);
     }
-    // Nothing reads the full matrix after this.
-    float_matrix().swap(store.g_full);
   }
+}
 
-  write_record(f, {{sens_sq.data(), 8 * len}}, record_limit);
+void write_matrix_tail(record_out& f, const survey& s, const std::vector<double>& sens_sq,
+                       int64_t record_limit) {
+  write_record(f, {{sens_sq.data(), 8 * count_of(s.n)}}, record_limit);
+}
+
+void write_matrix(const std::string& path, const survey& s, const compression& c,
+                  matrix_store& store, int32_t flag, const std::vector<double>& sens_sq,
+                  const run_log& out, int64_t record_limit) {
+  out.say_screen("");
+  out.say_screen("Writing out the matrix.");
+  out.say_screen("");
+
+  const row_range rows = all_rows(s.obs.ndata);
+  check_matrix_arrays(s, c, store, rows, &sens_sq);
+  output_file f(path, "wb");
+  file_out to(f);
+  write_matrix_head(to, s, c, flag, record_limit);
+  write_matrix_rows(to, s, c, store, rows, out, record_limit);
+  // Nothing reads the full matrix after this.
+  if (!c.compressed) float_matrix().swap(store.g_full);
+  write_matrix_tail(to, s, sens_sq, record_limit);
 
   // The last checkpoint: after the sync, which can take a while for a large
   // file, and before the file takes the place of an earlier one.
@@ -149,8 +179,7 @@ int64_t framed_bytes(int64_t payload, int64_t limit) {
   return add_sizes(payload, mul_sizes(frames, 8));
 }
 
-int64_t matrix_file_bytes(const survey& s, const compression& c, const row_payload_fn& row_payload,
-                          int64_t limit) {
+int64_t matrix_head_bytes(const survey& s, const compression& c, int64_t limit) {
   const mesh_model& mesh = s.mesh;
   const auto count = [](int32_t v) { return static_cast<int64_t>(count_of(v)); };
   const int64_t n = count(s.n);
@@ -160,7 +189,28 @@ int64_t matrix_file_bytes(const survey& s, const compression& c, const row_paylo
   total = add_sizes(total, framed_bytes(mul_sizes(4 * ny, nx), limit));
   total = add_sizes(total, framed_bytes(4 + 8 * count(c.ncof), limit));
   total = add_sizes(total, framed_bytes(12, limit));
-  total = add_sizes(total, framed_bytes(4 + 8 * n, limit));
+  return add_sizes(total, framed_bytes(4 + 8 * n, limit));
+}
+
+int64_t stored_rows_bytes(const survey& s, const compression& c, const matrix_store& store,
+                          row_range rows, int64_t limit) {
+  int64_t total = 0;
+  const int32_t count = rows.count();
+  for (int32_t i = 0; i < count; ++i) {
+    const int64_t payload =
+        c.compressed
+            ? compressed_row_payload(
+                  static_cast<int64_t>(store.g_compressed[static_cast<std::size_t>(i)].idx.size()))
+            : uncompressed_row_payload(s.n);
+    total = add_sizes(total, framed_bytes(payload, limit));
+  }
+  return total;
+}
+
+int64_t matrix_file_bytes(const survey& s, const compression& c, const row_payload_fn& row_payload,
+                          int64_t limit) {
+  const int64_t n = static_cast<int64_t>(count_of(s.n));
+  int64_t total = matrix_head_bytes(s, c, limit);
   const int32_t ndata = s.obs.ndata;
   for (int32_t i = 0; i < ndata; ++i) total = add_sizes(total, framed_bytes(row_payload(i), limit));
   return add_sizes(total, framed_bytes(8 * n, limit));

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "base/channels.hpp"
+#include "base/row_range.hpp"
 #include "model/model.hpp"
 #include "output/output_file.hpp"
 #include "wavelet/compression.hpp"
@@ -24,11 +25,23 @@ struct record_block {
   std::size_t bytes;
 };
 
+// record_out: where the records of a matrix file go, byte after byte in
+// file order (an output_file, or a process's part of a file written by
+// several processes).
+class record_out {
+ public:
+  virtual ~record_out() = default;
+  // write: bytes from p. Fails: a write that fails: its stop.
+  virtual void write(const void* p, std::size_t bytes) = 0;
+};
+
 // write_record: one record made of the blocks in order, framed as
 // [i32 length][payload][i32 length]; above `limit` payload bytes it is split
 // into frames of exactly `limit` bytes and a last one of the rest, the signs
 // of the markers telling first, middle and last apart.
-// Fails: a write that fails: cannot_write.
+// Fails: a write that fails: cannot_write (or the record_out's stop).
+void write_record(record_out& f, const std::vector<record_block>& blocks,
+                  int64_t limit = subrecord_limit);
 void write_record(output_file& f, const std::vector<record_block>& blocks,
                   int64_t limit = subrecord_limit);
 
@@ -49,6 +62,32 @@ void write_record(output_file& f, const std::vector<record_block>& blocks,
 void write_matrix(const std::string& path, const survey& s, const compression& c,
                   matrix_store& store, int32_t flag, const std::vector<double>& sens_sq,
                   const run_log& out, int64_t record_limit = subrecord_limit);
+
+// The three parts of the matrix file, for a file that several processes
+// write, each its rows. Fails: as write_matrix.
+//   check_matrix_arrays: the arrays hold what their counts say, for a store
+//     that holds the rows of `rows`; sens_sq is checked where check_tail.
+//   write_matrix_head: records 1 to 6 (sizes, nodes, column tops, filter,
+//     padded extents, flag and wtz).
+//   write_matrix_rows: the row records of the store, the data of `rows` in
+//     order, a checkpoint before each (out.check_interrupt).
+//   write_matrix_tail: the last record, sens_sq.
+void check_matrix_arrays(const survey& s, const compression& c, const matrix_store& store,
+                         row_range rows, const std::vector<double>* sens_sq);
+void write_matrix_head(record_out& f, const survey& s, const compression& c, int32_t flag,
+                       int64_t record_limit = subrecord_limit);
+void write_matrix_rows(record_out& f, const survey& s, const compression& c,
+                       const matrix_store& store, row_range rows, const run_log& out,
+                       int64_t record_limit = subrecord_limit);
+void write_matrix_tail(record_out& f, const survey& s, const std::vector<double>& sens_sq,
+                       int64_t record_limit = subrecord_limit);
+
+// matrix_head_bytes: the bytes of records 1 to 6 in the file.
+int64_t matrix_head_bytes(const survey& s, const compression& c, int64_t limit = subrecord_limit);
+// stored_rows_bytes: the bytes of the row records of the store (the data of
+// `rows`) in the file.
+int64_t stored_rows_bytes(const survey& s, const compression& c, const matrix_store& store,
+                          row_range rows, int64_t limit = subrecord_limit);
 
 // framed_bytes: what a record of payload bytes takes in the file: the
 // payload and 8 bytes of markers per frame (one frame for an empty record).

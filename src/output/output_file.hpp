@@ -38,6 +38,10 @@ class output_file {
   // Fails: cannot_write(name, reason).
   static void probe(const std::string& name);
 
+  // temporary: the file's temporary name while it is being written (empty
+  // once it is in place), for other writers of the same file.
+  const std::string& temporary() const { return temp_; }
+
   // temporary_prefix: what the names of temporary files of name begin with.
   static std::string temporary_prefix(const std::string& name) { return name + "."; }
 

@@ -57,7 +57,8 @@ int64_t predicted_matrix_bytes(const survey& s, const compression& c) {
 }
 
 void check_output_room(const survey& s, const compression& c, const std::string& matrix_name,
-                       const run_log& out) {
+                       const run_log& out, int32_t rows_held) {
+  const int32_t held = rows_held >= 0 ? rows_held : (s.obs.ndata > 0 ? s.obs.ndata : 0);
   output_file::probe(matrix_name);
   const int64_t file_bytes = predicted_matrix_bytes(s, c);
   if (file_bytes < 0) return;
@@ -67,7 +68,7 @@ void check_output_room(const survey& s, const compression& c, const std::string&
 
   if (!c.compressed) {
     const int64_t matrix_bytes =
-        mul_sizes(uncompressed_row_payload(s.n), s.obs.ndata > 0 ? s.obs.ndata : 0);
+        mul_sizes(uncompressed_row_payload(s.n), held);
     const bool memory_short = memory >= 0 && matrix_bytes > memory;
     if (!file_short && !memory_short) return;
     stop st;
@@ -96,8 +97,9 @@ void check_output_room(const survey& s, const compression& c, const std::string&
                 "         more than the " + bytes_text(free_bytes) + " free in its file system.", ""});
   }
   int64_t rows_bytes = 0;
-  for (int64_t k : predicted_kept(s, c))
-    rows_bytes = add_sizes(rows_bytes, add_sizes(mul_sizes(k, 8), row_overhead_bytes));
+  const std::vector<int64_t> kept = predicted_kept(s, c);
+  for (std::size_t i = 0; i < kept.size() && static_cast<int64_t>(i) < held; ++i)
+    rows_bytes = add_sizes(rows_bytes, add_sizes(mul_sizes(kept[i], 8), row_overhead_bytes));
   if (memory >= 0 && rows_bytes > memory) {
     out.report({"", "WARNING: the compressed rows are predicted to need " + bytes_text(rows_bytes),
                 "         of memory, more than the " + bytes_text(memory) + " available.", ""});

@@ -21,18 +21,19 @@ int64_t predicted_matrix_bytes(const survey& s, const compression& c);
 
 // check_output_room
 // Given: the survey, the compression record after the threshold estimate,
-//   the matrix file's name, the run's log. Before the row loop.
+//   the matrix file's name, the run's log; the rows this process holds in
+//   memory (-1: every row). Before the row loop.
 // Returns: when the run can finish. A compressed run with an estimate gets
 //   the predicted size of the matrix file in the log, and a warning on screen
 //   and log where that file would not fit in the free space of its file
 //   system or its rows in the memory the system has available.
 // Fails: no file can be made in the matrix file's directory: cannot_write.
 //   An uncompressed run whose matrix file does not fit in the free space, or
-//   whose matrix (n x ndata 32-bit floats) does not fit in the available
-//   memory: a report of what it needs and what there is, then a stop, with
+//   whose matrix (n x the rows held, 32-bit floats) does not fit in the
+//   available memory: a report of what it needs and what there is, then a stop, with
 //   exit status 1 when the file does not fit (an output that can't be
 //   written) and 0 when only the memory is short (as every allocation stop).
 void check_output_room(const survey& s, const compression& c, const std::string& matrix_name,
-                       const run_log& out);
+                       const run_log& out, int32_t rows_held = -1);
 
 }  // namespace quolvent

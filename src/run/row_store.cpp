@@ -23,9 +23,12 @@ struct compress_part : row_sink::thread_part {
 void store_sink::begin(int32_t n, int32_t ndata, const char* alloc_name) {
   const std::size_t len = static_cast<std::size_t>(n > 0 ? n : 0);
   const std::size_t nd = static_cast<std::size_t>(ndata > 0 ? ndata : 0);
-  // Every row lands in its own record or column of the store: it has to hold them all.
-  if (c_.compressed && store_.g_compressed.size() != nd) stop_text("size(g_compressed) /= ndata");
-  if (!c_.compressed && store_.g_full.size() != len * nd) stop_text("size(g_full) /= n * ndata");
+  // Every row lands in its own record or column of the store: it has to hold
+  // them all.
+  const std::size_t held = static_cast<std::size_t>(rows_.count());
+  if (rows_.first < 0 || rows_.last > ndata) stop_text("rows outside the data");
+  if (c_.compressed && store_.g_compressed.size() != held) stop_text("size(g_compressed) /= ndata");
+  if (!c_.compressed && store_.g_full.size() != len * held) stop_text("size(g_full) /= n * ndata");
   if (c_.compressed && s_.obs_type.size() < nd) stop_text("size(obs_type) /= ndata");
   nnz_ = 0;
   if (!c_.compressed) return;
@@ -39,7 +42,8 @@ double store_sink::test_model() const { return c_.compressed ? test_model_value 
 
 float* store_sink::full_column(int32_t datum) {
   if (c_.compressed) return nullptr;
-  return store_.g_full.data() + static_cast<std::size_t>(datum) * static_cast<std::size_t>(s_.n);
+  return store_.g_full.data() +
+         static_cast<std::size_t>(datum - rows_.first) * static_cast<std::size_t>(s_.n);
 }
 
 std::unique_ptr<row_sink::thread_part> store_sink::open_thread() {
@@ -51,7 +55,7 @@ std::unique_ptr<row_sink::thread_part> store_sink::open_thread() {
 void store_sink::put(thread_part& t, int32_t datum, const double* row, double test_datum) {
   auto& part = static_cast<compress_part&>(t);
   const std::size_t d = static_cast<std::size_t>(datum);
-  compressed_row& rec = store_.g_compressed[d];
+  compressed_row& rec = store_.g_compressed[static_cast<std::size_t>(datum - rows_.first)];
   data_full_[d] = test_datum;
   row_err_[d] = COMPRESS_ROW(c_, s_.cells, row, s_.n, rec, part.nnz, s_.obs_type[d], part.ws);
   data_comp_[d] = dot_compressed(test_model_w_, rec);

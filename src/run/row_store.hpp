@@ -10,6 +10,7 @@
 #include <mutex>
 #include <vector>
 
+#include "base/row_range.hpp"
 #include "model/model.hpp"
 #include "sens/row_sink.hpp"
 #include "wavelet/compression.hpp"
@@ -18,9 +19,13 @@ namespace quolvent {
 
 class store_sink : public row_sink {
  public:
-  // The survey, the compression record and the store outlive the sink.
+  // The survey, the compression record and the store outlive the sink. The
+  // store holds the rows of the data of `rows` (every datum by default), the
+  // first at 0.
   store_sink(const survey& s, const compression& c, matrix_store& store)
-      : s_(s), c_(c), store_(store) {}
+      : store_sink(s, c, store, all_rows(s.obs.ndata)) {}
+  store_sink(const survey& s, const compression& c, matrix_store& store, row_range rows)
+      : s_(s), c_(c), store_(store), rows_(rows) {}
 
   void begin(int32_t n, int32_t ndata, const char* alloc_name) override;
   double test_model() const override;
@@ -31,11 +36,16 @@ class store_sink : public row_sink {
 
   // After the loop: the total of kept coefficients, the data of the test
   // model from the full rows and from the compressed ones, and each stored
-  // row's relative error, by datum (empty when the rows are not compressed).
+  // row's relative error, by datum (empty when the rows are not compressed;
+  // ndata long, set for the data of the sink's rows).
   int64_t nnz() const { return nnz_; }
   const std::vector<double>& data_full() const { return data_full_; }
   const std::vector<double>& data_comp() const { return data_comp_; }
   const std::vector<double>& row_error() const { return row_err_; }
+  // The same, to be completed with the values of other processes' rows.
+  std::vector<double>& data_full() { return data_full_; }
+  std::vector<double>& data_comp() { return data_comp_; }
+  std::vector<double>& row_error() { return row_err_; }
   // release_check: frees the arrays of the compression check.
   void release_check();
 
@@ -43,6 +53,7 @@ class store_sink : public row_sink {
   const survey& s_;
   const compression& c_;
   matrix_store& store_;
+  row_range rows_;
   std::vector<double> test_model_w_, data_full_, data_comp_, row_err_;
   int64_t nnz_ = 0;
   std::mutex lock_;

@@ -24,6 +24,7 @@
 #include "output/output_room.hpp"
 #include "run/control_file.hpp"
 #include "run/row_store.hpp"
+#include "run/run_group.hpp"
 #include "sens/grid_check.hpp"
 #include "sens/gsus_mod.hpp"
 #include "sens/gsus_no_atan_mod.hpp"
@@ -144,12 +145,23 @@ std::string output_path(const run_options& options, const std::string& name) {
   return options.outdir.back() == '/' ? options.outdir + name : options.outdir + "/" + name;
 }
 
-// run_pipeline: steps 13 to 33, from the mesh to the uncompress stage.
+// round_mean: the exact sums rounded, and divided by ndata (no data: 0).
+void round_mean(const exact_sums& sums, int32_t ndata, std::vector<double>& mean) {
+  sums.round(mean);
+  if (ndata > 0) {
+    for (double& v : mean) v /= ndata;
+  }
+}
+
+// run_pipeline: steps 13 to 33, from the mesh to the uncompress stage. Every
+// process of the group runs it; each computes and holds the rows of its own
+// data, and the first writes what the others only help to make.
 void run_pipeline(const run_params& params, phase_clock& clock, run_log& out,
-                  const run_options& options, run_summary& sum) {
+                  const run_options& options, run_summary& sum, run_group& group) {
   auto timed = [&](const char* label) {
     sum.phase_seconds.emplace_back(label, clock.phase_timer(label, 1, out.screen(), out.log()));
   };
+  const bool leads = group.leads();
   // init: the model, the data, the ground and the weighting.
   const survey s = read_survey(params, out);
   const grid_survey grid = grid_check(s.mesh, s.obs, s.data_kind);
@@ -166,7 +178,7 @@ void run_pipeline(const run_params& params, phase_clock& clock, run_log& out,
   assign_or_stop(sens_sq, static_cast<std::size_t>(s.n), 0.0, "sens3d");
   assign_or_stop(sens_avg, static_cast<std::size_t>(s.n), 0.0, "sens3d");
   // The sample rows of the threshold estimate: the survey's directions, on
-  // this thread.
+  // this thread. The first process estimates; the others take its thresholds.
   row_workspace sample_ws =
       make_row_workspace(survey_directions(s.obs), mesh_length_scale(s.mesh));
   const sample_row_fn sample_row = [&](int32_t idat, std::vector<double>& row) {
@@ -175,32 +187,46 @@ void run_pipeline(const run_params& params, phase_clock& clock, run_log& out,
              s.mesh.ny, s.mesh.nx, s.mesh.nz, s.top_index.data(), idat, s.obs.obs_y[d],
              s.obs.obs_x[d], s.mesh.z0 - s.obs.obs_z[d], row.data(), row.size(), out);
   };
-  const compression c = setup_compression(s, params.wavelet, params.eps_line, sample_row, out);
+  compression c =
+      setup_compression(s, params.wavelet, params.eps_line, sample_row, out, leads);
   DEALLOC_AT(sample_ws.cache);
+  group.share_thresholds(c);
   // Before the first row: a run whose outputs can't be written stops now.
   sum.compressed = c.compressed;
   sum.wctol_surface = c.wctol_surface;
   sum.wctol_borehole = c.wctol_borehole;
-  check_output_room(s, c, output_path(options, "dulmarok.mtx"), out);
-  matrix_store store = make_matrix_store(c, s.n, s.obs.ndata);
+  const row_range rows = group.rows(s.obs.ndata);
+  check_output_room(s, c, output_path(options, "dulmarok.mtx"), out, rows.count());
+  matrix_store store = make_matrix_store(c, s.n, rows.count());
   {
-    store_sink sink(s, c, store);
+    store_sink sink(s, c, store, rows);
+    row_sums sums;
     if (grid.regular) {
-      KERNEL2(s, grid, sink, sens_sq, sens_avg, out);
+      KERNEL2(s, grid, sink, rows, sums, out);
     } else {
-      KERNEL(s, sink, sens_sq, sens_avg, out);
+      KERNEL(s, sink, rows, sums, out);
+    }
+    group.reduce_sums(sums.sq);
+    group.reduce_sums(sums.avg);
+    if (leads) {
+      sums.sq.round(sens_sq);
+      round_mean(sums.avg, s.obs.ndata, sens_avg);
     }
     sum.nnz = int64_t{s.n} * s.obs.ndata;
     if (c.compressed) {
+      const int64_t nnz = group.total(sink.nnz());
+      group.gather_rows(sink.data_full(), rows);
+      group.gather_rows(sink.data_comp(), rows);
+      group.gather_rows(sink.row_error(), rows);
       const compression_figures fig =
-          report_compression(s.n, s.obs.ndata, sink.nnz(), sink.data_full().data(),
+          report_compression(s.n, s.obs.ndata, nnz, sink.data_full().data(),
                              sink.data_comp().data(), sink.row_error().data(), out);
-      sum.nnz = sink.nnz();
+      sum.nnz = nnz;
       sum.compression_ratio = fig.ratio;
       sum.achieved_error = fig.achieved_error;
       sum.row_error_mean = fig.row_error_mean;
       sum.row_error_max = fig.row_error_max;
-      if (params.diag_flag) {
+      if (params.diag_flag && leads) {
         write_data_file(output_path(options, "data_notcompressed.txt"), s.obs, sink.data_full());
         write_data_file(output_path(options, "data_compressed.txt"), s.obs, sink.data_comp());
       }
@@ -208,18 +234,26 @@ void run_pipeline(const run_params& params, phase_clock& clock, run_log& out,
   }
   timed("sens");
   out.enter_phase("writing");
-  write_sensitivity_model(sens_avg, s.mesh, s.top_index, output_path(options, "sensitivity.txt"));
-  write_matrix(output_path(options, "dulmarok.mtx"), s, c, store, 1, sens_sq, out);
+  if (leads)
+    write_sensitivity_model(sens_avg, s.mesh, s.top_index, output_path(options, "sensitivity.txt"));
+  group.write_matrix(output_path(options, "dulmarok.mtx"), s, c, store, rows, sens_sq, out);
   std::vector<double>().swap(sens_sq);
 
   // uncompress: what the compressed rows make of the average sensitivity.
   if (c.compressed && params.diag_flag) {
     out.enter_phase("uncompress");
-    UNCOMPRESSG(c, s.cells, store, s.n, s.obs.ndata, s.wtz, sens_avg, out);
-    write_sensitivity_model(sens_avg, s.mesh, s.top_index,
-                            output_path(options, "sensitivity_compressed.txt"));
+    exact_sums sums;
+    UNCOMPRESSG(c, s.cells, store, s.n, rows, s.obs.ndata, s.wtz, sums, out);
+    group.reduce_sums(sums);
+    if (leads) {
+      round_mean(sums, s.obs.ndata, sens_avg);
+      write_sensitivity_model(sens_avg, s.mesh, s.top_index,
+                              output_path(options, "sensitivity_compressed.txt"));
+    }
     timed("uncompress");
   }
+  // Every process is through, and every output in place.
+  group.agree();
 }
 
 }  // namespace
@@ -227,6 +261,9 @@ void run_pipeline(const run_params& params, phase_clock& clock, run_log& out,
 void sens3d(int argc, char** argv, run_log& out, const run_options& options) {
   run_summary scratch;
   run_summary& sum = options.summary ? *options.summary : scratch;
+  solo_group solo;
+  run_group& group = options.group ? *options.group : solo;
+  out.set_hook(group.hook());
   const int nargs = argc - 1;
 
   // Set-up: floating-point control, affinity and threads, before any
@@ -236,7 +273,7 @@ void sens3d(int argc, char** argv, run_log& out, const run_options& options) {
   const thread_count_scope threads(nargs == 2 ? thread_count_from(argv[2]) : 0);
   phase_clock clock;
   clock.phase_timer("start", 0, out.screen(), nullptr);
-  print_banner("QUOLVENT", out.screen());
+  print_banner("QUOLVENT", out.screen(), group.banner_line());
   if (nargs < 1) {
     print_usage(out);
     stop_plain();
@@ -244,14 +281,17 @@ void sens3d(int argc, char** argv, run_log& out, const run_options& options) {
   std::string input_name(argv[1]);
   if (input_name.size() > field_width) input_name.resize(field_width);
 
-  out.open_log(output_path(options, "quolvent.log"));
-  print_banner("QUOLVENT", out.log());
+  if (group.leads())
+    out.open_log(output_path(options, "quolvent.log"));
+  else
+    out.adopt_log(group.side_log());
+  print_banner("QUOLVENT", out.log(), group.banner_line());
   const run_params params = read_control_file(input_name, out);
   print_timestamp("QUOLVENT started on: ", out.log());
   print_parameters(params, input_name, out);
   try {
     sum.wavelet = params.wavelet;
-    run_pipeline(params, clock, out, options, sum);
+    run_pipeline(params, clock, out, options, sum, group);
   } catch (const std::bad_alloc&) {
     // An allocation without a report of its own: say so plainly and stop.
     stop_report({"", "ERROR: not enough memory for this run.", ""});
@@ -286,19 +326,24 @@ int run_command_line(int argc, char** argv, std::FILE* screen, const run_options
   run_log out(screen);
   out.watch_interrupts(&watch);
   int status = 0;
-  try {
-    sens3d(argc, argv, out, options);
-  } catch (const stop& s) {
+  // A stop of a run shared by several processes is settled among them
+  // first: the report of the process that stopped goes to the first one.
+  const auto deliver = [&](const stop& own) {
+    const stop s = options.group ? options.group->settle(own) : own;
     out.deliver(s);
     status = s.status;
     if (options.summary) options.summary->report = report_text(s);
+  };
+  try {
+    sens3d(argc, argv, out, options);
+  } catch (const stop& s) {
+    deliver(s);
   } catch (const std::bad_alloc&) {
     // Before the pipeline, or while a stop was being made.
     stop s;
     s.screen_lines = {"", "ERROR: not enough memory for this run.", ""};
     s.log_lines = s.screen_lines;
-    out.deliver(s);
-    if (options.summary) options.summary->report = report_text(s);
+    deliver(s);
   }
   out.close_log();
   if (screen) std::fflush(screen);

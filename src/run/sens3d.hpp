@@ -11,6 +11,8 @@
 
 namespace quolvent {
 
+class run_group;
+
 // run_summary: what a run found and made, for a caller that embeds it.
 struct run_summary {
   int status = 0;             // the exit status the program would give
@@ -31,11 +33,14 @@ struct run_summary {
 // run_options: where a run's outputs go (the log included; empty: the
 // current directory), and where its summary goes (nullptr: nowhere).
 // A program sets its own thread affinity; a caller that embeds runs in a
-// process of its own may keep the runtime from binding its threads.
+// process of its own may keep the runtime from binding its threads. group:
+// the processes that share the run (nullptr: this one alone); only the first
+// of them writes the screen and the log.
 struct run_options {
   std::string outdir;
   run_summary* summary = nullptr;
   bool set_affinity = true;
+  run_group* group = nullptr;
 };
 
 // sens3d

@@ -7,23 +7,32 @@
 #include <cstdint>
 #include <vector>
 
+#include "sens/prism_lanes.hpp"
+
 namespace quolvent {
 
-// arctangent_cache: r_node, at_x, at_y, each ez * ex * ey values with the
-// node (k, i, j) (1-based: z, x, y) at (k-1) + ez*((i-1) + ex*(j-1)).
+// arctangent_cache: r_node, at_x, at_y, each ez * ex * ey values (and
+// lane_pad more, which the vector loops may touch) with the node (k, i, j)
+// (1-based: z, x, y) at (k-1) + ez*((i-1) + ex*(j-1)), so that the four node
+// lines around a column run with unit stride in k.
 // ez, ex, ey are the node counts the arrays were made for (0: none yet).
-// col_q, col_s (3 ez values each) and col_edge (ez) are the work space of the
-// prism formula for the cells of one column.
+// z_node (ez + lane_pad) holds zn[k] - oz of the point. col (ez + lane_pad)
+// is the work space of the prism formula for the cells of one column;
+// z_side and run_end (ez) the side of each layer's planes and the last layer
+// of each run of one side; flagged the cells of a row left to the one-cell
+// formula.
 struct arctangent_cache {
-  std::vector<double> at_x, at_y, r_node;
-  std::vector<double> col_q, col_s;
-  std::vector<unsigned char> col_edge;
+  std::vector<double> at_x, at_y, r_node, z_node;
+  std::vector<double> col;
+  std::vector<unsigned char> z_side;
+  std::vector<int32_t> run_end;
+  std::vector<flagged_cell> flagged;
   int32_t ez = 0, ex = 0, ey = 0;
 };
 
 // CALC_ARCTANGENTS: fills the cache c for the point (oy, ox, oz) over the
 // mesh yn[0..ny], xn[0..nx], zn[0..nz] (zn are depths), column tops
-// top[(j-1) + (i-1)*ny], with arctangents at most `width` lanes at a time.
+// top[(j-1) + (i-1)*ny], on the vector target `target` (vector_math.hpp).
 // A y or x offset of exactly 0 is taken as `shift` in the denominators of the
 // arctangents (zero_offset of the mesh's length scale).
 // Only the part of each node line that some cell below the ground can reach
@@ -31,7 +40,7 @@ struct arctangent_cache {
 // down, the rim of the mesh always whole. The arrays are made anew when the
 // node counts change.
 // Fails: no memory for the arrays: the allocation stop "calc_arctangents".
-void CALC_ARCTANGENTS(arctangent_cache& c, int width, double shift, const double* yn,
+void CALC_ARCTANGENTS(arctangent_cache& c, int64_t target, double shift, const double* yn,
                       const double* xn, const double* zn, int32_t ny, int32_t nx, int32_t nz,
                       const int32_t* top, double oy, double ox, double oz);
 

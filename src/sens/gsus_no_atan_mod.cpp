@@ -8,6 +8,7 @@
 
 #include "base/format.hpp"
 #include "base/stop.hpp"
+#include "sens/prism_lanes.hpp"
 #include "sens/vector_math.hpp"
 
 namespace quolvent {
@@ -36,6 +37,8 @@ cache_view view_of(const arctangent_cache& c, double edge_sq) {
 
 // gsus_prepare: the prism formula of one cell up to its logarithms: the
 // three quotients in q[0..2] and the arctangent sums Sy, Sx, Sz in s[0..2].
+// The vector loop (prism_lanes.cpp) does the same arithmetic on several
+// cells at once and leaves to this one the cells it can't vouch for.
 // Returns false (and leaves q and s alone) where the formula has no value: an
 // edge guard, or the point on the cell's node (2, 2, 2).
 inline bool gsus_prepare(const cache_view& cv, axis_side sy, axis_side sx, axis_side sz, double y1,
@@ -156,7 +159,7 @@ double on_node(double v, const double* nodes, int32_t m, double tol) {
 row_workspace make_row_workspace(const dir_products& d, double length_scale) {
   row_workspace ws;
   ws.dir = d;
-  ws.math_width = machine_vector_width();
+  ws.vector_target = run_vector_target();
   ws.length_scale = length_scale;
   return ws;
 }
@@ -171,6 +174,15 @@ void sens_row(row_workspace& ws, double geomag, const double* yn, const double* 
               const double* zn, int32_t ny, int32_t nx, int32_t nz, const int32_t* top,
               int32_t idat, double oy, double ox, double oz, double* g, std::size_t glen,
               const run_log& out) {
+  // The walk must fill g exactly: checked before anything is written.
+  std::size_t cells = 0;
+  for (int32_t j = 1; j <= ny; ++j)
+    for (int32_t i = 1; i <= nx; ++i)
+      cells += static_cast<std::size_t>(
+          nz - std::clamp(top[static_cast<std::size_t>(j - 1) + static_cast<std::size_t>(i - 1) * ny],
+                          0, nz));
+  if (cells != glen) stop_text("indx /= size(g)");
+
   const double scale = geomag / four_pi;
   // A point on a node plane up to the rounding of its coordinates is on it:
   // offsets of exactly 0 there, so that the plane's side rules hold.
@@ -179,53 +191,54 @@ void sens_row(row_workspace& ws, double geomag, const double* yn, const double* 
   ox = on_node(ox, xn, nx, tol);
   oz = on_node(oz, zn, nz, tol);
   arctangent_cache& c = ws.cache;
-  CALC_ARCTANGENTS(c, ws.math_width, zero_offset(ws.length_scale), yn, xn, zn, ny, nx, nz, top,
+  CALC_ARCTANGENTS(c, ws.vector_target, zero_offset(ws.length_scale), yn, xn, zn, ny, nx, nz, top,
                    oy, ox, oz);
-  const cache_view cv = view_of(c, edge_guard_sq(ws.length_scale));
-  const dir_products d = ws.dir;
-  double* q = c.col_q.data();
-  double* s = c.col_s.data();
-  unsigned char* no_value = c.col_edge.data();
 
-  std::size_t indx = 0;
-  for (int32_t j = 1; j <= ny; ++j) {
+  // The side of each layer's planes, and the runs of one side: a column
+  // splits into at most three stretches (above the point, across its depth,
+  // below it), each one straight vector loop.
+  for (int32_t k = 1; k <= nz; ++k)
+    c.z_side[static_cast<std::size_t>(k)] = static_cast<unsigned char>(
+        axis_flag(c.z_node[static_cast<std::size_t>(k - 1)], c.z_node[static_cast<std::size_t>(k)]));
+  for (int32_t k = nz; k >= 1; --k)
+    c.run_end[static_cast<std::size_t>(k)] =
+        (k < nz && c.z_side[static_cast<std::size_t>(k)] == c.z_side[static_cast<std::size_t>(k + 1)])
+            ? c.run_end[static_cast<std::size_t>(k + 1)]
+            : k;
+
+  const double edge_sq = edge_guard_sq(ws.length_scale);
+  const prism_row_in in{c.r_node.data(), c.at_x.data(), c.at_y.data(), c.ez,     c.ex,
+                        yn,              xn,              c.z_node.data(), c.z_side.data(),
+                        c.run_end.data(), top,            ny,             nx,       nz,
+                        oy,              ox,              edge_sq,        scale,    ws.dir};
+  c.flagged.clear();
+  prism_row(ws.vector_target, in, g, c.col.data(), c.flagged);
+
+  // The cells the vector loop set aside, in cell order, one at a time: those
+  // with a value get it here, the others 0 and the edge message.
+  const cache_view cv = view_of(c, edge_sq);
+  for (const flagged_cell& f : c.flagged) {
+    const int32_t j = f.j, i = f.i, k = f.k;
     const double y1 = yn[j - 1] - oy, y2 = yn[j] - oy;
-    const double y1sq = y1 * y1, y2sq = y2 * y2;
-    const axis_side sy = axis_flag(y1, y2);
-    for (int32_t i = 1; i <= nx; ++i) {
-      const double x1 = xn[i - 1] - ox, x2 = xn[i] - ox;
-      const double x1sq = x1 * x1, x2sq = x2 * x2;
-      const axis_side sx = axis_flag(x1, x2);
-      const int32_t kt = std::clamp(
-          top[static_cast<std::size_t>(j - 1) + static_cast<std::size_t>(i - 1) * ny], 0, nz);
-      const std::size_t m = static_cast<std::size_t>(nz - kt);
-      if (m > glen - indx) stop_text("indx /= size(g)");
-
-      // The column's cells in two passes, so that their logarithms are taken
-      // together: the quotients and sums first, then the logarithms and values.
-      for (std::size_t t = 0; t < m; ++t) {
-        const int32_t k = kt + 1 + static_cast<int32_t>(t);
-        const double z1 = zn[k - 1] - oz, z2 = zn[k] - oz;
-        const axis_side sz = axis_flag(z1, z2);
-        const bool ok = gsus_prepare(cv, sy, sx, sz, y1, y2, x1, x2, z1, z2, y1sq, y2sq, x1sq,
-                                     x2sq, z1 * z1, z2 * z2, j, i, k, q + 3 * t, s + 3 * t);
-        no_value[t] = ok ? 0 : 1;
-        if (!ok) q[3 * t] = q[3 * t + 1] = q[3 * t + 2] = 1.0;
-      }
-      log_array(q, 3 * m, ws.math_width);
-      for (std::size_t t = 0; t < m; ++t) {
-        double v = no_value[t] ? 0.0 : gsus_finish(d, q + 3 * t, s + 3 * t) * scale;
-        // A value that isn't a number (a degenerate cell) is treated like a
-        // point on an edge: no NaN or Inf ever reaches a row.
-        if (no_value[t] || !std::isfinite(v)) {
-          edge_message(out, idat, i, j, kt + 1 + static_cast<int32_t>(t));
-          v = 0.0;
-        }
-        g[indx++] = v;
-      }
+    const double x1 = xn[i - 1] - ox, x2 = xn[i] - ox;
+    const double z1 = zn[k - 1] - oz, z2 = zn[k] - oz;
+    double q[3], s[3];
+    const bool ok = gsus_prepare(cv, axis_flag(y1, y2), axis_flag(x1, x2), axis_flag(z1, z2), y1,
+                                 y2, x1, x2, z1, z2, y1 * y1, y2 * y2, x1 * x1, x2 * x2, z1 * z1,
+                                 z2 * z2, j, i, k, q, s);
+    double v = 0.0;
+    if (ok) {
+      for (double& e : q) e = std::log(e);
+      v = gsus_finish(ws.dir, q, s) * scale;
     }
+    // A value that isn't a number (a degenerate cell) is treated like a
+    // point on an edge: no NaN or Inf ever reaches a row.
+    if (!ok || !std::isfinite(v)) {
+      edge_message(out, idat, i, j, k);
+      v = 0.0;
+    }
+    g[f.indx] = v;
   }
-  if (indx != glen) stop_text("indx /= size(g)");
 }
 
 }  // namespace quolvent

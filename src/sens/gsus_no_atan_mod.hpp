@@ -12,21 +12,21 @@
 namespace quolvent {
 
 // row_workspace: what one thread needs to compute rows: the direction
-// products of its current datum, the arctangent cache, the widest vector
-// width its arctangents and logarithms may use, and the length scale of the
-// model's mesh (mesh_length_scale), which the geometric tolerances of the
-// prism formula are measured in. Made inside each parallel region, one per
-// thread.
+// products of its current datum, the arctangent cache, the vector target its
+// loops run on (vector_math.hpp), and the length scale of the model's mesh
+// (mesh_length_scale), which the geometric tolerances of the prism formula
+// are measured in. Made inside each parallel region, one per thread.
 struct row_workspace {
   dir_products dir;
   arctangent_cache cache;
-  int math_width = 4;
+  int64_t vector_target = 0;
   double length_scale = 1.0;
 };
 
 // make_row_workspace: a workspace for directions d and the model mesh's length
-// scale, at the machine's width. A row over another mesh (the extended mesh
-// of the regular-grid loop) keeps the model's scale, so that both loops
+// scale, on the run's vector target (run_vector_target: the machine's widest
+// unless QUOLVENT_VECTOR names another). A row over another mesh (the extended
+// mesh of the regular-grid loop) keeps the model's scale, so that both loops
 // treat a point near an edge alike.
 row_workspace make_row_workspace(const dir_products& d, double length_scale);
 
@@ -74,11 +74,14 @@ axis_side axis_flag(double a, double b);
 //   Returns: g[0..glen-1] filled in the order y, x, z, cells k = top+1..nz of
 //            each column: the integral over each cell of the dipole kernel
 //            for the workspace's directions, times geomag / (4 pi).
+//            The cells run several at a time on the workspace's vector
+//            target; a cell the vector loop can't vouch for is computed alone.
 //   Fails:   a cell where the point lies within 0.001 times the workspace's
 //            length scale of the line through a cell edge of an axis whose
 //            flag is 0 (edge_guard_sq), on a node of the cell, or
-//            whose value is not finite gets 0 and a message in the log; a walk
-//            that doesn't fill exactly glen entries stops with "indx /= size(g)".
+//            whose value is not finite gets 0 and a message in the log, in
+//            cell order; column tops that don't give exactly glen cells stop
+//            with "indx /= size(g)" before any cell is computed.
 void sens_row(row_workspace& ws, double geomag, const double* yn, const double* xn,
               const double* zn, int32_t ny, int32_t nx, int32_t nz, const int32_t* top,
               int32_t idat, double oy, double ox, double oz, double* g, std::size_t glen,

@@ -6,10 +6,13 @@
 #include <cstddef>
 #include <cstdlib>
 #include <new>
+#include <omp.h>
 #include <stdexcept>
 
 #include "base/stop.hpp"
+#include "base/vector_target.hpp"
 #include "model/mesh.hpp"
+#include "sens/grid_copy.hpp"
 #include "sens/gsus_mod.hpp"
 #include "sens/gsus_no_atan_mod.hpp"
 #include "sens/kernel_mod.hpp"
@@ -102,25 +105,6 @@ bool rows_fit(const mesh_model& mesh, int32_t n, const std::vector<int32_t>& top
   return cells == n;
 }
 
-// copy_cells: m cells of one column of the cube, each divided by its weight
-// w, with the thread's sums: avg takes the unweighted value as it stands in
-// the cube, sq the weighted one squared. The weighted values go, rounded to
-// 32 bits, to full when with_full; otherwise to the row at g, for compression.
-template <bool with_full>
-inline void copy_cells(const double* __restrict src, const double* __restrict w,
-                       double* __restrict g, double* __restrict avg, double* __restrict sq,
-                       float* __restrict full, int32_t m) {
-  for (int32_t k = 0; k < m; ++k) {
-    const double v = src[k] / w[k];
-    avg[k] += std::fabs(src[k]);
-    sq[k] += v * v;
-    if constexpr (with_full)
-      full[k] = static_cast<float>(v);
-    else
-      g[k] = v;
-  }
-}
-
 }  // namespace
 
 int32_t grid_shift(double cells) {
@@ -129,6 +113,13 @@ int32_t grid_shift(double cells) {
 
 void KERNEL2(const survey& s, const grid_survey& grid, row_sink& sink,
              std::vector<double>& sens_sq, std::vector<double>& sens_avg, const run_log& out) {
+  row_sums sums;
+  KERNEL2(s, grid, sink, all_rows(s.obs.ndata), sums, out);
+  round_sums(sums, s.obs.ndata, sens_sq, sens_avg);
+}
+
+void KERNEL2(const survey& s, const grid_survey& grid, row_sink& sink, row_range rows,
+             row_sums& sums, const run_log& out) {
   const mesh_model& mesh = s.mesh;
   const obs_set& obs = s.obs;
   const std::vector<int32_t>& top_index = s.top_index;
@@ -148,11 +139,12 @@ void KERNEL2(const survey& s, const grid_survey& grid, row_sink& sink,
     else
       out.report_log({"", " Regular survey without a usable reference datum or cell width,",
                       " so the rows are computed datum by datum.", ""});
-    KERNEL(s, sink, sens_sq, sens_avg, out);
+    KERNEL(s, sink, rows, sums, out);
     return;
   }
   if (!rows_fit(mesh, n, top_index)) stop_text("indx /= size(g)");
   if (s.wtz.size() != nn) stop_text("size(wtz) /= n");
+  if (rows.first < 0 || rows.last > ndata) stop_text("rows outside the data");
 
   // The cube and the extended mesh.
   const int32_t hy = plan.hy, hx = plan.hx, ny2 = plan.ny2, nx2 = plan.nx2;
@@ -178,10 +170,7 @@ void KERNEL2(const survey& s, const grid_survey& grid, row_sink& sink,
 
   // Every column of the extended mesh is full.
   std::fill(top2.begin(), top2.end(), 0);
-  sens_avg.assign(nn, 0.0);
-  sens_sq.assign(nn, 0.0);
-
-  begin_rows(sink, n, ndata, "kernel2", out);
+  begin_rows(sink, n, ndata, "kernel2", sums, out);
   const double test_model = sink.test_model();
 
   // The reference row over the extended mesh, on this thread alone, with the
@@ -190,14 +179,15 @@ void KERNEL2(const survey& s, const grid_survey& grid, row_sink& sink,
   const double oy = obs.obs_y[r];
   const double ox = obs.obs_x[r];
   const double oz = mesh.z0 - obs.obs_z[r];
-  {
+  // A process without rows has no use for it.
+  if (rows.count() > 0) {
     row_workspace ws = make_row_workspace(survey_directions(obs), mesh_length_scale(mesh));
     sens_row(ws, obs.geomag, yn2.data(), xn2.data(), mesh.zn.data(), ny2, nx2, nz, top2.data(),
              ref_datum, oy, ox, oz, gbig.data(), gbig.size(), out);
   }
 
   // Every row a shifted, weighted sub-block of the cube.
-  row_loop loop(out, ndata);
+  row_loop loop(out, ndata, sums);
   const double* cube = gbig.data();
   const double* wtz = s.wtz.data();
   const std::size_t col_stride = static_cast<std::size_t>(nz);
@@ -206,9 +196,12 @@ void KERNEL2(const survey& s, const grid_survey& grid, row_sink& sink,
   {
     thread_rows t;
     loop.latch.run([&] { begin_thread_rows(sink, n, "kernel2 g", "kernel2", t); });
+    const int64_t target = run_vector_target();
 
-#pragma omp for schedule(static) nowait
-    for (int32_t i = 0; i < ndata; ++i) {
+    // Whole groups of rows to each thread, in one block: a group's sums are
+    // made in datum order by one thread.
+    const row_range mine = split_rows(rows, omp_get_thread_num(), omp_get_num_threads());
+    for (int32_t i = mine.first; i < mine.last; ++i) {
       if (loop.latch.stopped()) continue;
       loop.latch.run([&] {
         out.check_interrupt();
@@ -224,23 +217,10 @@ void KERNEL2(const survey& s, const grid_survey& grid, row_sink& sink,
         // kept whole goes straight to its place in the store.
         float* column = sink.full_column(i);
         double* g = t.g.data();
-        std::size_t indx = 0;
-        for (int32_t j = 0; j < ny; ++j) {
-          const double* line = cube + base + static_cast<std::size_t>(j) * line_stride;
-          for (int32_t ip = 0; ip < nx; ++ip) {
-            const int32_t tp = top_index[static_cast<std::size_t>(j) +
-                                         static_cast<std::size_t>(ip) * static_cast<std::size_t>(ny)];
-            const double* col = line + static_cast<std::size_t>(ip) * col_stride + tp;
-            const int32_t m = nz - tp;
-            if (column != nullptr)
-              copy_cells<true>(col, wtz + indx, nullptr, t.avg.data() + indx, t.sq.data() + indx,
-                               column + indx, m);
-            else
-              copy_cells<false>(col, wtz + indx, g + indx, t.avg.data() + indx,
-                                t.sq.data() + indx, nullptr, m);
-            indx += static_cast<std::size_t>(m);
-          }
-        }
+        const grid_copy_in in{cube + base, line_stride, col_stride, top_index.data(),
+                              ny,          nx,          nz,         wtz};
+        grid_copy_row(target, in, t.avg.data(), t.sq.data(), column != nullptr ? nullptr : g,
+                      column);
 
         // A row through the sink: the test datum is that of the unweighted row.
         if (column == nullptr) {
@@ -251,17 +231,18 @@ void KERNEL2(const survey& s, const grid_survey& grid, row_sink& sink,
           sink.put(*t.part, i, g, full);
         }
         loop.progress.row_done();
+        if (ends_group(i, mine)) end_group(loop, t);
       });
     }
-    end_thread_rows(loop, sink, t, sens_sq, sens_avg);
+    end_thread_rows(loop, sink, t);
   }
   loop.latch.rethrow();
+  loop.progress.finish();
 
   std::vector<double>().swap(gbig);
   std::vector<double>().swap(yn2);
   std::vector<double>().swap(xn2);
   std::vector<int32_t>().swap(top2);
-  end_rows(ndata, sens_avg);
 }
 
 }  // namespace quolvent

@@ -10,6 +10,7 @@
 #include "base/channels.hpp"
 #include "model/model.hpp"
 #include "sens/grid_check.hpp"
+#include "sens/kernel_mod.hpp"
 #include "sens/row_sink.hpp"
 
 namespace quolvent {
@@ -27,6 +28,12 @@ namespace quolvent {
 //   An interrupt at a row's checkpoint (out.check_interrupt) ends the loop.
 void KERNEL2(const survey& s, const grid_survey& grid, row_sink& sink,
              std::vector<double>& sens_sq, std::vector<double>& sens_avg, const run_log& out);
+
+// KERNEL2, the rows of one process: the data of `rows` handed to the sink,
+// sums made n long holding the sums over them (as KERNEL's range form). The
+// cube is evaluated whole on every process that calls it.
+void KERNEL2(const survey& s, const grid_survey& grid, row_sink& sink, row_range rows,
+             row_sums& sums, const run_log& out);
 
 // grid_shift
 // Given: the offset of the reference point from a datum along one axis, in

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 #include <new>
+#include <omp.h>
 #include <stdexcept>
 
 #include "base/stop.hpp"
@@ -20,10 +21,25 @@ void alloc_row(std::vector<double>& v, int32_t n, const char* name) {
   assign_or_stop(v, static_cast<std::size_t>(n > 0 ? n : 0), 0.0, name);
 }
 
+// alloc_sums: empty sums of n cells, or the allocation stop with name.
+void alloc_sums(row_sums& sums, int32_t n, const char* name) {
+  const std::size_t len = static_cast<std::size_t>(n > 0 ? n : 0);
+  try {
+    sums.avg.assign(len);
+    sums.sq.assign(len);
+  } catch (const std::bad_alloc&) {
+    alloc_failed(name);
+  } catch (const std::length_error&) {
+    alloc_failed(name);
+  }
+}
+
 }  // namespace
 
-void begin_rows(row_sink& sink, int32_t n, int32_t ndata, const char* name, const run_log& out) {
+void begin_rows(row_sink& sink, int32_t n, int32_t ndata, const char* name, row_sums& sums,
+                const run_log& out) {
   sink.begin(n, ndata, name);
+  alloc_sums(sums, n, name);
   if (out.log() != nullptr) std::fflush(out.log());
   out.say_screen(" Calculating sensitivity matrix ...");
   out.say_screen(" % done:");
@@ -37,21 +53,27 @@ void begin_thread_rows(row_sink& sink, int32_t n, const char* g_name, const char
   t.part = sink.open_thread();
 }
 
-void end_thread_rows(row_loop& loop, row_sink& sink, thread_rows& t,
-                     std::vector<double>& sens_sq, std::vector<double>& sens_avg) {
+void end_group(row_loop& loop, thread_rows& t) {
+  const int start = omp_get_thread_num();
+  loop.avg.add_and_clear(t.avg.data(), start);
+  loop.sq.add_and_clear(t.sq.data(), start);
+}
+
+void end_thread_rows(row_loop& loop, row_sink& sink, thread_rows& t) {
 #pragma omp barrier
   std::vector<double>().swap(t.g);
+  std::vector<double>().swap(t.avg);
+  std::vector<double>().swap(t.sq);
   loop.latch.run([&] {
     if (t.part) sink.close_thread(*t.part);
   });
   t.part.reset();
-  if (loop.latch.stopped()) return;
-  std::lock_guard<std::mutex> hold(loop.sums_lock);
-  for (std::size_t k = 0; k < t.sq.size(); ++k) sens_sq[k] += t.sq[k];
-  for (std::size_t k = 0; k < t.avg.size(); ++k) sens_avg[k] += t.avg[k];
 }
 
-void end_rows(int32_t ndata, std::vector<double>& sens_avg) {
+void round_sums(const row_sums& sums, int32_t ndata, std::vector<double>& sens_sq,
+                std::vector<double>& sens_avg) {
+  sums.sq.round(sens_sq);
+  sums.avg.round(sens_avg);
   if (ndata > 0) {
     for (double& v : sens_avg) v /= ndata;
   }
@@ -59,23 +81,28 @@ void end_rows(int32_t ndata, std::vector<double>& sens_avg) {
 
 void KERNEL(const survey& s, row_sink& sink, std::vector<double>& sens_sq,
             std::vector<double>& sens_avg, const run_log& out) {
+  row_sums sums;
+  KERNEL(s, sink, all_rows(s.obs.ndata), sums, out);
+  round_sums(sums, s.obs.ndata, sens_sq, sens_avg);
+}
+
+void KERNEL(const survey& s, row_sink& sink, row_range rows, row_sums& sums, const run_log& out) {
   const mesh_model& mesh = s.mesh;
   const obs_set& obs = s.obs;
   const int32_t n = s.n;
   const int32_t ndata = obs.ndata;
   const std::size_t len = static_cast<std::size_t>(n > 0 ? n : 0);
-  sens_avg.assign(len, 0.0);
-  sens_sq.assign(len, 0.0);
 
   if (s.wtz.size() < len ||
       s.top_index.size() < static_cast<std::size_t>(mesh.ny) * static_cast<std::size_t>(mesh.nx)) {
     stop_text("size(wtz) /= n");
   }
+  if (rows.first < 0 || rows.last > ndata) stop_text("rows outside the data");
 
-  begin_rows(sink, n, ndata, "kernel", out);
+  begin_rows(sink, n, ndata, "kernel", sums, out);
   const double test_model = sink.test_model();
 
-  row_loop loop(out, ndata);
+  row_loop loop(out, ndata, sums);
   const dir_products master = survey_directions(obs);
   const double length_scale = mesh_length_scale(mesh);
   const double* yn = mesh.yn.data();
@@ -87,15 +114,17 @@ void KERNEL(const survey& s, row_sink& sink, std::vector<double>& sens_sq,
   const bool per_datum_dir = obs.idir == 0;
   const double* wtz = s.wtz.data();
 
-#pragma omp parallel shared(loop, sens_avg, sens_sq)
+#pragma omp parallel shared(loop)
   {
     row_workspace ws = make_row_workspace(master, length_scale);
     // The row and the private sums live on the heap, whatever the row length.
     thread_rows t;
     loop.latch.run([&] { begin_thread_rows(sink, n, "kernel g", "kernel", t); });
 
-#pragma omp for schedule(static) nowait
-    for (int32_t i = 1; i <= ndata; ++i) {
+    // Whole groups of rows to each thread, in one block: a group's sums are
+    // made in datum order by one thread.
+    const row_range mine = split_rows(rows, omp_get_thread_num(), omp_get_num_threads());
+    for (int32_t i = mine.first + 1; i <= mine.last; ++i) {
       if (loop.latch.stopped()) continue;
       loop.latch.run([&] {
         out.check_interrupt();
@@ -106,26 +135,34 @@ void KERNEL(const survey& s, row_sink& sink, std::vector<double>& sens_sq,
           SET_G_VALUES(obs.incl, obs.decl, obs.obs_aincl[d], obs.obs_adecl[d], ws.dir);
         sens_row(ws, obs.geomag, yn, xn, zn, ny, nx, nz, top, i, oy, ox, oz, g, len, out);
 
-        for (std::size_t k = 0; k < len; ++k) t.avg[k] += std::fabs(g[k]);
         // The datum of the test model, from the row before the weighting.
         double full = 0.0;
         if (test_model != 0.0) {
           for (std::size_t k = 0; k < len; ++k) full += test_model * g[k];
         }
-        for (std::size_t k = 0; k < len; ++k) g[k] /= wtz[k];
+        // The group's sums of |row| before the weighting and of the weighted
+        // row squared.
+        double* avg = t.avg.data();
+        double* sq = t.sq.data();
+        for (std::size_t k = 0; k < len; ++k) {
+          avg[k] += std::fabs(g[k]);
+          const double v = g[k] / wtz[k];
+          g[k] = v;
+          sq[k] += v * v;
+        }
         if (float* col = sink.full_column(i - 1)) {
           for (std::size_t k = 0; k < len; ++k) col[k] = static_cast<float>(g[k]);
         } else {
           sink.put(*t.part, i - 1, g, full);
         }
-        for (std::size_t k = 0; k < len; ++k) t.sq[k] += g[k] * g[k];
         loop.progress.row_done();
+        if (ends_group(i - 1, mine)) end_group(loop, t);
       });
     }
-    end_thread_rows(loop, sink, t, sens_sq, sens_avg);
+    end_thread_rows(loop, sink, t);
   }
   loop.latch.rethrow();
-  end_rows(ndata, sens_avg);
+  loop.progress.finish();
 }
 
 }  // namespace quolvent

@@ -1,106 +1,73 @@
-// Arctangents and logarithms of whole arrays.
+// Arctangents and logarithms of arrays on one vector target.
+// This file is compiled once per target (Highway's foreach_target).
+#undef HWY_TARGET_INCLUDE
+#define HWY_TARGET_INCLUDE "sens/vector_math.cpp"
+#include <hwy/foreach_target.h>  // IWYU pragma: keep
+
+#include <hwy/contrib/math/math-inl.h>
+#include <hwy/highway.h>
+
 #include "sens/vector_math.hpp"
 
-#include <algorithm>
-#include <cmath>
+HWY_BEFORE_NAMESPACE();
+namespace quolvent {
+namespace HWY_NAMESPACE {
+namespace hn = hwy::HWY_NAMESPACE;
 
-#if defined(__x86_64__) && defined(__ELF__)
-#define QUOLVENT_VECTOR_MATH 1
-#include <immintrin.h>
+// At most 16 doubles a vector, so that the padding of the arrays the vector
+// code reads past their end is bounded on every target.
+using lanes_tag = hn::CappedTag<double, 16>;
 
-// The two-lane entry points of the C library's vector math (libm brings them
-// in); the library steers them to its best variant for the processor.
-extern "C" __m128d _ZGVbN2v_atan(__m128d);
-extern "C" __m128d _ZGVbN2v_log(__m128d);
+int LanesOfDouble() { return static_cast<int>(hn::Lanes(lanes_tag())); }
 
-// The four-lane AVX2 entry points take and return their lanes in ymm0, which
-// the compiler does only for a caller built for AVX2: hence the target
-// attribute on them and on the two loops that call them. Each loop replaces
-// `groups` groups of four doubles at v in place.
-extern "C" __attribute__((target("avx2"))) __m256d _ZGVdN4v_atan(__m256d);
-extern "C" __attribute__((target("avx2"))) __m256d _ZGVdN4v_log(__m256d);
-
-namespace {
-
-__attribute__((target("avx2"))) void atan4_groups(double* v, std::size_t groups) {
-  for (std::size_t g = 0; g < groups; ++g, v += 4)
-    _mm256_storeu_pd(v, _ZGVdN4v_atan(_mm256_loadu_pd(v)));
+// map_array: f over v[0..count), whole vectors, the last few lanes through a
+// padded vector whose padding (pad) is harmless to f.
+template <class F>
+HWY_INLINE void map_array(double* v, std::size_t count, double pad, F f) {
+  const lanes_tag d;
+  const std::size_t n = hn::Lanes(d);
+  std::size_t i = 0;
+  for (; i + n <= count; i += n) hn::StoreU(f(d, hn::LoadU(d, v + i)), d, v + i);
+  if (i < count) {
+    HWY_ALIGN double tail[16];
+    for (std::size_t k = 0; k < n; ++k) tail[k] = i + k < count ? v[i + k] : pad;
+    hn::Store(f(d, hn::Load(d, tail)), d, tail);
+    for (std::size_t k = 0; i + k < count; ++k) v[i + k] = tail[k];
+  }
 }
 
-__attribute__((target("avx2"))) void log4_groups(double* v, std::size_t groups) {
-  for (std::size_t g = 0; g < groups; ++g, v += 4)
-    _mm256_storeu_pd(v, _ZGVdN4v_log(_mm256_loadu_pd(v)));
+void AtanArray(double* v, std::size_t count) {
+  map_array(v, count, 0.0, [](lanes_tag d, hn::Vec<lanes_tag> x) { return hn::Atan(d, x); });
 }
 
-}  // namespace
-#endif
+void LogArray(double* v, std::size_t count) {
+  map_array(v, count, 1.0, [](lanes_tag d, hn::Vec<lanes_tag> x) { return hn::Log(d, x); });
+}
+
+}  // namespace HWY_NAMESPACE
+}  // namespace quolvent
+HWY_AFTER_NAMESPACE();
+
+#if HWY_ONCE
+#include "base/vector_dispatch.hpp"
 
 namespace quolvent {
 
-int machine_vector_width() {
-#if defined(QUOLVENT_VECTOR_MATH)
-  __builtin_cpu_init();
-  return __builtin_cpu_supports("avx2") ? 4 : 2;
-#else
-  return 1;
-#endif
+HWY_EXPORT(LanesOfDouble);
+HWY_EXPORT(AtanArray);
+HWY_EXPORT(LogArray);
+
+int vector_lanes(int64_t target) {
+  return HWY_DISPATCH_TABLE(LanesOfDouble)[dispatch_index(target)]();
 }
 
-namespace {
-
-#if defined(QUOLVENT_VECTOR_MATH)
-// apply: f over v[0..count), `width` at a time; the last few lanes through a
-// padded group, the padding a value that is harmless to f.
-void apply(double* v, std::size_t count, int width, double pad,
-           void (*groups4)(double*, std::size_t), __m128d (*pair)(__m128d)) {
-  std::size_t i = 0;
-  if (width >= 4) {
-    const std::size_t full = count / 4;
-    groups4(v, full);
-    i = 4 * full;
-    if (i < count) {
-      double tail[4] = {pad, pad, pad, pad};
-      std::copy(v + i, v + count, tail);
-      groups4(tail, 1);
-      std::copy(tail, tail + (count - i), v + i);
-    }
-    return;
-  }
-  for (; i + 2 <= count; i += 2) _mm_storeu_pd(v + i, pair(_mm_loadu_pd(v + i)));
-  if (i < count) v[i] = _mm_cvtsd_f64(pair(_mm_set_pd(pad, v[i])));
+void atan_array(int64_t target, double* v, std::size_t count) {
+  HWY_DISPATCH_TABLE(AtanArray)[dispatch_index(target)](v, count);
 }
 
-// usable: the width asked for, within what the machine runs.
-int usable(int width) {
-  const int machine = machine_vector_width();
-  return width < machine ? width : machine;
-}
-#endif
-
-}  // namespace
-
-void atan_array(double* v, std::size_t count, int width) {
-#if defined(QUOLVENT_VECTOR_MATH)
-  width = usable(width);
-  if (width >= 2) {
-    apply(v, count, width, 0.0, atan4_groups, _ZGVbN2v_atan);
-    return;
-  }
-#endif
-  (void)width;
-  for (std::size_t i = 0; i < count; ++i) v[i] = std::atan(v[i]);
-}
-
-void log_array(double* v, std::size_t count, int width) {
-#if defined(QUOLVENT_VECTOR_MATH)
-  width = usable(width);
-  if (width >= 2) {
-    apply(v, count, width, 1.0, log4_groups, _ZGVbN2v_log);
-    return;
-  }
-#endif
-  (void)width;
-  for (std::size_t i = 0; i < count; ++i) v[i] = std::log(v[i]);
+void log_array(int64_t target, double* v, std::size_t count) {
+  HWY_DISPATCH_TABLE(LogArray)[dispatch_index(target)](v, count);
 }
 
 }  // namespace quolvent
+#endif  // HWY_ONCE

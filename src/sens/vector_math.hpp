@@ -1,23 +1,24 @@
-// Arctangents and logarithms of whole arrays, by the C library's vector math:
-// four at a time where the processor has AVX2, else two at a time (SSE2, which
-// every x86-64 processor has), one at a time on other processors. A lane's
-// result never depends on the other lanes, so on one machine a value is the
-// same wherever in an array it stands, and rows don't depend on the threads.
+// Arctangents and logarithms of whole arrays on one vector target
+// (base/vector_target.hpp). Every lane of a vector is computed alone, so on
+// one machine and one target a value is the same wherever it stands in an
+// array, and rows don't depend on the number of threads.
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+
+#include "base/vector_target.hpp"
 
 namespace quolvent {
 
-// machine_vector_width: the widest width this processor runs (4, 2 or 1).
-int machine_vector_width();
+// vector_lanes: how many doubles one vector of the target holds.
+int vector_lanes(int64_t target);
 
-// atan_array: v[i] = atan(v[i]) for i < count, at most `width` lanes at a
-// time (a width above the machine's is the machine's).
-void atan_array(double* v, std::size_t count, int width);
+// atan_array: v[i] = atan(v[i]) for i < count, on the target.
+void atan_array(int64_t target, double* v, std::size_t count);
 
-// log_array: v[i] = log(v[i]) for i < count, at most `width` lanes at a time.
-// 0 gives -Inf and a negative number NaN, as log does.
-void log_array(double* v, std::size_t count, int width);
+// log_array: v[i] = log(v[i]) for i < count, on the target, for v[i] in
+// (0, +Inf); any other value gives an unspecified number.
+void log_array(int64_t target, double* v, std::size_t count);
 
 }  // namespace quolvent

@@ -1,6 +1,7 @@
-// COMPRESS_ROW_MOD: the row is compressed on the thread that computed it,
-// with two passes over the cube so that each record is allocated at its
-// exact size.
+// COMPRESS_ROW_MOD: the row is compressed on the thread that computed it:
+// the transform plane by plane, then one pass that keeps the coefficients
+// into the thread's buffers, from which each record is made at its exact
+// size.
 #include "wavelet/compress_row_mod.hpp"
 
 #include <cmath>
@@ -9,6 +10,7 @@
 
 #include "base/format.hpp"
 #include "base/stop.hpp"
+#include "wavelet/wavelet_lanes.hpp"
 
 namespace quolvent {
 
@@ -20,12 +22,6 @@ namespace {
 }
 
 }  // namespace
-
-int64_t kept_count(const double* cube, int64_t count, double t) {
-  int64_t kept = 0;
-  for (int64_t i = 0; i < count; ++i) kept += (std::fabs(cube[i]) >= t) ? 1 : 0;
-  return kept;
-}
 
 void ALLOC_WORK(const compression& c, compress_workspace& ws) {
   assign_or_stop(ws.work, static_cast<std::size_t>(c.ncube), 0.0, "alloc_work");
@@ -40,49 +36,29 @@ double COMPRESS_ROW(const compression& c, const active_cells& cells, const doubl
   // A workspace that skipped ALLOC_WORK gets its cube here rather than
   // writing past an empty one.
   if (ws.work.size() != static_cast<std::size_t>(c.ncube)) ALLOC_WORK(c, ws);
-  const int64_t ncube = c.ncube;
   double* w = ws.work.data();
-  row_to_cube(c, cells, row, n, w);
-  transform_cube(c, w, +1, ws.lines);
-
-  double m = 0.0;
-  for (int64_t i = 0; i < ncube; ++i) m = std::fmax(m, std::fabs(w[i]));
+  const double m = row_coefficients(c, cells, row, n, w, ws.lines);
   const double t = m * ((kind == datum_kind::borehole) ? c.wctol_borehole : c.wctol_surface);
-  const int64_t count = kept_count(w, ncube, t);
 
+  // One pass keeps the coefficients and sums the energy of the row's error:
+  // the transform is orthogonal, so what the record leaves out of the
+  // coefficients is the error of the cube it gives back (of which the row's
+  // own cells see at most all). Scaled by the largest coefficient so that no
+  // square overflows or flushes to zero. The record is then made at its
+  // exact size.
+  const double scale = (m > 0.0) ? 1.0 / m : 0.0;
+  kept_pack k;
   try {
-    rec.idx.resize(static_cast<std::size_t>(count));
-    rec.val.resize(static_cast<std::size_t>(count));
+    k = pack_kept(ws.lines.vector_target, w, static_cast<std::size_t>(c.ncube), t, scale,
+                  ws.kept_idx, ws.kept_val);
+    rec.idx.assign(ws.kept_idx.begin(), ws.kept_idx.end());
+    rec.val.assign(ws.kept_val.begin(), ws.kept_val.end());
   } catch (const std::bad_alloc&) {
     store_full();
   }
-  // The copy pass also sums the energy of the row's error: the transform is
-  // orthogonal, so what the record leaves out of the coefficients is the
-  // error of the cube it gives back (of which the row's own cells see at
-  // most all). Scaled by the largest coefficient so that no square
-  // overflows or flushes to zero.
-  const double scale = (m > 0.0) ? 1.0 / m : 0.0;
-  double energy = 0.0, lost = 0.0;
-  int64_t i = 0;
-  for (int64_t p = 0; p < ncube; ++p) {
-    const double v = w[p] * scale;
-    energy += v * v;
-    if (std::fabs(w[p]) >= t) {
-      if (i < count) {
-        rec.idx[i] = static_cast<int32_t>(p + 1);
-        rec.val[i] = static_cast<float>(w[p]);
-        const double r = (w[p] - static_cast<double>(rec.val[i])) * scale;
-        lost += r * r;
-      }
-      ++i;
-    } else {
-      lost += v * v;
-    }
-  }
-  if (i != count) stop_text("i /= nnz");
-  nnz += count;
+  nnz += k.count;
   // An all-zero row is stored exactly.
-  return (energy == 0.0) ? 0.0 : std::sqrt(lost / energy);
+  return (k.energy == 0.0) ? 0.0 : std::sqrt(k.lost / k.energy);
 }
 
 std::vector<double> transform_test_model(const compression& c, const active_cells& cells,

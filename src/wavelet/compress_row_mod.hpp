@@ -12,11 +12,13 @@
 
 namespace quolvent {
 
-// compress_workspace: one thread's cube and line buffers, made inside the
-// parallel region.
+// compress_workspace: one thread's cube, line buffers and the kept
+// coefficients of its current row, made inside the parallel region.
 struct compress_workspace {
   std::vector<double> work;
   line_buffers lines;
+  std::vector<int32_t> kept_idx;
+  std::vector<float> kept_val;
 };
 
 // ALLOC_WORK
@@ -38,16 +40,13 @@ void DEALLOC_WORK(compress_workspace& ws);
 //   changed. The result is the relative error of the stored row: the square
 //   root of the energy of the dropped coefficients and of the rounding of the
 //   kept ones over the energy of the row (0 for a row of zeros).
-// Fails: no memory for the record: message and stop; the two passes
-//   disagreeing: "i /= nnz".
+//   The transform runs plane by plane (row_coefficients); the threshold, the
+//   packing and the energies are one pass over the cube, the energies summed
+//   in vector lanes (the last bits of the error, not the coefficients,
+//   depend on the vector target).
+// Fails: no memory for the record: message and stop.
 double COMPRESS_ROW(const compression& c, const active_cells& cells, const double* row, int32_t n,
                     compressed_row& rec, int64_t& nnz, datum_kind kind, compress_workspace& ws);
-
-// kept_count
-// Given: a cube of count values and an absolute threshold t.
-// Returns: the number of values v with |v| >= t.
-// Fails: never.
-int64_t kept_count(const double* cube, int64_t count, double t);
 
 // transform_test_model
 // Given: the uniform value of the test model and wtz (one row's length).

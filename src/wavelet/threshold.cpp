@@ -177,15 +177,16 @@ void estimate_thresholds(const compression& c, const survey& s, const std::strin
 
 compression setup_compression(const survey& s, const std::string& wavelet,
                               const std::string& eps_line, const sample_row_fn& sample_row,
-                              const run_log& out) {
+                              const run_log& out, bool estimate) {
   compression c;
   check_wavelet(wavelet, c.filter, c.ncof, out);
   if (c.ncof > 0) set_padded_extents(s.mesh, c);
   c.compressed = c.ncof >= 1;
   if (c.compressed) {
     c.flt = set_filters(c.filter, c.ncof);
-    estimate_thresholds(c, s, eps_line, sample_row, out, c.wctol_surface, c.wctol_borehole,
-                        &c.kept_surface, &c.kept_borehole);
+    if (estimate)
+      estimate_thresholds(c, s, eps_line, sample_row, out, c.wctol_surface, c.wctol_borehole,
+                          &c.kept_surface, &c.kept_borehole);
   }
   return c;
 }

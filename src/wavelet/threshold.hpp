@@ -22,14 +22,15 @@ using sample_row_fn = std::function<void(int32_t idat, std::vector<double>& row)
 // setup_compression
 // Given: the survey (its row length, weighting, active cells, data kinds),
 //   the wavelet name and the tolerance field of the control file, the sample
-//   rows, the run's log.
+//   rows, the run's log; whether to estimate the thresholds (a process of a
+//   run shared by several takes them from the one that estimates them).
 // Returns: the compression record: compressed, filters, padded extents and,
-//   when compressed, the thresholds.
+//   when compressed and estimated, the thresholds.
 // Fails: the stops of check_wavelet, set_padded_extents and
 //   estimate_thresholds.
 compression setup_compression(const survey& s, const std::string& wavelet,
                               const std::string& eps_line, const sample_row_fn& sample_row,
-                              const run_log& out);
+                              const run_log& out, bool estimate = true);
 
 // make_matrix_store
 // Given: the compression record, the row length n, ndata.

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdio>
 #include <new>
+#include <omp.h>
 #include <mutex>
 #include <stdexcept>
 
@@ -19,23 +20,43 @@ namespace quolvent {
 void UNCOMPRESSG(const compression& c, const active_cells& cells, const matrix_store& store,
                  int32_t n, int32_t ndata_in, const std::vector<double>& wtz,
                  std::vector<double>& sens_avg, const run_log& out) {
+  const int32_t ndata = static_cast<int32_t>(std::min<std::size_t>(
+      store.g_compressed.size(), static_cast<std::size_t>(std::max(ndata_in, 0))));
+  exact_sums sums;
+  UNCOMPRESSG(c, cells, store, n, all_rows(ndata), ndata, wtz, sums, out);
+  sums.round(sens_avg);
+  if (ndata > 0) {
+    for (double& v : sens_avg) v /= ndata;
+  }
+}
+
+void UNCOMPRESSG(const compression& c, const active_cells& cells, const matrix_store& store,
+                 int32_t n, row_range rows, int32_t ndata, const std::vector<double>& wtz,
+                 exact_sums& sums, const run_log& out) {
   out.say_screen(" Uncompressing ...");
   out.say_screen(" % done:");
-  std::fflush(out.screen());
+  if (out.screen()) std::fflush(out.screen());
 
   const std::vector<compressed_row>& g_compressed = store.g_compressed;
   const int64_t ncube = c.ncube;
   const std::size_t len = static_cast<std::size_t>(n > 0 ? n : 0);
   const std::size_t nc = static_cast<std::size_t>(ncube);
-  const int32_t ndata = static_cast<int32_t>(
-      std::min<std::size_t>(g_compressed.size(), static_cast<std::size_t>(std::max(ndata_in, 0))));
-  sens_avg.assign(len, 0.0);
-  progress_line progress(out.screen(), ndata);
+  if (g_compressed.size() < static_cast<std::size_t>(rows.count()) || wtz.size() < len)
+    stop_text("size(g_compressed) /= ndata");
+  try {
+    sums.assign(len);
+  } catch (const std::bad_alloc&) {
+    alloc_failed("uncompressG");
+  } catch (const std::length_error&) {
+    alloc_failed("uncompressG");
+  }
+  progress_line progress(out, ndata);
   stop_latch latch;
-  std::mutex sums_lock;
+  exact_adder adder(sums);
 
-#pragma omp parallel shared(progress, latch, sums_lock, sens_avg)
+#pragma omp parallel shared(progress, latch, adder)
   {
+    // my_avg: the thread's sums over the rows of its current group.
     std::vector<double> cube, row, my_avg;
     line_buffers lines;
     latch.run([&] {
@@ -50,12 +71,14 @@ void UNCOMPRESSG(const compression& c, const active_cells& cells, const matrix_s
       }
     });
 
-#pragma omp for schedule(static) nowait
-    for (int32_t i = 1; i <= ndata; ++i) {
+    // Whole groups of rows to each thread, in one block, as in the row loops;
+    // the record of datum i is at i - rows.first.
+    const row_range mine = split_rows(rows, omp_get_thread_num(), omp_get_num_threads());
+    for (int32_t i = mine.first; i < mine.last; ++i) {
       if (latch.stopped()) continue;
       latch.run([&] {
         out.check_interrupt();
-        const compressed_row& rec = g_compressed[static_cast<std::size_t>(i - 1)];
+        const compressed_row& rec = g_compressed[static_cast<std::size_t>(i - rows.first)];
         std::fill(cube.begin(), cube.end(), 0.0);
         const std::size_t m = std::min(rec.idx.size(), rec.val.size());
         for (std::size_t k = 0; k < m; ++k) {
@@ -67,22 +90,17 @@ void UNCOMPRESSG(const compression& c, const active_cells& cells, const matrix_s
         cube_to_row(c, cells, row.data(), static_cast<int64_t>(len), cube.data());
         for (std::size_t k = 0; k < len; ++k) my_avg[k] += std::fabs(row[k] * wtz[k]);
         progress.row_done();
+        if (ends_group(i, mine)) adder.add_and_clear(my_avg.data(), omp_get_thread_num());
       });
     }
 #pragma omp barrier
 
     std::vector<double>().swap(cube);
     std::vector<double>().swap(row);
-    if (!latch.stopped()) {
-      std::lock_guard<std::mutex> hold(sums_lock);
-      for (std::size_t k = 0; k < len; ++k) sens_avg[k] += my_avg[k];
-    }
+    std::vector<double>().swap(my_avg);
   }
   latch.rethrow();
-
-  if (ndata > 0) {
-    for (std::size_t k = 0; k < len; ++k) sens_avg[k] /= ndata;
-  }
+  progress.finish();
 }
 
 }  // namespace quolvent

@@ -6,6 +6,8 @@
 #include <vector>
 
 #include "base/channels.hpp"
+#include "base/exact_sum.hpp"
+#include "base/row_range.hpp"
 #include "model/model.hpp"
 #include "wavelet/compression.hpp"
 
@@ -24,5 +26,15 @@ namespace quolvent {
 void UNCOMPRESSG(const compression& c, const active_cells& cells, const matrix_store& store,
                  int32_t n, int32_t ndata, const std::vector<double>& wtz,
                  std::vector<double>& sens_avg, const run_log& out);
+
+// UNCOMPRESSG, the rows of one process
+// Given: as above, with the store holding the records of the data of `rows`
+//   (the first at 0) and ndata the run's count (the progress line's total).
+// Returns: sums made n long: the exact sums of |row * wtz| over those
+//   records; "Uncompressing ..." and the progress line on the screen.
+// Fails: as above; a store with fewer records than rows stops with a text.
+void UNCOMPRESSG(const compression& c, const active_cells& cells, const matrix_store& store,
+                 int32_t n, row_range rows, int32_t ndata, const std::vector<double>& wtz,
+                 exact_sums& sums, const run_log& out);
 
 }  // namespace quolvent

@@ -1,5 +1,7 @@
-// WTN_MOD: lines are gathered into the thread's line buffer before filtering,
-// so strides never matter, and nothing is allocated per row.
+// WTN_MOD: many lines are filtered at once (wavelet_lanes): along the
+// strided axes the lines lie side by side already, a block of them at a time
+// so that the block stays in cache; the contiguous lines (z) are turned into
+// such a block first. Nothing is allocated per row.
 #include "wavelet/wtn_mod.hpp"
 
 #include <algorithm>
@@ -8,6 +10,8 @@
 
 #include "base/format.hpp"
 #include "base/stop.hpp"
+#include "base/vector_target.hpp"
+#include "wavelet/wavelet_lanes.hpp"
 
 namespace quolvent {
 
@@ -15,8 +19,26 @@ namespace {
 
 constexpr int64_t max_position = 2147483647;
 
-// Lines gathered together along the strided directions.
-constexpr int64_t batch = 16;
+// Contiguous lines (z) turned side by side this many at a time.
+constexpr std::size_t z_block = 16;
+
+// lane_block: how many side-by-side lines of n values to filter at a time:
+// about 16 KB of them, so that the block and its work space stay in cache.
+std::size_t lane_block(int64_t n, std::size_t width) {
+  const std::size_t b = std::clamp<std::size_t>(2048 / static_cast<std::size_t>(n), 16, 512);
+  return std::min(b, width);
+}
+
+// target_of: the vector target of lb, the run's when it has none yet.
+int64_t target_of(line_buffers& lb) {
+  if (lb.vector_target == 0) lb.vector_target = run_vector_target();
+  return lb.vector_target;
+}
+
+// grow: v at least `size` values long.
+void grow(std::vector<double>& v, std::size_t size) {
+  if (v.size() < size) v.assign(size, 0.0);
+}
 
 }  // namespace
 
@@ -191,12 +213,6 @@ void pwt_step(const wtn_filters& flt, double* a, int64_t n, bool forward, double
   std::copy(w, w + n, a);
 }
 
-bool all_zero(const double* v, int64_t n) {
-  for (int64_t m = 0; m < n; ++m)
-    if (v[m] != 0.0) return false;
-  return true;
-}
-
 }  // namespace
 
 void PWT(const wtn_filters& flt, double* a, int32_t n, bool forward, double* w) {
@@ -213,55 +229,102 @@ void PWT(const wtn_filters& flt, double* a, int32_t n, bool forward, double* w) 
 }
 
 void WTN(const wtn_filters& f, double* a, const int32_t nn[3], int32_t isign, line_buffers& lb) {
+  const int64_t target = target_of(lb);
+  const bool forward = isign >= 0;
   const int64_t ntot = static_cast<int64_t>(nn[0]) * nn[1] * nn[2];
-  const std::size_t longest = static_cast<std::size_t>(std::max({nn[0], nn[1], nn[2], 4}));
-  // All transforms of a run share the extents: the buffers are made on the
-  // first transform and only grow for a longer line.
-  if (lb.wk.size() < longest * batch) lb.wk.assign(longest * batch, 0.0);
-  if (lb.wksp.size() < longest) lb.wksp.assign(longest, 0.0);
-  double* const wkb = lb.wk.data();
-  double* const w = lb.wksp.data();
   int64_t nprev = 1;
   for (int d = 0; d < 3; ++d) {
     const int64_t n = nn[d];
     const int64_t nnew = n * nprev;
     if (n > 4) {
-      for (int64_t i2 = 0; i2 < ntot; i2 += nnew) {
-        // Strided lines are gathered a batch of neighbours at a time, so each
-        // read of the cube takes a run of adjacent values.
-        if (nprev == 1) {
-          // Contiguous lines need no gathering. A line of zeros (padding,
-          // mostly) stays zeros and is passed over.
-          double* line = a + i2;
-          if (all_zero(line, n)) continue;
-          if (isign >= 0) {
-            for (int64_t nt = n; nt >= 4; nt >>= 1) PWT(f, line, static_cast<int32_t>(nt), true, w);
-          } else {
-            for (int64_t nt = 4; nt <= n; nt <<= 1) PWT(f, line, static_cast<int32_t>(nt), false, w);
-          }
-          continue;
-        }
-        for (int64_t i1 = 0; i1 < nprev; i1 += batch) {
-          const int64_t nb = std::min<int64_t>(batch, nprev - i1);
-          double* base = a + i1 + i2;
-          for (int64_t m = 0; m < n; ++m)
-            for (int64_t b = 0; b < nb; ++b) wkb[b * n + m] = base[m * nprev + b];
-          for (int64_t b = 0; b < nb; ++b) {
-            double* wk = wkb + b * n;
-            if (all_zero(wk, n)) continue;
-            if (isign >= 0) {
-              for (int64_t nt = n; nt >= 4; nt >>= 1) PWT(f, wk, static_cast<int32_t>(nt), true, w);
-            } else {
-              for (int64_t nt = 4; nt <= n; nt <<= 1) PWT(f, wk, static_cast<int32_t>(nt), false, w);
+      const std::size_t ln = static_cast<std::size_t>(n);
+      if (nprev == 1) {
+        // Contiguous lines, z_block of them side by side in wk; a block of
+        // zeros (padding, mostly) stays zeros and is passed over.
+        grow(lb.wk, ln * z_block);
+        grow(lb.wksp, ln * z_block);
+        double* wk = lb.wk.data();
+        const int64_t lines = ntot / n;
+        for (int64_t j0 = 0; j0 < lines; j0 += static_cast<int64_t>(z_block)) {
+          const std::size_t nb = static_cast<std::size_t>(std::min<int64_t>(z_block, lines - j0));
+          const double* src = a + j0 * n;
+          bool any = false;
+          for (std::size_t b = 0; b < z_block; ++b)
+            for (std::size_t p = 0; p < ln; ++p) {
+              const double v = b < nb ? src[b * ln + p] : 0.0;
+              wk[p * z_block + b] = v;
+              any |= v != 0.0;
             }
-          }
-          for (int64_t m = 0; m < n; ++m)
-            for (int64_t b = 0; b < nb; ++b) base[m * nprev + b] = wkb[b * n + m];
+          if (!any) continue;
+          lines_transform(target, f, wk, z_block, z_block, n, n, forward, lb.wksp.data());
+          double* dst = a + j0 * n;
+          for (std::size_t b = 0; b < nb; ++b)
+            for (std::size_t p = 0; p < ln; ++p) dst[b * ln + p] = wk[p * z_block + b];
         }
+      } else {
+        // Strided lines lie side by side, nprev of them: a block at a time.
+        const std::size_t width = static_cast<std::size_t>(nprev);
+        const std::size_t bw = lane_block(n, width);
+        grow(lb.wksp, ln * bw);
+        for (int64_t i2 = 0; i2 < ntot; i2 += nnew)
+          for (std::size_t l0 = 0; l0 < width; l0 += bw)
+            lines_transform(target, f, a + i2 + static_cast<int64_t>(l0), width,
+                            std::min(bw, width - l0), n, n, forward, lb.wksp.data());
       }
     }
     nprev = nnew;
   }
+}
+
+double row_coefficients(const compression& c, const active_cells& cells, const double* x,
+                        int64_t len, double* y, line_buffers& lb) {
+  const int use_map = row_map(cells, len);
+  const int64_t target = target_of(lb);
+  const wtn_filters& f = c.flt;
+  const int32_t ny = c.ny, nx = c.nx, nz = c.nz;
+  const std::size_t zp = static_cast<std::size_t>(c.nzp), xp = static_cast<std::size_t>(c.nxp),
+                    yp = static_cast<std::size_t>(c.nyp);
+  const std::size_t plane = zp * xp;
+  const std::size_t bx = lane_block(c.nxp, zp), by = lane_block(c.nyp, plane);
+  grow(lb.wk, std::max(2 * zp + 320, yp * by));
+  grow(lb.wksp, std::max(xp * bx, yp * by));
+  double* wk = lb.wk.data();
+  double* tmp = lb.wksp.data();
+  const std::size_t cz = static_cast<std::size_t>(nz);
+
+  // Plane by plane (y) of the mesh: the columns through z, then the plane
+  // through x, while it is in cache. The padding beyond nx and ny is never
+  // written before it is a coefficient: the first step along x and y reads
+  // only the positions that hold the row.
+  const int32_t* map = use_map ? cells.active_map.data() : nullptr;
+  for (int32_t i = 0; i < ny; ++i) {
+    double* pl = y + static_cast<std::size_t>(i) * plane;
+    const std::size_t first = cz * static_cast<std::size_t>(nx) * static_cast<std::size_t>(i);
+    columns_forward(target, f, x, map ? map + first : nullptr, map ? nullptr : x + first, nx, nz,
+                    c.nzp, pl, wk);
+    if (xp > 4) {
+      for (std::size_t l0 = 0; l0 < zp; l0 += bx)
+        lines_transform(target, f, pl + l0, zp, std::min(bx, zp - l0), c.nxp, nx, true, tmp);
+    } else {
+      std::fill(pl + static_cast<std::size_t>(nx) * zp, pl + plane, 0.0);
+    }
+  }
+  if (yp <= 4) {
+    std::fill(y + static_cast<std::size_t>(ny) * plane, y + yp * plane, 0.0);
+    return max_abs(target, y, static_cast<std::size_t>(c.ncube));
+  }
+  // Through y a block of lines at a time, copied out of the cube and back:
+  // in place, the lines' values a plane apart would crowd the same few
+  // places of the cache. The largest magnitude is taken on the way back.
+  double m = 0.0;
+  double* blk = lb.wk.data();
+  for (std::size_t l0 = 0; l0 < plane; l0 += by) {
+    const std::size_t w = std::min(by, plane - l0);
+    copy_rows_max(target, y + l0, plane, blk, w, w, ny);
+    lines_transform(target, f, blk, w, w, c.nyp, ny, true, tmp);
+    m = std::fmax(m, copy_rows_max(target, blk, w, y + l0, plane, w, c.nyp));
+  }
+  return m;
 }
 
 }  // namespace quolvent

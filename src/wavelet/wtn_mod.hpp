@@ -14,11 +14,13 @@
 
 namespace quolvent {
 
-// line_buffers: the line buffers of one thread's transforms, made on its
-// first transform and grown when a longer line comes.
+// line_buffers: the work space of one thread's transforms, made on its
+// first transform and grown when a longer line comes, and the vector target
+// they run on (0: the run's, run_vector_target, taken at the first transform).
 struct line_buffers {
   std::vector<double> wk;
   std::vector<double> wksp;
+  int64_t vector_target = 0;
 };
 
 // padded_extent
@@ -63,11 +65,25 @@ void cube_to_row(const compression& c, const active_cells& cells, double* x, int
 // Returns: a transformed in place. Fails: never.
 void transform_cube(const compression& c, double* a, int32_t isign, line_buffers& lb);
 
+// row_coefficients
+// Given: the compression record and the active cells; x, a row of len
+//   values; y, a cube of ncube values (its contents don't matter); the
+//   calling thread's line buffers.
+// Returns: y holds the forward transform of the cube row_to_cube makes of x,
+//   the same values to the last bit (but for the sign of a zero), made plane
+//   by plane without the padding ever being filled or read; the result is
+//   the largest magnitude in y.
+// Fails: a len that is neither count stops with "size(x) /= # of cells".
+double row_coefficients(const compression& c, const active_cells& cells, const double* x,
+                        int64_t len, double* y, line_buffers& lb);
+
 // WTN
 // Given: the filters; a, nn[0] * nn[1] * nn[2] values, nn[0] running fastest;
 //   isign >= 0 forward, < 0 inverse. Extents above 4 are transformed down to
 //   4 elements; extents of 4 or less are left alone.
-// Returns: a transformed in place.
+// Returns: a transformed in place, several lines at a time on the vector
+//   target of lb: each value as PWT along each axis gives it, to the last
+//   bit (but for the sign of a zero).
 // Fails: never.
 void WTN(const wtn_filters& f, double* a, const int32_t nn[3], int32_t isign, line_buffers& lb);
 

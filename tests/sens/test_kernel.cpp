@@ -303,7 +303,10 @@ TEST(Kernel, AStopInsideTheRowLoopEndsTheRunWithItsReportOnce) {
     int threads;
     std::set<int32_t> at;
     int together;  // stops that happen at once
-  } cases[] = {{2, {20}, 0}, {3, {20}, 0}, {3, {5, 19, 33}, 0}, {2, {0, 39}, 0}, {2, {0, 20}, 2}};
+  } cases[] = {{2, {20}, 0}, {3, {20}, 0}, {3, {5, 19, 33}, 0}, {2, {0, 39}, 0},
+               // The first rows of the two threads' blocks of whole groups of
+               // 16 (0..31 and 32..39) stop at once.
+               {2, {0, 32}, 2}};
   for (const bool regular : {false, true})
     for (const auto& c : cases) {
       const std::string name = std::string(regular ? "KERNEL2" : "KERNEL") + ", threads " +

@@ -76,6 +76,12 @@ program_run child_program::wait() {
 
 child_program start_program(const std::string& dir, const std::vector<std::string>& args,
                             const std::function<void()>& before) {
+  return start_command(QUOLVENT_EXE, dir, args, before);
+}
+
+child_program start_command(const std::string& exe_path, const std::string& dir,
+                            const std::vector<std::string>& args,
+                            const std::function<void()>& before) {
   const std::string out = dir + "/.screen.txt";
   const std::string err = dir + "/.errors.txt";
   const pid_t pid = fork();
@@ -85,7 +91,7 @@ child_program start_program(const std::string& dir, const std::vector<std::strin
     if (!freopen(out.c_str(), "w", stdout)) _exit(127);
     if (!freopen(err.c_str(), "w", stderr)) _exit(127);
     std::vector<char*> argv;
-    std::string exe = QUOLVENT_EXE;
+    std::string exe = exe_path;
     argv.push_back(exe.data());
     std::vector<std::string> copy(args);
     for (auto& a : copy) argv.push_back(a.data());

@@ -54,6 +54,11 @@ struct child_program {
 // first (limits, signal dispositions, environment).
 child_program start_program(const std::string& dir, const std::vector<std::string>& args,
                             const std::function<void()>& before = {});
+// start_command: as start_program, running the program at path exe (mpirun,
+// for one) instead of the built program.
+child_program start_command(const std::string& exe, const std::string& dir,
+                            const std::vector<std::string>& args,
+                            const std::function<void()>& before = {});
 
 // capture: a run's log whose screen and log go to memory. out is what the
 // routines under test are handed; a stop they throw is delivered with

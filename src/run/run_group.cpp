@@ -1,0 +1,14 @@
+// A run of one process.
+#include "run/run_group.hpp"
+
+#include "output/matrix_file.hpp"
+
+namespace quolvent {
+
+void solo_group::write_matrix(const std::string& path, const survey& s, const compression& c,
+                              matrix_store& store, row_range, const std::vector<double>& sens_sq,
+                              const run_log& out) {
+  quolvent::write_matrix(path, s, c, store, 1, sens_sq, out);
+}
+
+}  // namespace quolvent

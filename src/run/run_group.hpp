@@ -1,0 +1,102 @@
+// run_group: the processes that share one run. The plain program is a group
+// of one (solo_group); quolvent-mpi hands the driver a group over MPI
+// (src/run/mpi), so that nothing below the driver, and nothing the plain
+// program links, knows how processes talk.
+//
+// The first process (rank 0) writes the screen, the log and the text
+// outputs; every process computes and holds the rows of its own block of
+// data; the matrix file is written by all of them. A stop on any process
+// ends every process, and its report is delivered once, by the first.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "base/channels.hpp"
+#include "base/exact_sum.hpp"
+#include "base/row_range.hpp"
+#include "base/run_hook.hpp"
+#include "base/stop.hpp"
+#include "model/model.hpp"
+#include "wavelet/compression.hpp"
+
+namespace quolvent {
+
+// halt: the stop of a process that ends because another one stopped: it
+// carries no report; the run's report comes from the process that stopped.
+class halt : public stop {};
+
+class run_group {
+ public:
+  virtual ~run_group() = default;
+
+  virtual int rank() const = 0;
+  virtual int ranks() const = 0;
+  // leads: the process that writes the screen, the log and the text outputs.
+  bool leads() const { return rank() == 0; }
+  // hook: what this process's checkpoints and progress lines consult
+  // (nullptr: nothing).
+  virtual run_hook* hook() = 0;
+  // banner_line: the line of the banner after the thread line ("": none).
+  virtual std::string banner_line() const = 0;
+  // side_log: where a process other than the first writes its log (the
+  // group keeps it; its rows' lines go on to the first process's log).
+  virtual std::FILE* side_log() = 0;
+  // rows: the data of this process among ndata, the same in every row loop
+  // of the run.
+  virtual row_range rows(int32_t ndata) { return block_of(ndata, rank(), ranks()); }
+
+  // Steps every process takes together, in the same order. Each begins with
+  // a check that no process has stopped.
+  // Fails: a stop on another process: a halt.
+  //   agree: every process has come this far.
+  virtual void agree() = 0;
+  //   share_thresholds: the thresholds (and kept counts) of the first
+  //   process's estimate in c, on every process.
+  virtual void share_thresholds(compression& c) = 0;
+  //   reduce_sums: on the first process, the sums of every process's rows;
+  //   on the others, sums as they were.
+  virtual void reduce_sums(exact_sums& sums) = 0;
+  //   total: v summed over the processes, on every process.
+  virtual int64_t total(int64_t v) = 0;
+  //   gather_rows: on the first process, v (ndata values) completed with the
+  //   values of every process's rows; each process's own at its rows.
+  virtual void gather_rows(std::vector<double>& v, row_range rows) = 0;
+  //   write_matrix: the matrix file written (as the function of that name):
+  //   records 1 to 6 and the last by the first process, the rows of each
+  //   process by that process; sens_sq is read on the first process only.
+  //   g_full freed.
+  virtual void write_matrix(const std::string& path, const survey& s, const compression& c,
+                            matrix_store& store, row_range rows,
+                            const std::vector<double>& sens_sq, const run_log& out) = 0;
+
+  // settle: on every process, after a stop unwound it (s: its stop, or a
+  // halt). Returns the stop this process delivers: on the first process the
+  // run's report (the stop of the lowest process that stopped of itself), on
+  // the others the same exit status without words. Every process comes here
+  // before it ends.
+  virtual stop settle(const stop& s) = 0;
+};
+
+// solo_group: a run of one process.
+class solo_group : public run_group {
+ public:
+  int rank() const override { return 0; }
+  int ranks() const override { return 1; }
+  run_hook* hook() override { return nullptr; }
+  std::string banner_line() const override { return {}; }
+  std::FILE* side_log() override { return nullptr; }
+  void agree() override {}
+  void share_thresholds(compression&) override {}
+  void reduce_sums(exact_sums&) override {}
+  int64_t total(int64_t v) override { return v; }
+  void gather_rows(std::vector<double>&, row_range) override {}
+  void write_matrix(const std::string& path, const survey& s, const compression& c,
+                    matrix_store& store, row_range rows, const std::vector<double>& sens_sq,
+                    const run_log& out) override;
+  stop settle(const stop& s) override { return s; }
+};
+
+}  // namespace quolvent
