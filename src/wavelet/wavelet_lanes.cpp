@@ -48,17 +48,28 @@ HWY_INLINE void copy_block(const double* src, std::size_t src_stride, double* ds
 // taps k = 1..nc at the periodic positions (nc n + ioff + 2 i + 1 + k) mod n,
 // each sum from 0 in tap order, as PWT; a tap at a position p >= m (0
 // there) is passed over, which leaves the sum's bits as they are.
+// step_taps: the taps of one filtering step, each set in every lane.
+template <int NC>
+struct step_taps {
+  int32_t nc;
+  V cv[max_taps], rv[max_taps];
+  step_taps(lanes_tag d, const wtn_filters& f) : nc(NC > 0 ? NC : f.ncof) {
+    for (int32_t k = 0; k < nc; ++k) cv[k] = hn::Set(d, f.cc[k]), rv[k] = hn::Set(d, f.cr[k]);
+  }
+};
+
 template <int NC>
 HWY_INLINE void StepForward(const wtn_filters& f, const double* src, std::size_t stride,
                             std::size_t width, int64_t n, int64_t m, double* lo_dst,
                             std::size_t lo_stride, double* hi_dst, std::size_t hi_stride) {
   const lanes_tag d;
   const std::size_t lanes = hn::Lanes(d);
-  const int32_t nc = NC > 0 ? NC : f.ncof;
+  const step_taps<NC> taps(d, f);
+  const int32_t nc = taps.nc;
+  const V* cv = taps.cv;
+  const V* rv = taps.rv;
   const double* cc = f.cc.data();
   const double* cr = f.cr.data();
-  V cv[max_taps], rv[max_taps];
-  for (int32_t k = 0; k < nc; ++k) cv[k] = hn::Set(d, cc[k]), rv[k] = hn::Set(d, cr[k]);
   const int64_t h = n / 2, mask = n - 1;
   const int64_t base = static_cast<int64_t>(nc) * n + f.ioff;
   for (int64_t i = 0; i < h; ++i) {
@@ -135,11 +146,12 @@ HWY_INLINE void StepInverse(const wtn_filters& f, double* a, std::size_t stride,
                             int64_t n, double* tmp) {
   const lanes_tag d;
   const std::size_t lanes = hn::Lanes(d);
-  const int32_t nc = NC > 0 ? NC : f.ncof;
+  const step_taps<NC> taps(d, f);
+  const int32_t nc = taps.nc;
+  const V* cv = taps.cv;
+  const V* rv = taps.rv;
   const double* cc = f.cc.data();
   const double* cr = f.cr.data();
-  V cv[max_taps], rv[max_taps];
-  for (int32_t k = 0; k < nc; ++k) cv[k] = hn::Set(d, cc[k]), rv[k] = hn::Set(d, cr[k]);
   const int64_t h = n / 2, mask = n - 1;
   const int64_t base = static_cast<int64_t>(nc) * n + f.ioff;
   std::fill(tmp, tmp + static_cast<std::size_t>(n) * width, 0.0);

@@ -131,29 +131,31 @@ void mpi_group::begin_step() {
   }
 }
 
+bool mpi_group::receive_small(int tag, int32_t& value, int& source) {
+  int flag = 0;
+  MPI_Status st;
+  MPI_Iprobe(MPI_ANY_SOURCE, tag, ctl_, &flag, &st);
+  if (!flag) return false;
+  source = st.MPI_SOURCE;
+  MPI_Recv(&value, 1, MPI_INT32_T, source, tag, ctl_, MPI_STATUS_IGNORE);
+  return true;
+}
+
 void mpi_group::poll_notices() {
-  for (;;) {
-    int flag = 0;
-    MPI_Status st;
-    MPI_Iprobe(MPI_ANY_SOURCE, tag_notice, ctl_, &flag, &st);
-    if (!flag) return;
-    int32_t v = 0;
-    MPI_Recv(&v, 1, MPI_INT32_T, st.MPI_SOURCE, tag_notice, ctl_, MPI_STATUS_IGNORE);
+  int32_t v = 0;
+  int source = 0;
+  while (receive_small(tag_notice, v, source)) {
     ++notices_received_;
     halting_ = true;
   }
 }
 
 void mpi_group::poll_progress() {
-  for (;;) {
-    int flag = 0;
-    MPI_Status st;
-    MPI_Iprobe(MPI_ANY_SOURCE, tag_progress, ctl_, &flag, &st);
-    if (!flag) return;
-    int32_t v = 0;
-    MPI_Recv(&v, 1, MPI_INT32_T, st.MPI_SOURCE, tag_progress, ctl_, MPI_STATUS_IGNORE);
+  int32_t v = 0;
+  int source = 0;
+  while (receive_small(tag_progress, v, source)) {
     ++progress_received_;
-    int32_t& seen = remote_done_[static_cast<std::size_t>(st.MPI_SOURCE)];
+    int32_t& seen = remote_done_[static_cast<std::size_t>(source)];
     remote_sum_ += v - seen;
     seen = v;
   }

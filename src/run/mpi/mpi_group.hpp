@@ -110,6 +110,8 @@ class mpi_group final : public run_group, public run_hook {
   bool may_call() const;
   int vote(int mine);
   void begin_step();
+  // receive_small: the next waiting message of tag (one int32), if any.
+  bool receive_small(int tag, int32_t& value, int& source);
   void poll_notices();
   void poll_progress();
   void send_small(int32_t value, int dest, int tag);
