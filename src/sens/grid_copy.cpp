@@ -92,11 +92,11 @@ HWY_AFTER_NAMESPACE();
 
 namespace quolvent {
 
-HWY_EXPORT(GridCopyRow);
+QUOLVENT_EXPORT(GridCopyRow)
 
 void grid_copy_row(int64_t target, const grid_copy_in& in, double* avg, double* sq, double* g,
                    float* full) {
-  HWY_DISPATCH_TABLE(GridCopyRow)[dispatch_index(target)](in, avg, sq, g, full);
+  GridCopyRow_for(dispatch_index(target))(in, avg, sq, g, full);
 }
 
 }  // namespace quolvent

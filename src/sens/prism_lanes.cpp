@@ -326,16 +326,16 @@ HWY_AFTER_NAMESPACE();
 
 namespace quolvent {
 
-HWY_EXPORT(FillNodeLines);
-HWY_EXPORT(PrismRow);
+QUOLVENT_EXPORT(FillNodeLines)
+QUOLVENT_EXPORT(PrismRow)
 
 void fill_node_lines(int64_t target, const node_fill_in& in, double* r, double* ax, double* ay) {
-  HWY_DISPATCH_TABLE(FillNodeLines)[dispatch_index(target)](in, r, ax, ay);
+  FillNodeLines_for(dispatch_index(target))(in, r, ax, ay);
 }
 
 void prism_row(int64_t target, const prism_row_in& in, double* g, double* col,
                std::vector<flagged_cell>& flagged) {
-  HWY_DISPATCH_TABLE(PrismRow)[dispatch_index(target)](in, g, col, &flagged);
+  PrismRow_for(dispatch_index(target))(in, g, col, &flagged);
 }
 
 }  // namespace quolvent

@@ -53,20 +53,20 @@ HWY_AFTER_NAMESPACE();
 
 namespace quolvent {
 
-HWY_EXPORT(LanesOfDouble);
-HWY_EXPORT(AtanArray);
-HWY_EXPORT(LogArray);
+QUOLVENT_EXPORT(LanesOfDouble)
+QUOLVENT_EXPORT(AtanArray)
+QUOLVENT_EXPORT(LogArray)
 
 int vector_lanes(int64_t target) {
-  return HWY_DISPATCH_TABLE(LanesOfDouble)[dispatch_index(target)]();
+  return LanesOfDouble_for(dispatch_index(target))();
 }
 
 void atan_array(int64_t target, double* v, std::size_t count) {
-  HWY_DISPATCH_TABLE(AtanArray)[dispatch_index(target)](v, count);
+  AtanArray_for(dispatch_index(target))(v, count);
 }
 
 void log_array(int64_t target, double* v, std::size_t count) {
-  HWY_DISPATCH_TABLE(LogArray)[dispatch_index(target)](v, count);
+  LogArray_for(dispatch_index(target))(v, count);
 }
 
 }  // namespace quolvent

@@ -480,39 +480,39 @@ HWY_AFTER_NAMESPACE();
 
 namespace quolvent {
 
-HWY_EXPORT(LinesTransform);
-HWY_EXPORT(MaxAbs);
-HWY_EXPORT(CopyRowsMax);
-HWY_EXPORT(ColumnsForward);
-HWY_EXPORT(PackKept);
+QUOLVENT_EXPORT(LinesTransform)
+QUOLVENT_EXPORT(MaxAbs)
+QUOLVENT_EXPORT(CopyRowsMax)
+QUOLVENT_EXPORT(ColumnsForward)
+QUOLVENT_EXPORT(PackKept)
 
 void lines_transform(int64_t target, const wtn_filters& f, double* a, std::size_t stride,
                      std::size_t width, int64_t n, int64_t m, bool forward, double* tmp) {
-  HWY_DISPATCH_TABLE(LinesTransform)[dispatch_index(target)](f, a, stride, width, n, m, forward,
+  LinesTransform_for(dispatch_index(target))(f, a, stride, width, n, m, forward,
                                                              tmp);
 }
 
 void columns_forward(int64_t target, const wtn_filters& f, const double* row,
                      const int32_t* map, const double* plain, int32_t ncols, int32_t nz,
                      int64_t zp, double* out, double* work) {
-  HWY_DISPATCH_TABLE(ColumnsForward)[dispatch_index(target)](f, row, map, plain, ncols, nz, zp,
+  ColumnsForward_for(dispatch_index(target))(f, row, map, plain, ncols, nz, zp,
                                                              out, work);
 }
 
 double copy_rows_max(int64_t target, const double* src, std::size_t src_stride, double* dst,
                      std::size_t dst_stride, std::size_t width, int64_t n) {
-  return HWY_DISPATCH_TABLE(CopyRowsMax)[dispatch_index(target)](src, src_stride, dst, dst_stride,
+  return CopyRowsMax_for(dispatch_index(target))(src, src_stride, dst, dst_stride,
                                                                  width, n);
 }
 
 double max_abs(int64_t target, const double* v, std::size_t count) {
-  return HWY_DISPATCH_TABLE(MaxAbs)[dispatch_index(target)](v, count);
+  return MaxAbs_for(dispatch_index(target))(v, count);
 }
 
 kept_pack pack_kept(int64_t target, const double* w, std::size_t count, double t, double scale,
                     std::vector<int32_t>& idx, std::vector<float>& val) {
   kept_pack out;
-  HWY_DISPATCH_TABLE(PackKept)[dispatch_index(target)](w, count, t, scale, &idx, &val, &out);
+  PackKept_for(dispatch_index(target))(w, count, t, scale, &idx, &val, &out);
   return out;
 }
 
