@@ -43,35 +43,38 @@ HWY_INLINE void copy_block(const double* src, std::size_t src_stride, double* ds
   }
 }
 
+// step_taps: what one filtering step on n positions shares: the taps, also
+// set in every lane, and the periodic wrap of the positions.
+template <int NC>
+struct step_taps {
+  int32_t nc;
+  std::size_t lanes;
+  V cv[max_taps], rv[max_taps];
+  const double *cc, *cr;
+  int64_t h, mask, base;
+  step_taps(lanes_tag d, const wtn_filters& f, int64_t n)
+      : nc(NC > 0 ? NC : f.ncof), lanes(hn::Lanes(d)), cc(f.cc.data()), cr(f.cr.data()),
+        h(n / 2), mask(n - 1), base(static_cast<int64_t>(nc) * n + f.ioff) {
+    for (int32_t k = 0; k < nc; ++k) cv[k] = hn::Set(d, cc[k]), rv[k] = hn::Set(d, cr[k]);
+  }
+};
+
 // StepForward: one forward step on n positions of src, the smooth half to
 // lo, the detail half to hi (rows at their own strides). Output pair i takes
 // taps k = 1..nc at the periodic positions (nc n + ioff + 2 i + 1 + k) mod n,
 // each sum from 0 in tap order, as PWT; a tap at a position p >= m (0
 // there) is passed over, which leaves the sum's bits as they are.
-// step_taps: the taps of one filtering step, each set in every lane.
-template <int NC>
-struct step_taps {
-  int32_t nc;
-  V cv[max_taps], rv[max_taps];
-  step_taps(lanes_tag d, const wtn_filters& f) : nc(NC > 0 ? NC : f.ncof) {
-    for (int32_t k = 0; k < nc; ++k) cv[k] = hn::Set(d, f.cc[k]), rv[k] = hn::Set(d, f.cr[k]);
-  }
-};
-
 template <int NC>
 HWY_INLINE void StepForward(const wtn_filters& f, const double* src, std::size_t stride,
                             std::size_t width, int64_t n, int64_t m, double* lo_dst,
                             std::size_t lo_stride, double* hi_dst, std::size_t hi_stride) {
   const lanes_tag d;
-  const std::size_t lanes = hn::Lanes(d);
-  const step_taps<NC> taps(d, f);
-  const int32_t nc = taps.nc;
-  const V* cv = taps.cv;
-  const V* rv = taps.rv;
-  const double* cc = f.cc.data();
-  const double* cr = f.cr.data();
-  const int64_t h = n / 2, mask = n - 1;
-  const int64_t base = static_cast<int64_t>(nc) * n + f.ioff;
+  const step_taps<NC> t(d, f, n);
+  const int32_t nc = t.nc;
+  const std::size_t lanes = t.lanes;
+  const V *cv = t.cv, *rv = t.rv;
+  const double *cc = t.cc, *cr = t.cr;
+  const int64_t h = t.h, mask = t.mask, base = t.base;
   for (int64_t i = 0; i < h; ++i) {
     const double* row[max_taps];
     bool used[max_taps];
@@ -145,15 +148,12 @@ template <int NC>
 HWY_INLINE void StepInverse(const wtn_filters& f, double* a, std::size_t stride, std::size_t width,
                             int64_t n, double* tmp) {
   const lanes_tag d;
-  const std::size_t lanes = hn::Lanes(d);
-  const step_taps<NC> taps(d, f);
-  const int32_t nc = taps.nc;
-  const V* cv = taps.cv;
-  const V* rv = taps.rv;
-  const double* cc = f.cc.data();
-  const double* cr = f.cr.data();
-  const int64_t h = n / 2, mask = n - 1;
-  const int64_t base = static_cast<int64_t>(nc) * n + f.ioff;
+  const step_taps<NC> t(d, f, n);
+  const int32_t nc = t.nc;
+  const std::size_t lanes = t.lanes;
+  const V *cv = t.cv, *rv = t.rv;
+  const double *cc = t.cc, *cr = t.cr;
+  const int64_t h = t.h, mask = t.mask, base = t.base;
   std::fill(tmp, tmp + static_cast<std::size_t>(n) * width, 0.0);
   for (int64_t i = 0; i < h; ++i) {
     double* out[max_taps];

@@ -11,6 +11,8 @@
 #include "model/active_cells.hpp"
 #include "model/mesh.hpp"
 #include "model/observations.hpp"
+#include "wavelet/wavelet_filters.hpp"
+#include "wavelet/wtn_mod.hpp"
 
 namespace qt {
 
@@ -207,6 +209,15 @@ quolvent::survey make_survey(const quolvent::mesh_model& mesh, const quolvent::o
   if (wtz.empty()) wtz.assign(static_cast<std::size_t>(s.n), 1.0);
   s.wtz = std::move(wtz);
   return s;
+}
+
+quolvent::compression wavelet_of(const std::string& name) {
+  const quolvent::run_log quiet(nullptr);
+  quolvent::compression c;
+  quolvent::check_wavelet(name, c.filter, c.ncof, quiet);
+  c.flt = quolvent::set_filters(c.filter, c.ncof);
+  c.compressed = c.ncof > 0;
+  return c;
 }
 
 }  // namespace qt

@@ -13,6 +13,7 @@
 #include "base/channels.hpp"
 #include "base/stop.hpp"
 #include "model/model.hpp"
+#include "wavelet/compression.hpp"
 
 namespace qt {
 
@@ -102,5 +103,9 @@ void add_datum(quolvent::obs_set& obs, double x, double y, double z, double ainc
 quolvent::survey make_survey(const quolvent::mesh_model& mesh, const quolvent::obs_set& obs,
                              std::vector<int32_t> top_index = {},
                              std::vector<double> wtz = {});
+
+// wavelet_of: a compression record with the filters of the wavelet name
+// (padded extents not set), made quietly.
+quolvent::compression wavelet_of(const std::string& name);
 
 }  // namespace qt

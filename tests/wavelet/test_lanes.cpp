@@ -21,15 +21,6 @@ using namespace quolvent;
 
 namespace {
 
-compression wavelet_of(const std::string& name) {
-  const run_log quiet(nullptr);
-  compression c;
-  check_wavelet(name, c.filter, c.ncof, quiet);
-  c.flt = set_filters(c.filter, c.ncof);
-  c.compressed = c.ncof > 0;
-  return c;
-}
-
 // line_by_line: the transform of a cube of extents nn (nn[0] fastest) one
 // line at a time: each line copied out, filtered step by step by PWT, copied
 // back; lines of zeros passed over.
@@ -76,7 +67,7 @@ TEST(TransformLanes, SameBitsAsLineByLine) {
   const int32_t shapes[][3] = {{8, 8, 8},  {64, 2, 16}, {4, 32, 8}, {16, 16, 1},
                                {2, 8, 32}, {32, 4, 4},  {1, 1, 64}, {8, 64, 2}};
   for (const char* name : wavelets) {
-    const compression c = wavelet_of(name);
+    const compression c = qt::wavelet_of(name);
     for (const auto& nn : shapes) {
       std::vector<double> cube(static_cast<std::size_t>(nn[0]) * nn[1] * nn[2]);
       for (std::size_t i = 0; i < cube.size(); ++i)
@@ -116,7 +107,7 @@ TEST(TransformLanes, RowCoefficientsAsTheCubeLineByLine) {
           for (std::size_t c = 0; c < top.size(); ++c)
             top[c] = static_cast<int32_t>((c * 7) % 4 + 1) % (m[2] + 1);
         const active_cells cells = get_active_cells("null", mesh, top, quiet);
-        compression c = wavelet_of(name);
+        compression c = qt::wavelet_of(name);
         set_padded_extents(mesh, c);
         const int64_t n = mode < 2 ? cells.nactive : cells.ncell_total;
         std::vector<double> row(static_cast<std::size_t>(n));
@@ -150,7 +141,7 @@ TEST(TransformLanes, CompressRowKeepsWhatOneAtATimeKeeps) {
   const mesh_model mesh = qt::uniform_mesh(13, 7, 10, 1.0, 1.0, 1.0);
   const std::vector<int32_t> top(13 * 7, 0);
   const active_cells cells = get_active_cells("null", mesh, top, quiet);
-  compression c = wavelet_of("daub3");
+  compression c = qt::wavelet_of("daub3");
   set_padded_extents(mesh, c);
   c.wctol_surface = 0.01;
   const int64_t n = cells.ncell_total;

@@ -25,16 +25,6 @@ namespace {
 
 const char* const all_wavelets[] = {"daub1", "daub2", "daub3", "daub4", "daub5", "daub6", "symm4", "symm5", "symm6"};
 
-// wavelet_of: the filters of name, quietly.
-compression wavelet_of(const std::string& name) {
-  const run_log quiet(nullptr);
-  compression c;
-  check_wavelet(name, c.filter, c.ncof, quiet);
-  c.flt = set_filters(c.filter, c.ncof);
-  c.compressed = c.ncof > 0;
-  return c;
-}
-
 // cube_case: a mesh of cells of one width with its column tops (flat if
 // empty), its active cells, and the compression record of a wavelet with the
 // padded extents of that mesh.
@@ -47,7 +37,7 @@ struct cube_case {
 
 cube_case cube_of(int nx, int ny, int nz, const std::string& wavelet, std::vector<int32_t> top = {}) {
   const run_log quiet(nullptr);
-  cube_case k{qt::uniform_mesh(nx, ny, nz, 1.0, 1.0, 1.0), {}, wavelet_of(wavelet)};
+  cube_case k{qt::uniform_mesh(nx, ny, nz, 1.0, 1.0, 1.0), {}, qt::wavelet_of(wavelet)};
   if (top.empty()) top.assign(static_cast<std::size_t>(nx) * ny, 0);
   k.cells = get_active_cells("null", k.mesh, top, quiet);
   set_padded_extents(k.mesh, k.c);
@@ -81,7 +71,7 @@ std::vector<double> decompress(const compression& c, const active_cells& cells,
 
 TEST(Filters, UnitNormOrthogonalToEvenShiftsAndLowPass) {
   for (const char* w : all_wavelets) {
-    const compression c = wavelet_of(w);
+    const compression c = qt::wavelet_of(w);
     const std::vector<double>& filter = c.filter;
     ASSERT_EQ(c.ncof, 2 * (w[4] - '0')) << w;
     // Unit norm to rounding (daub1's 0.7071068 too), orthogonal to the stored digits.
@@ -169,7 +159,7 @@ TEST(Transform, InverseAfterForwardKeepsEnergyAndGivesTheRowBack) {
 TEST(Transform, KnownCoefficients) {
   // One daub2 step on an impulse: the taps at their periodic places, the
   // smooth half first, the high-pass filter reversed with alternating signs.
-  const compression d2 = wavelet_of("daub2");
+  const compression d2 = qt::wavelet_of("daub2");
   std::vector<double> a{1, 0, 0, 0, 0, 0, 0, 0}, w(8);
   PWT(d2.flt, a.data(), 8, true, w.data());
   const std::vector<double>& c = d2.filter;
@@ -179,7 +169,7 @@ TEST(Transform, KnownCoefficients) {
   std::vector<double> cube(8 * 4 * 16, 1.0);
   const int32_t nn[3] = {8, 4, 16};
   line_buffers lb;
-  WTN(wavelet_of("daub1").flt, cube.data(), nn, 1, lb);
+  WTN(qt::wavelet_of("daub1").flt, cube.data(), nn, 1, lb);
   for (int p = 0; p < 512; ++p) EXPECT_NEAR(cube[p], p % 8 < 2 && p / 32 < 2 ? std::sqrt(32.0) : 0.0, 1e-12) << p;
 }
 
