@@ -8,7 +8,9 @@
 #include <fstream>
 #include <limits>
 #include <sstream>
+#include <sys/mman.h>
 #include <sys/statvfs.h>
+#include <unistd.h>
 
 namespace quolvent {
 
@@ -139,6 +141,20 @@ int64_t add_sizes(int64_t a, int64_t b) {
 int64_t mul_sizes(int64_t a, int64_t b) {
   int64_t r = 0;
   return __builtin_mul_overflow(a, b, &r) ? no_limit : r;
+}
+
+void back_with_pages(void* p, std::size_t bytes) {
+#ifndef MADV_POPULATE_WRITE
+  constexpr int MADV_POPULATE_WRITE = 23;
+#endif
+  const long page_size = sysconf(_SC_PAGESIZE);
+  if (p == nullptr || page_size <= 0) return;
+  const std::uintptr_t page = static_cast<std::uintptr_t>(page_size);
+  const std::uintptr_t begin = (reinterpret_cast<std::uintptr_t>(p) + page - 1) / page * page;
+  const std::uintptr_t end = (reinterpret_cast<std::uintptr_t>(p) + bytes) / page * page;
+  if (end <= begin) return;
+  // Failure is harmless: the pages then fault in as they are written.
+  (void)madvise(reinterpret_cast<void*>(begin), end - begin, MADV_POPULATE_WRITE);
 }
 
 }  // namespace quolvent

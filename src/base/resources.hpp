@@ -3,6 +3,7 @@
 // can't finish is refused at once.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -33,5 +34,16 @@ std::string bytes_text(int64_t bytes);
 // would not fit (a size from counts in a corrupt input).
 int64_t add_sizes(int64_t a, int64_t b);
 int64_t mul_sizes(int64_t a, int64_t b);
+
+// back_with_pages
+// Given: bytes of memory from p that the calling thread is about to write
+//   for the first time.
+// Returns: the whole pages among them given zeroed memory by the system now,
+//   in one call, instead of one page fault a page as they are first written:
+//   a third less time for the 500 MB of a large uncompressed matrix on the
+//   development machine. The pages are then the calling thread's own, on
+//   its memory node. Where the system can't (Linux before 5.14, or no
+//   memory left), nothing happens, and the pages come one fault at a time.
+void back_with_pages(void* p, std::size_t bytes);
 
 }  // namespace quolvent

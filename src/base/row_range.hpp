@@ -2,6 +2,7 @@
 // computes and holds; a run of one process holds them all.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 
 namespace quolvent {
@@ -34,18 +35,23 @@ inline bool ends_group(int32_t i, row_range rows) {
   return (i + 1) % sum_group_rows == 0 || i + 1 == rows.last;
 }
 
-// split_rows: part `part` (0-based) of `parts` contiguous blocks of rows,
-// made of whole groups, the numbers of groups differing by one at most, the
-// larger blocks first: rows of equal work shared evenly, in datum order. A
-// part beyond the groups gets no rows.
+// split_rows: part `part` (0-based) of `parts` contiguous blocks of rows, in
+// datum order, each starting on a group (but for the first): the even share
+// of the rows with each boundary moved to the nearest group boundary (and
+// never before the end of the first group, so that a few rows stay with the
+// first part), so that a block's rows differ from the even share by less than
+// a group. Splitting by groups instead would give 64 and 36 of 100 rows to
+// two threads. A part beyond the groups gets no rows.
 inline row_range split_rows(row_range rows, int part, int parts) {
   if (rows.count() == 0 || parts < 1) return {rows.first, rows.first};
-  const row_range g = group_range(rows);
-  const int64_t g0 = g.first, groups = g.count();
+  const int64_t first = rows.first, count = rows.count(), g = sum_group_rows;
   const auto edge = [&](int64_t p) {
-    const int64_t base = groups / parts, extra = groups % parts;
-    const int64_t row = (g0 + p * base + (p < extra ? p : extra)) * sum_group_rows;
-    return static_cast<int32_t>(row < rows.first ? rows.first : row < rows.last ? row : rows.last);
+    if (p <= 0) return rows.first;
+    if (p >= parts) return rows.last;
+    // first + p * count / parts, to the nearest multiple of g.
+    const int64_t nearest = (first * parts + p * count + g / 2 * parts) / (g * parts) * g;
+    const int64_t row = std::max(nearest, (first / g + 1) * g);
+    return static_cast<int32_t>(row < rows.last ? row : rows.last);
   };
   return {edge(part), edge(int64_t{part} + 1)};
 }

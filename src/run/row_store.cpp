@@ -1,6 +1,7 @@
 // The row loops' sink over the matrix store.
 #include "run/row_store.hpp"
 
+#include "base/resources.hpp"
 #include "base/stop.hpp"
 #include "wavelet/compress_row_mod.hpp"
 
@@ -44,6 +45,13 @@ float* store_sink::full_column(int32_t datum) {
   if (c_.compressed) return nullptr;
   return store_.g_full.data() +
          static_cast<std::size_t>(datum - rows_.first) * static_cast<std::size_t>(s_.n);
+}
+
+void store_sink::claim_rows(row_range mine) {
+  if (c_.compressed || mine.count() == 0) return;
+  back_with_pages(full_column(mine.first),
+                  static_cast<std::size_t>(mine.count()) * static_cast<std::size_t>(s_.n) *
+                      sizeof(float));
 }
 
 std::unique_ptr<row_sink::thread_part> store_sink::open_thread() {

@@ -30,6 +30,7 @@ class store_sink : public row_sink {
   void begin(int32_t n, int32_t ndata, const char* alloc_name) override;
   double test_model() const override;
   float* full_column(int32_t datum) override;
+  void claim_rows(row_range mine) override;
   std::unique_ptr<thread_part> open_thread() override;
   void put(thread_part& t, int32_t datum, const double* row, double test_datum) override;
   void close_thread(thread_part& t) override;

@@ -17,23 +17,15 @@ namespace {
 
 constexpr double four_pi = 12.566370614359172;
 
-// cache_view: a cache as plain pointers and strides, with the guard distance:
-// the squared distance from the point's line along an axis to a cell edge
-// parallel to it, below which the logarithm has no value.
+// cache_view: the two node planes around a row of columns as plain
+// pointers, the stride of the x index, and the guard distance: the squared
+// distance from the point's line along an axis to a cell edge parallel to it,
+// below which the logarithm has no value.
 struct cache_view {
-  const double* r;
-  const double* ax;
-  const double* ay;
-  std::size_t sx;  // stride of the x index
-  std::size_t sy;  // stride of the y index
+  node_plane lo, hi;
+  std::size_t sx;
   double edge_sq;
 };
-
-cache_view view_of(const arctangent_cache& c, double edge_sq) {
-  const std::size_t sx = static_cast<std::size_t>(c.ez);
-  return {c.r_node.data(), c.at_x.data(), c.at_y.data(),
-          sx,              sx * static_cast<std::size_t>(c.ex), edge_sq};
-}
 
 // gsus_prepare: the prism formula of one cell up to its logarithms: the
 // three quotients in q[0..2] and the arctangent sums Sy, Sx, Sz in s[0..2].
@@ -44,17 +36,14 @@ cache_view view_of(const arctangent_cache& c, double edge_sq) {
 inline bool gsus_prepare(const cache_view& cv, axis_side sy, axis_side sx, axis_side sz, double y1,
                          double y2, double x1, double x2, double z1, double z2, double y1sq,
                          double y2sq, double x1sq, double x2sq, double z1sq, double z2sq,
-                         int32_t j, int32_t i, int32_t k, double* q, double* s) {
-  const std::size_t b111 = static_cast<std::size_t>(k - 1) +
-                           cv.sx * static_cast<std::size_t>(i - 1) +
-                           cv.sy * static_cast<std::size_t>(j - 1);
-  const std::size_t b112 = b111 + 1;
-  const std::size_t b121 = b111 + cv.sx, b122 = b121 + 1;
-  const std::size_t b211 = b111 + cv.sy, b212 = b211 + 1;
-  const std::size_t b221 = b211 + cv.sx, b222 = b221 + 1;
-  const double* r = cv.r;
-  const double R111 = r[b111], R112 = r[b112], R121 = r[b121], R122 = r[b122];
-  const double R211 = r[b211], R212 = r[b212], R221 = r[b221], R222 = r[b222];
+                         int32_t i, int32_t k, double* q, double* s) {
+  // Node (a, b, c) of the cell: plane a (lo or hi), place b11 + bc below.
+  const std::size_t b11 = static_cast<std::size_t>(k - 1) + cv.sx * static_cast<std::size_t>(i - 1);
+  const std::size_t b12 = b11 + 1, b21 = b11 + cv.sx, b22 = b21 + 1;
+  const double* r1 = cv.lo.r;
+  const double* r2 = cv.hi.r;
+  const double R111 = r1[b11], R112 = r1[b12], R121 = r1[b21], R122 = r1[b22];
+  const double R211 = r2[b11], R212 = r2[b12], R221 = r2[b21], R222 = r2[b22];
   const double edge_sq = cv.edge_sq;
 
   // The point on the node (2, 2, 2) of this cell: every other cell around that
@@ -106,12 +95,12 @@ inline bool gsus_prepare(const cache_view& cv, axis_side sy, axis_side sx, axis_
   q[2] = Qz;
 
   // Arctangent sums over the two planes of the y and the x axis.
-  const double* ay = cv.ay;
-  const double* ax = cv.ax;
-  double P1 = ay[b111] - ay[b112] + ay[b122] - ay[b121];
-  double P2 = ay[b212] - ay[b211] - ay[b222] + ay[b221];
-  double Q1 = ax[b111] - ax[b112] + ax[b212] - ax[b211];
-  double Q2 = ax[b122] - ax[b121] - ax[b222] + ax[b221];
+  const double *ay1 = cv.lo.ay, *ay2 = cv.hi.ay;
+  const double *ax1 = cv.lo.ax, *ax2 = cv.hi.ax;
+  double P1 = ay1[b11] - ay1[b12] + ay1[b22] - ay1[b21];
+  double P2 = ay2[b12] - ay2[b11] - ay2[b22] + ay2[b21];
+  double Q1 = ax1[b11] - ax1[b12] + ax2[b12] - ax2[b11];
+  double Q2 = ax1[b22] - ax1[b21] - ax2[b22] + ax2[b21];
 
   // A plane at offset 0 was cached as if at +zero_offset; it stands for the
   // side of the plane the cell's value needs.
@@ -173,7 +162,7 @@ axis_side axis_flag(double a, double b) {
 void sens_row(row_workspace& ws, double geomag, const double* yn, const double* xn,
               const double* zn, int32_t ny, int32_t nx, int32_t nz, const int32_t* top,
               int32_t idat, double oy, double ox, double oz, double* g, std::size_t glen,
-              const run_log& out) {
+              const run_log& out, const row_part_fn& done) {
   // The walk must fill g exactly: checked before anything is written.
   std::size_t cells = 0;
   for (int32_t j = 1; j <= ny; ++j)
@@ -191,8 +180,8 @@ void sens_row(row_workspace& ws, double geomag, const double* yn, const double* 
   ox = on_node(ox, xn, nx, tol);
   oz = on_node(oz, zn, nz, tol);
   arctangent_cache& c = ws.cache;
-  CALC_ARCTANGENTS(c, ws.vector_target, zero_offset(ws.length_scale), yn, xn, zn, ny, nx, nz, top,
-                   oy, ox, oz);
+  const double shift = zero_offset(ws.length_scale);
+  CALC_ARCTANGENTS(c, ws.vector_target, shift, yn, xn, zn, ny, nx, nz, top, oy, ox, oz, 1);
 
   // The side of each layer's planes, and the runs of one side: a column
   // splits into at most three stretches (above the point, across its depth,
@@ -207,37 +196,49 @@ void sens_row(row_workspace& ws, double geomag, const double* yn, const double* 
             : k;
 
   const double edge_sq = edge_guard_sq(ws.length_scale);
-  const prism_row_in in{c.r_node.data(), c.at_x.data(), c.at_y.data(), c.ez,     c.ex,
-                        yn,              xn,              c.z_node.data(), c.z_side.data(),
-                        c.run_end.data(), top,            ny,             nx,       nz,
-                        oy,              ox,              edge_sq,        scale,    ws.dir};
-  c.flagged.clear();
-  prism_row(ws.vector_target, in, g, c.col.data(), c.flagged);
+  const prism_row_in in{c.ez,   c.ex, yn, xn, c.z_node.data(), c.z_side.data(), c.run_end.data(),
+                        top,    ny,   nx, nz, oy,              ox,              edge_sq,
+                        scale,  ws.dir};
+  // One row of columns at a time, from the two node planes around it: the
+  // cache stays in cache, and the caller's pass over the finished cells finds
+  // them there too.
+  std::size_t indx = 0;
+  for (int32_t j = 1; j <= ny; ++j) {
+    CALC_ARCTANGENTS(c, ws.vector_target, shift, yn, xn, zn, ny, nx, nz, top, oy, ox, oz, j + 1);
+    const cache_view cv{c.plane(j), c.plane(j + 1), static_cast<std::size_t>(c.ez), edge_sq};
+    const std::size_t first = indx;
+    for (int32_t i = 1; i <= nx; ++i)
+      indx += static_cast<std::size_t>(
+          nz - std::clamp(top[static_cast<std::size_t>(j - 1) + static_cast<std::size_t>(i - 1) * ny],
+                          0, nz));
+    c.flagged.clear();
+    prism_columns(ws.vector_target, in, j, cv.lo, cv.hi, g + first, first, c.col.data(), c.flagged);
 
-  // The cells the vector loop set aside, in cell order, one at a time: those
-  // with a value get it here, the others 0 and the edge message.
-  const cache_view cv = view_of(c, edge_sq);
-  for (const flagged_cell& f : c.flagged) {
-    const int32_t j = f.j, i = f.i, k = f.k;
-    const double y1 = yn[j - 1] - oy, y2 = yn[j] - oy;
-    const double x1 = xn[i - 1] - ox, x2 = xn[i] - ox;
-    const double z1 = zn[k - 1] - oz, z2 = zn[k] - oz;
-    double q[3], s[3];
-    const bool ok = gsus_prepare(cv, axis_flag(y1, y2), axis_flag(x1, x2), axis_flag(z1, z2), y1,
-                                 y2, x1, x2, z1, z2, y1 * y1, y2 * y2, x1 * x1, x2 * x2, z1 * z1,
-                                 z2 * z2, j, i, k, q, s);
-    double v = 0.0;
-    if (ok) {
-      for (double& e : q) e = std::log(e);
-      v = gsus_finish(ws.dir, q, s) * scale;
+    // The cells the vector loop set aside, in cell order, one at a time: those
+    // with a value get it here, the others 0 and the edge message.
+    for (const flagged_cell& f : c.flagged) {
+      const int32_t i = f.i, k = f.k;
+      const double y1 = yn[j - 1] - oy, y2 = yn[j] - oy;
+      const double x1 = xn[i - 1] - ox, x2 = xn[i] - ox;
+      const double z1 = zn[k - 1] - oz, z2 = zn[k] - oz;
+      double q[3], s[3];
+      const bool ok = gsus_prepare(cv, axis_flag(y1, y2), axis_flag(x1, x2), axis_flag(z1, z2), y1,
+                                   y2, x1, x2, z1, z2, y1 * y1, y2 * y2, x1 * x1, x2 * x2, z1 * z1,
+                                   z2 * z2, i, k, q, s);
+      double v = 0.0;
+      if (ok) {
+        for (double& e : q) e = std::log(e);
+        v = gsus_finish(ws.dir, q, s) * scale;
+      }
+      // A value that isn't a number (a degenerate cell) is treated like a
+      // point on an edge: no NaN or Inf ever reaches a row.
+      if (!ok || !std::isfinite(v)) {
+        edge_message(out, idat, i, j, k);
+        v = 0.0;
+      }
+      g[f.indx] = v;
     }
-    // A value that isn't a number (a degenerate cell) is treated like a
-    // point on an edge: no NaN or Inf ever reaches a row.
-    if (!ok || !std::isfinite(v)) {
-      edge_message(out, idat, i, j, k);
-      v = 0.0;
-    }
-    g[f.indx] = v;
+    if (done && indx > first) done(first, indx);
   }
 }
 

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 
 #include "base/channels.hpp"
 #include "sens/calc_arctangents_mod.hpp"
@@ -73,7 +74,10 @@ axis_side axis_flag(double a, double b);
 //            scale of a node is taken on that node.
 //   Returns: g[0..glen-1] filled in the order y, x, z, cells k = top+1..nz of
 //            each column: the integral over each cell of the dipole kernel
-//            for the workspace's directions, times geomag / (4 pi).
+//            for the workspace's directions, times geomag / (4 pi). The
+//            row is made one row of columns (one y) at a time; done, when
+//            given, is called with the places [begin, end) of each one as
+//            soon as its cells are final, while they are still in cache.
 //            The cells run several at a time on the workspace's vector
 //            target; a cell the vector loop can't vouch for is computed alone.
 //   Fails:   a cell where the point lies within 0.001 times the workspace's
@@ -82,9 +86,10 @@ axis_side axis_flag(double a, double b);
 //            whose value is not finite gets 0 and a message in the log, in
 //            cell order; column tops that don't give exactly glen cells stop
 //            with "indx /= size(g)" before any cell is computed.
+using row_part_fn = std::function<void(std::size_t begin, std::size_t end)>;
 void sens_row(row_workspace& ws, double geomag, const double* yn, const double* xn,
               const double* zn, int32_t ny, int32_t nx, int32_t nz, const int32_t* top,
               int32_t idat, double oy, double ox, double oz, double* g, std::size_t glen,
-              const run_log& out);
+              const run_log& out, const row_part_fn& done = {});
 
 }  // namespace quolvent

@@ -124,6 +124,7 @@ void KERNEL(const survey& s, row_sink& sink, row_range rows, row_sums& sums, con
     // Whole groups of rows to each thread, in one block: a group's sums are
     // made in datum order by one thread.
     const row_range mine = split_rows(rows, omp_get_thread_num(), omp_get_num_threads());
+    sink.claim_rows(mine);
     for (int32_t i = mine.first + 1; i <= mine.last; ++i) {
       if (loop.latch.stopped()) continue;
       loop.latch.run([&] {
@@ -133,28 +134,30 @@ void KERNEL(const survey& s, row_sink& sink, row_range rows, row_sums& sums, con
         const double oy = obs.obs_y[d], ox = obs.obs_x[d], oz = z0 - obs.obs_z[d];
         if (per_datum_dir)
           SET_G_VALUES(obs.incl, obs.decl, obs.obs_aincl[d], obs.obs_adecl[d], ws.dir);
-        sens_row(ws, obs.geomag, yn, xn, zn, ny, nx, nz, top, i, oy, ox, oz, g, len, out);
-
-        // The datum of the test model, from the row before the weighting.
+        // Each finished row of columns, while in cache: the datum of the test
+        // model from the row before the weighting (summed in cell order), the
+        // group's sums of |row| before the weighting and of the weighted row
+        // squared, and the weighted row into the store's column.
         double full = 0.0;
-        if (test_model != 0.0) {
-          for (std::size_t k = 0; k < len; ++k) full += test_model * g[k];
-        }
-        // The group's sums of |row| before the weighting and of the weighted
-        // row squared.
         double* avg = t.avg.data();
         double* sq = t.sq.data();
-        for (std::size_t k = 0; k < len; ++k) {
-          avg[k] += std::fabs(g[k]);
-          const double v = g[k] / wtz[k];
-          g[k] = v;
-          sq[k] += v * v;
-        }
-        if (float* col = sink.full_column(i - 1)) {
-          for (std::size_t k = 0; k < len; ++k) col[k] = static_cast<float>(g[k]);
-        } else {
-          sink.put(*t.part, i - 1, g, full);
-        }
+        float* col = sink.full_column(i - 1);
+        const auto finish = [&](std::size_t begin, std::size_t end) {
+          if (test_model != 0.0) {
+            for (std::size_t k = begin; k < end; ++k) full += test_model * g[k];
+          }
+          for (std::size_t k = begin; k < end; ++k) {
+            avg[k] += std::fabs(g[k]);
+            const double v = g[k] / wtz[k];
+            g[k] = v;
+            sq[k] += v * v;
+          }
+          if (col != nullptr) {
+            for (std::size_t k = begin; k < end; ++k) col[k] = static_cast<float>(g[k]);
+          }
+        };
+        sens_row(ws, obs.geomag, yn, xn, zn, ny, nx, nz, top, i, oy, ox, oz, g, len, out, finish);
+        if (col == nullptr) sink.put(*t.part, i - 1, g, full);
         loop.progress.row_done();
         if (ends_group(i - 1, mine)) end_group(loop, t);
       });

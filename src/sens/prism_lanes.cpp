@@ -59,54 +59,50 @@ HWY_INLINE V AtanOfRatio(lanes_tag d, V n, V den) {
   return hn::Or(a, sign);
 }
 
-void FillNodeLines(const node_fill_in& in, double* r, double* ax, double* ay) {
+void FillNodePlane(const node_fill_in& in, int32_t j, double* r, double* ax, double* ay) {
   const lanes_tag d;
   const int32_t n = static_cast<int32_t>(hn::Lanes(d));
   const int32_t ez = in.ez, ex = in.ex, ey = in.ey, ny = in.ny;
-  auto top_at = [&](int32_t j, int32_t i) {
-    return in.top[static_cast<std::size_t>(j - 1) +
+  auto top_at = [&](int32_t jj, int32_t i) {
+    return in.top[static_cast<std::size_t>(jj - 1) +
                   static_cast<std::size_t>(i - 1) * static_cast<std::size_t>(ny)];
   };
   const V zero = hn::Zero(d);
-  for (int32_t j = 1; j <= ey; ++j) {
-    const double y = in.yn[j - 1] - in.oy;
-    const double ys = y == 0.0 ? in.shift : y;
-    const double yy = y * y;
-    for (int32_t i = 1; i <= ex; ++i) {
-      const double x = in.xn[i - 1] - in.ox;
-      const double xs = x == 0.0 ? in.shift : x;
-      const double hh = yy + x * x;
-      // Start level: the highest node any of the four columns around this
-      // line can reach; the rim is computed whole.
-      int32_t start = 1;
-      if (j > 1 && j < ey && i > 1 && i < ex) {
-        const int32_t t = std::min(std::min(top_at(j - 1, i - 1), top_at(j, i - 1)),
-                                   std::min(top_at(j - 1, i), top_at(j, i)));
-        start = std::clamp(t + 1, 1, ez);
-      }
-      const std::size_t base =
-          static_cast<std::size_t>(ez) *
-          (static_cast<std::size_t>(i - 1) + static_cast<std::size_t>(ex) * (j - 1));
-      double* rl = r + base;
-      double* axl = ax + base;
-      double* ayl = ay + base;
-      const V vy = hn::Set(d, y), vx = hn::Set(d, x), vys = hn::Set(d, ys), vxs = hn::Set(d, xs);
-      const V vhh = hn::Set(d, hh);
-      // Whole vectors: the last one runs past the line into the next line's
-      // head (computed after it) or the arrays' padding.
-      for (int32_t k = start - 1; k < ez; k += n) {
-        const V z = hn::LoadU(d, in.z_node + k);
-        const V rr = hn::Sqrt(hn::Add(hn::Mul(z, z), vhh));
-        // The arctangents of (y z) / (xs r) and (z x) / (r ys). At the point
-        // itself both are 0 over 0; the cell that reads such a node is set
-        // aside by the prism formula, but the cache holds no NaN either.
-        const M at_point = hn::Eq(rr, zero);
-        hn::StoreU(rr, d, rl + k);
-        hn::StoreU(hn::IfThenZeroElse(at_point, AtanOfRatio(d, hn::Mul(vy, z), hn::Mul(vxs, rr))),
-                   d, axl + k);
-        hn::StoreU(hn::IfThenZeroElse(at_point, AtanOfRatio(d, hn::Mul(z, vx), hn::Mul(rr, vys))),
-                   d, ayl + k);
-      }
+  const double y = in.yn[j - 1] - in.oy;
+  const double ys = y == 0.0 ? in.shift : y;
+  const double yy = y * y;
+  for (int32_t i = 1; i <= ex; ++i) {
+    const double x = in.xn[i - 1] - in.ox;
+    const double xs = x == 0.0 ? in.shift : x;
+    const double hh = yy + x * x;
+    // Start level: the highest node any of the four columns around this
+    // line can reach; the rim is computed whole.
+    int32_t start = 1;
+    if (j > 1 && j < ey && i > 1 && i < ex) {
+      const int32_t t = std::min(std::min(top_at(j - 1, i - 1), top_at(j, i - 1)),
+                                 std::min(top_at(j - 1, i), top_at(j, i)));
+      start = std::clamp(t + 1, 1, ez);
+    }
+    const std::size_t base = static_cast<std::size_t>(ez) * static_cast<std::size_t>(i - 1);
+    double* rl = r + base;
+    double* axl = ax + base;
+    double* ayl = ay + base;
+    const V vy = hn::Set(d, y), vx = hn::Set(d, x), vys = hn::Set(d, ys), vxs = hn::Set(d, xs);
+    const V vhh = hn::Set(d, hh);
+    // Whole vectors: the last one runs past the line into the next line's
+    // head (computed after it) or the plane's padding.
+    for (int32_t k = start - 1; k < ez; k += n) {
+      const V z = hn::LoadU(d, in.z_node + k);
+      const V rr = hn::Sqrt(hn::Add(hn::Mul(z, z), vhh));
+      // The arctangents of (y z) / (xs r) and (z x) / (r ys). At the point
+      // itself both are 0 over 0; the cell that reads such a node is set
+      // aside by the prism formula, but the cache holds no NaN either.
+      const M at_point = hn::Eq(rr, zero);
+      hn::StoreU(rr, d, rl + k);
+      hn::StoreU(hn::IfThenZeroElse(at_point, AtanOfRatio(d, hn::Mul(vy, z), hn::Mul(vxs, rr))),
+                 d, axl + k);
+      hn::StoreU(hn::IfThenZeroElse(at_point, AtanOfRatio(d, hn::Mul(z, vx), hn::Mul(rr, vys))),
+                 d, ayl + k);
     }
   }
 }
@@ -280,40 +276,36 @@ HWY_INLINE void Stretch(const prism_row_in& in, const column_view& c, int32_t k0
   }
 }
 
-void PrismRow(const prism_row_in& in, double* g, double* col,
-              std::vector<flagged_cell>* flagged) {
+void PrismColumns(const prism_row_in& in, int32_t j, const node_plane& lo, const node_plane& hi,
+                  double* g, std::size_t indx, double* col, std::vector<flagged_cell>* flagged) {
   const std::size_t sx = static_cast<std::size_t>(in.ez);
-  const std::size_t sy = sx * static_cast<std::size_t>(in.ex);
   const int32_t ny = in.ny, nx = in.nx, nz = in.nz;
-  std::size_t indx = 0;
-  for (int32_t j = 1; j <= ny; ++j) {
-    column_view c{};
-    c.y1 = in.yn[j - 1] - in.oy;
-    c.y2 = in.yn[j] - in.oy;
-    c.sy = side_of(c.y1, c.y2);
-    for (int32_t i = 1; i <= nx; ++i) {
-      c.x1 = in.xn[i - 1] - in.ox;
-      c.x2 = in.xn[i] - in.ox;
-      c.sx = side_of(c.x1, c.x2);
-      const int32_t kt = std::clamp(
-          in.top[static_cast<std::size_t>(j - 1) + static_cast<std::size_t>(i - 1) * ny], 0, nz);
-      const std::size_t b11 = sx * static_cast<std::size_t>(i - 1) + sy * static_cast<std::size_t>(j - 1);
-      const std::size_t b12 = b11 + sx, b21 = b11 + sy, b22 = b21 + sx;
-      c.r11 = in.r + b11, c.r12 = in.r + b12, c.r21 = in.r + b21, c.r22 = in.r + b22;
-      c.a11 = in.ax + b11, c.a12 = in.ax + b12, c.a21 = in.ax + b21, c.a22 = in.ax + b22;
-      c.b11 = in.ay + b11, c.b12 = in.ay + b12, c.b21 = in.ay + b21, c.b22 = in.ay + b22;
-      // The column in at most three stretches of one z side each: above the
-      // point, across its depth, below it.
-      for (int32_t k = kt + 1; k <= nz;) {
-        const int32_t e = in.run_end[k];
-        const std::size_t t = static_cast<std::size_t>(k - kt - 1);
-        Stretch(in, c, k, e, in.z_side[k], col + t, indx + t, j, i, *flagged);
-        k = e + 1;
-      }
-      const std::size_t m = static_cast<std::size_t>(nz - kt);
-      if (m > 0) std::memcpy(g + indx, col, m * sizeof(double));
-      indx += m;
+  column_view c{};
+  c.y1 = in.yn[j - 1] - in.oy;
+  c.y2 = in.yn[j] - in.oy;
+  c.sy = side_of(c.y1, c.y2);
+  for (int32_t i = 1; i <= nx; ++i) {
+    c.x1 = in.xn[i - 1] - in.ox;
+    c.x2 = in.xn[i] - in.ox;
+    c.sx = side_of(c.x1, c.x2);
+    const int32_t kt = std::clamp(
+        in.top[static_cast<std::size_t>(j - 1) + static_cast<std::size_t>(i - 1) * ny], 0, nz);
+    const std::size_t b1 = sx * static_cast<std::size_t>(i - 1), b2 = b1 + sx;
+    c.r11 = lo.r + b1, c.r12 = lo.r + b2, c.r21 = hi.r + b1, c.r22 = hi.r + b2;
+    c.a11 = lo.ax + b1, c.a12 = lo.ax + b2, c.a21 = hi.ax + b1, c.a22 = hi.ax + b2;
+    c.b11 = lo.ay + b1, c.b12 = lo.ay + b2, c.b21 = hi.ay + b1, c.b22 = hi.ay + b2;
+    // The column in at most three stretches of one z side each: above the
+    // point, across its depth, below it.
+    for (int32_t k = kt + 1; k <= nz;) {
+      const int32_t e = in.run_end[k];
+      const std::size_t t = static_cast<std::size_t>(k - kt - 1);
+      Stretch(in, c, k, e, in.z_side[k], col + t, indx + t, j, i, *flagged);
+      k = e + 1;
     }
+    const std::size_t m = static_cast<std::size_t>(nz - kt);
+    if (m > 0) std::memcpy(g, col, m * sizeof(double));
+    g += m;
+    indx += m;
   }
 }
 
@@ -326,16 +318,17 @@ HWY_AFTER_NAMESPACE();
 
 namespace quolvent {
 
-QUOLVENT_EXPORT(FillNodeLines)
-QUOLVENT_EXPORT(PrismRow)
+QUOLVENT_EXPORT(FillNodePlane)
+QUOLVENT_EXPORT(PrismColumns)
 
-void fill_node_lines(int64_t target, const node_fill_in& in, double* r, double* ax, double* ay) {
-  FillNodeLines_for(dispatch_index(target))(in, r, ax, ay);
+void fill_node_plane(int64_t target, const node_fill_in& in, int32_t j, const node_plane& p) {
+  FillNodePlane_for(dispatch_index(target))(in, j, p.r, p.ax, p.ay);
 }
 
-void prism_row(int64_t target, const prism_row_in& in, double* g, double* col,
-               std::vector<flagged_cell>& flagged) {
-  PrismRow_for(dispatch_index(target))(in, g, col, &flagged);
+void prism_columns(int64_t target, const prism_row_in& in, int32_t j, const node_plane& lo,
+                   const node_plane& hi, double* g, std::size_t indx, double* col,
+                   std::vector<flagged_cell>& flagged) {
+  PrismColumns_for(dispatch_index(target))(in, j, lo, hi, g, indx, col, &flagged);
 }
 
 }  // namespace quolvent

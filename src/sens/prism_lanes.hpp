@@ -30,25 +30,30 @@ struct node_fill_in {
   double oy, ox, shift;
 };
 
-// fill_node_lines
-//   Given:   the target, the point and mesh in; r, ax, ay, ez*ex*ey values
-//            each plus lane_pad, laid out (k-1) + ez*((i-1) + ex*(j-1)).
-//   Returns: for each node line from 1 + the smallest top of the four
-//            columns around it down (the rim of the mesh whole): r the
+// node_plane: the cache's values on one plane of nodes (one y node), the
+// node (k, i) (1-based: z, x) at (k-1) + ez*(i-1).
+struct node_plane {
+  double* r;   // distance to the node
+  double* ax;  // arctangent of the x term
+  double* ay;  // arctangent of the y term
+};
+
+// fill_node_plane
+//   Given:   the target, the point and mesh in, the y node j (1..ey); p, whose
+//            arrays hold ez*ex values each plus lane_pad.
+//   Returns: for each node line of plane j from 1 + the smallest top of the
+//            four columns around it down (the rim of the mesh whole): r the
 //            distance to the node, ax and ay the arctangents of the two
 //            quotients of the prism formula, a y or x offset of exactly 0
 //            taken as the shift in their denominators; both 0 at a node of
 //            distance 0.
 //   Fails:   never.
-void fill_node_lines(int64_t target, const node_fill_in& in, double* r, double* ax, double* ay);
+void fill_node_plane(int64_t target, const node_fill_in& in, int32_t j, const node_plane& p);
 
-// prism_row_in: a filled cache and what the walk over the cells needs.
+// prism_row_in: what the walk over the cells needs besides the cache.
 // z_side[k] is the side of cell k's planes (the values of axis_side), and
 // run_end[k] the last cell of the run of equal sides from k on (k = 1..nz).
 struct prism_row_in {
-  const double* r;
-  const double* ax;
-  const double* ay;
   int32_t ez, ex;
   const double* yn;
   const double* xn;
@@ -70,9 +75,11 @@ struct flagged_cell {
   int32_t j, i, k;
 };
 
-// prism_row
-//   Given:   the target; in; g, the row (one value per cell below the tops,
-//            in the order y, x, z, exactly as many as the columns hold);
+// prism_columns
+//   Given:   the target; in; j, a row of columns (1..ny); lo and hi, the
+//            filled node planes j and j+1; g, the cells of the columns of row
+//            j (below the tops, in the order x, z, exactly as many as they
+//            hold), the first of them at place indx of the whole row;
 //            col, nz + lane_pad values of work space.
 //   Returns: g filled with the value of each cell; the cells where the
 //            formula may have no value or the vector logarithm no answer
@@ -80,7 +87,8 @@ struct flagged_cell {
 //            outside the normal numbers, a value that is not finite) are
 //            appended to flagged in cell order, their entries in g unset.
 //   Fails:   never.
-void prism_row(int64_t target, const prism_row_in& in, double* g, double* col,
-               std::vector<flagged_cell>& flagged);
+void prism_columns(int64_t target, const prism_row_in& in, int32_t j, const node_plane& lo,
+                   const node_plane& hi, double* g, std::size_t indx, double* col,
+                   std::vector<flagged_cell>& flagged);
 
 }  // namespace quolvent

@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <memory>
 
+#include "base/row_range.hpp"
+
 namespace quolvent {
 
 class row_sink {
@@ -32,6 +34,11 @@ class row_sink {
   // store keeps rows whole, so that a loop may write it there itself;
   // nullptr when rows go through put.
   virtual float* full_column(int32_t datum) = 0;
+
+  // claim_rows: the rows (0-based data) the calling thread of the region is
+  // about to write through full_column, so that their memory is made ready by
+  // the thread that writes it. Does nothing by default.
+  virtual void claim_rows(row_range) {}
 
   // open_thread: one thread's part, made inside the parallel region.
   virtual std::unique_ptr<thread_part> open_thread() = 0;

@@ -162,8 +162,8 @@ TEST(ExactSum, AdderFromManyThreads) {
 }
 
 // Blocks of rows: they cover the rows in order without gaps, start on a
-// group (but for the first), differ by a group at most, and a part beyond
-// the groups is empty.
+// group (but for the first), hold the even share of the rows to within a
+// group, and a part beyond the groups is empty.
 TEST(RowRange, BlocksOfWholeGroups) {
   const struct {
     row_range rows;
@@ -172,20 +172,18 @@ TEST(RowRange, BlocksOfWholeGroups) {
                {{0, 1000}, 64}, {{40, 93}, 3},   {{17, 18}, 4},    {{0, 160}, 10}};
   for (const auto& k : cases) {
     int32_t at = k.rows.first;
-    int min_groups = 1 << 30, max_groups = 0;
+    const double share = static_cast<double>(k.rows.count()) / k.parts;
     for (int p = 0; p < k.parts; ++p) {
       const row_range b = split_rows(k.rows, p, k.parts);
       EXPECT_EQ(b.first, at) << p;
       EXPECT_GE(b.last, b.first);
       if (p > 0 && b.count() > 0) EXPECT_EQ(b.first % sum_group_rows, 0);
-      const int groups = b.count() == 0 ? 0 : group_range(b).count();
-      min_groups = std::min(min_groups, groups);
-      max_groups = std::max(max_groups, groups);
+      EXPECT_LT(std::abs(b.count() - share), sum_group_rows) << p;
       at = b.last;
     }
     EXPECT_EQ(at, k.rows.last);
-    EXPECT_LE(max_groups - min_groups, 1 + (k.rows.first % sum_group_rows != 0));
   }
   EXPECT_EQ(block_of(5, 1, 3).count(), 0);
   EXPECT_EQ(block_of(5, 0, 3).count(), 5);
+  EXPECT_EQ(block_of(100, 0, 2).count(), 48);
 }
