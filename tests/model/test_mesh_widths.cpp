@@ -1,10 +1,8 @@
 // Cell widths that are not positive: the mesh reader names the first one in
-// the order of the file (easting, northing, then the layers), and a run with
-// one stops before it computes anything, leaving no matrix file. The length
+// the order of the file (easting, northing, then the layers). The length
 // scale of a mesh: its smallest width, never above 1.
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <string>
 
 #include "base/stop.hpp"
@@ -37,22 +35,6 @@ TEST(MeshWidths, TheFirstWidthThatIsNotPositiveIsNamed) {
     EXPECT_EQ(cap.screen(), c.report) << c.text;
     EXPECT_EQ(cap.log(), c.report) << c.text;
   }
-}
-
-TEST(MeshWidths, ARunWithANegativeWidthLeavesNoMatrixFile) {
-  qt::scratch_dir dir("widthrun");
-  qt::write_file(dir.file("mesh.txt"), "30 10 4\n0 0 100\n29*20.0 -20.0\n10*20.0\n4*10.0\n");
-  qt::write_file(dir.file("obs.mag"), "60 10 50000\n60 10 1\n1\n300 100 110\n");
-  qt::write_file(dir.file("run.inp"), "mesh.txt\nobs.mag\nnull\nVALUE 1.0\ndaub2\n1 0.05\n1\n");
-  const qt::program_run r = qt::run_program(dir.path.string(), {"run.inp", "1"});
-  EXPECT_EQ(r.status, 0);
-  const std::string report =
-      "\nERROR reading mesh file: mesh.txt\nThe cell width 30 along easting is not positive: "
-      "-2.000000E+01\n";
-  EXPECT_NE(r.screen.find(report), std::string::npos) << r.screen;
-  EXPECT_NE(qt::read_file(dir.file("quolvent.log")).find(report), std::string::npos);
-  for (const char* f : {"dulmarok.mtx", "sensitivity.txt"})
-    EXPECT_FALSE(std::filesystem::exists(dir.path / f)) << f;
 }
 
 TEST(MeshWidths, LengthScaleIsTheSmallestWidthUpToOne) {

@@ -3,14 +3,11 @@
 // own and checked against rows computed here.
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <regex>
 
 #include "model/mesh.hpp"
 #include "model/model.hpp"
 #include "model/observations.hpp"
-#include "sens/gsus_mod.hpp"
-#include "sens/gsus_no_atan_mod.hpp"
 #include "support/matrix_reader.hpp"
 #include "support/test_support.hpp"
 #include "topo/ground.hpp"
@@ -20,7 +17,6 @@ using namespace quolvent;
 namespace {
 
 const std::string examples = std::string(QUOLVENT_SOURCE_DIR) + "/examples/";
-constexpr int64_t real_limit = 2147483639;
 
 // example_control: the bundled example's control file with its paths made
 // absolute, and the wavelet, eps line and last line given.
@@ -41,21 +37,11 @@ struct example_run {
   bool has(const std::string& name) const { return std::filesystem::exists(dir.path / name); }
 };
 
-// no_non_finite: a text file holds no NaN or Inf in any spelling.
+// expect_finite_text: a text file holds no NaN or Inf in any spelling.
 void expect_finite_text(const std::string& path) {
   const std::string text = qt::read_file(path);
   static const std::regex bad("nan|inf", std::regex::icase);
   EXPECT_FALSE(std::regex_search(text, bad)) << path;
-}
-
-// matrix_records: every record of a matrix file, payloads in order.
-std::vector<std::string> matrix_records(const std::string& path) {
-  frame_reader r;
-  r.bytes = file_bytes(path);
-  r.limit = real_limit;
-  std::vector<std::string> recs;
-  while (!r.at_end() && r.pos < r.bytes.size()) recs.push_back(r.record());
-  return recs;
 }
 
 double log_value(const std::string& log, const std::string& label) {
@@ -99,12 +85,8 @@ TEST(ExampleRun, UncompressedRowsMatchTheRowKernel) {
   EXPECT_EQ(recs[5].size(), 4u + 8u * n);
   EXPECT_EQ(recs.back().size(), 8u * n);
 
-  row_workspace ws = make_row_workspace(survey_directions(obs), mesh_length_scale(mesh));
-  std::vector<double> g(n);
   for (int32_t i : {1, 200, 401, 403}) {
-    sens_row(ws, obs.geomag, mesh.yn.data(), mesh.xn.data(), mesh.zn.data(), mesh.ny, mesh.nx,
-             mesh.nz, top_index.data(), i, obs.obs_y[i - 1], obs.obs_x[i - 1],
-             mesh.z0 - obs.obs_z[i - 1], g.data(), g.size(), cap.out);
+    const std::vector<double> g = qt::kernel_row(mesh, obs, top_index, i, cap.out);
     const std::string& row = recs[5 + static_cast<std::size_t>(i)];
     ASSERT_EQ(row.size(), 4u * n);
     const auto stored = values_of<float>(row, 0, static_cast<std::size_t>(n));
@@ -133,41 +115,4 @@ TEST(ExampleRun, CompressedRunWritesEveryFileAndItsReport) {
   const double error = log_value(r.log, "achieved relative error:");
   EXPECT_GT(error, 0.0);
   EXPECT_LT(error, 0.1);
-
-  // The records: compressed rows whose counts add up to the logged total.
-  const auto recs = matrix_records(r.dir.file("dulmarok.mtx"));
-  ASSERT_EQ(recs.size(), 7u + 403u);
-  const auto ncof = values_of<int32_t>(recs[3], 0, 1);
-  EXPECT_EQ(ncof[0], 4);
-  EXPECT_EQ(values_of<int32_t>(recs[4], 0, 3), (std::vector<int32_t>{32, 32, 16}));
-  int64_t total = 0;
-  for (std::size_t i = 6; i < 6 + 403; ++i) {
-    const int32_t nnz = values_of<int32_t>(recs[i], 0, 1)[0];
-    ASSERT_EQ(recs[i].size(), 4u + 8u * static_cast<std::size_t>(nnz));
-    const auto idx = values_of<int32_t>(recs[i], 4, static_cast<std::size_t>(nnz));
-    for (int32_t k = 0; k < nnz; ++k) {
-      ASSERT_GE(idx[k], 1);
-      ASSERT_LE(idx[k], 32 * 32 * 16);
-      if (k > 0) ASSERT_GT(idx[k], idx[k - 1]);
-    }
-    total += nnz;
-  }
-  EXPECT_NE(r.log.find("Number of non-zeros:" + std::string(10 - std::to_string(total).size(), ' ') +
-                       std::to_string(total)),
-            std::string::npos);
-}
-
-TEST(ExampleRun, RowsDoNotDependOnTheThreadCount) {
-  const std::string control = example_control("daub2", "null", 0);
-  example_run one(control, "1");
-  example_run four(control, "4");
-  const auto a = matrix_records(one.dir.file("dulmarok.mtx"));
-  const auto b = matrix_records(four.dir.file("dulmarok.mtx"));
-  ASSERT_EQ(a.size(), b.size());
-  // Everything but the sum of squares, whose last bits follow the order in
-  // which the threads add their shares, is identical.
-  for (std::size_t i = 0; i + 1 < a.size(); ++i) ASSERT_EQ(a[i], b[i]) << "record " << i + 1;
-  const auto sa = values_of<double>(a.back(), 0, a.back().size() / 8);
-  const auto sb = values_of<double>(b.back(), 0, b.back().size() / 8);
-  for (std::size_t k = 0; k < sa.size(); ++k) EXPECT_NEAR(sa[k], sb[k], 1e-12 * std::abs(sa[k]));
 }

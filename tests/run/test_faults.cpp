@@ -4,50 +4,18 @@
 // byte, no temporary file is left, and the screen and the log say why.
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <cmath>
 #include <csignal>
-#include <cstdio>
-#include <pthread.h>
 #include <cstdlib>
 #include <filesystem>
+#include <pthread.h>
 #include <string>
 #include <sys/resource.h>
 #include <sys/wait.h>
-#include <thread>
 #include <vector>
 
-#include "run/sens3d.hpp"
 #include "support/test_support.hpp"
 
 namespace {
-
-// survey_files: a flat mesh of nx x ny x nz cells of 10 x 10 x 5 and data
-// 2 m above it: on the cell centres of a grid of dx x dy when regular (the
-// regular-grid loop), otherwise at scattered places (the general loop).
-void survey_files(const qt::scratch_dir& d, int nx, int ny, int nz, int nd, bool regular,
-                  const std::string& wavelet) {
-  qt::write_file(d.file("mesh.txt"), std::to_string(nx) + " " + std::to_string(ny) + " " +
-                                         std::to_string(nz) + "\n0 0 0\n" + std::to_string(nx) +
-                                         "*10.0\n" + std::to_string(ny) + "*10.0\n" +
-                                         std::to_string(nz) + "*5.0\n");
-  std::string obs = "65 20 50000\n65 20 1\n" + std::to_string(nd) + "\n";
-  for (int i = 0; i < nd; ++i) {
-    double x, y;
-    if (regular) {
-      x = 5.0 + 10.0 * (i % nx);
-      y = 5.0 + 10.0 * (i / nx);
-    } else {
-      // Irrational steps: no two data share a grid.
-      x = 10.0 * nx * (0.05 + 0.9 * std::fmod(i * 0.6180339887, 1.0));
-      y = 10.0 * ny * (0.05 + 0.9 * std::fmod(i * 0.4142135623, 1.0));
-    }
-    obs += std::to_string(x) + " " + std::to_string(y) + " 2.0\n";
-  }
-  qt::write_file(d.file("obs.mag"), obs);
-  qt::write_file(d.file("run.inp"),
-                 "mesh.txt\nobs.mag\nnull\nVALUE 1.0\n" + wavelet + "\nnull\n0\n");
-}
 
 // earlier: what an earlier run left in the directory: files the test can
 // tell from anything this run would write.
@@ -56,18 +24,6 @@ const std::string earlier_model = "an earlier run's sensitivity model\n";
 void put_earlier(const qt::scratch_dir& d) {
   qt::write_file(d.file("dulmarok.mtx"), earlier_matrix);
   qt::write_file(d.file("sensitivity.txt"), earlier_model);
-}
-
-// temporary_files: names in d that hold a temporary output (an output's name
-// and a suffix).
-std::vector<std::string> temporary_files(const qt::scratch_dir& d) {
-  std::vector<std::string> found;
-  for (const auto& e : std::filesystem::directory_iterator(d.path)) {
-    const std::string name = e.path().filename().string();
-    for (const char* out : {"dulmarok.mtx.", "sensitivity.txt.", "quolvent.log."})
-      if (name.rfind(out, 0) == 0) found.push_back(name);
-  }
-  return found;
 }
 
 // last_lines: the report at the end of a text: its last two non-empty lines.
@@ -79,26 +35,6 @@ std::string last_lines(const std::string& text) {
   start = text.rfind('\n', start - 1);
   start = start == std::string::npos ? 0 : start + 1;
   return text.substr(start, end + 1 - start);
-}
-
-// as_in_a_terminal: the interrupts act as for a program started by hand,
-// whatever the test runner does with them.
-void as_in_a_terminal() {
-  for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGXFSZ}) std::signal(sig, SIG_DFL);
-  sigset_t none;
-  sigemptyset(&none);
-  sigprocmask(SIG_SETMASK, &none, nullptr);
-}
-
-// wait_until: polls every millisecond for up to 60 s.
-template <typename F>
-bool wait_until(F ready) {
-  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-  while (std::chrono::steady_clock::now() < limit) {
-    if (ready()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return false;
 }
 
 }  // namespace
@@ -119,10 +55,10 @@ TEST(Faults, WriteThatFailsLeavesTheEarlierFile) {
   };
   for (const auto& k : cases) {
     qt::scratch_dir d("qfault");
-    survey_files(d, 18, 16, 8, 48, true, "NONE");
+    qt::write_flat_survey(d, 18, 16, 8, 48, true, "NONE");
     put_earlier(d);
     const auto r = qt::start_program(d.path.string(), {"run.inp", "2"}, [&] {
-                     as_in_a_terminal();
+                     qt::as_in_a_terminal();
                      const rlimit lim{k.limit, k.limit};
                      setrlimit(RLIMIT_FSIZE, &lim);
                    }).wait();
@@ -135,13 +71,13 @@ TEST(Faults, WriteThatFailsLeavesTheEarlierFile) {
     EXPECT_EQ(last_lines(log), report);
     EXPECT_EQ(qt::read_file(d.file("dulmarok.mtx")), earlier_matrix) << k.failing;
     EXPECT_EQ(qt::read_file(d.file("sensitivity.txt")) != earlier_model, k.model_replaced);
-    EXPECT_EQ(temporary_files(d), std::vector<std::string>{}) << k.failing;
+    EXPECT_EQ(qt::temporary_outputs(d), std::vector<std::string>{}) << k.failing;
   }
 }
 
-// SIGTERM and SIGINT in the row loop (a compressed general-loop run of a
-// second or two, hit after its first row) and while the matrix file is written
-// (an uncompressed run of 77 MB, hit once its temporary file appears): the
+// SIGTERM in the row loop (a compressed general-loop run of a second or two,
+// hit after its first row) and SIGINT while the matrix file is written (an
+// uncompressed run of 77 MB, hit once its temporary file has bytes): the
 // run stops with 128 + the signal, says so last on screen and in the log,
 // and leaves the earlier file alone.
 TEST(Faults, InterruptLeavesTheEarlierFile) {
@@ -149,24 +85,15 @@ TEST(Faults, InterruptLeavesTheEarlierFile) {
     int sig;
     const char* name;
     bool in_write;
-  } cases[] = {
-      {SIGTERM, "SIGTERM", false},
-      {SIGINT, "SIGINT", false},
-      {SIGTERM, "SIGTERM", true},
-      {SIGINT, "SIGINT", true},
-  };
+  } cases[] = {{SIGTERM, "SIGTERM", false}, {SIGINT, "SIGINT", true}};
   for (const auto& k : cases) {
     qt::scratch_dir d("qfault");
-    if (k.in_write) {
-      survey_files(d, 40, 40, 20, 600, true, "NONE");
-    } else {
-      survey_files(d, 40, 40, 20, 600, false, "daub2");
-    }
+    qt::write_flat_survey(d, 40, 40, 20, 600, k.in_write, k.in_write ? "NONE" : "daub2");
     // The matrix file's temporary file with bytes in it: the empty one that
     // the check of the directory makes and removes before the rows doesn't count.
     const auto writing = [&] {
       std::error_code ec;
-      for (const auto& name : temporary_files(d))
+      for (const auto& name : qt::temporary_outputs(d))
         if (name.rfind("dulmarok.mtx.", 0) == 0 && std::filesystem::file_size(d.path / name, ec) > 0)
           return true;
       return false;
@@ -178,8 +105,8 @@ TEST(Faults, InterruptLeavesTheEarlierFile) {
     bool hit = false;
     for (int attempt = 0; attempt < 3 && !hit; ++attempt) {
       put_earlier(d);
-      auto child = qt::start_program(d.path.string(), {"run.inp", "2"}, as_in_a_terminal);
-      wait_until([&] {
+      auto child = qt::start_program(d.path.string(), {"run.inp", "2"}, qt::as_in_a_terminal);
+      qt::wait_until([&] {
         return k.in_write ? writing()
                           : child.screen().find("Calculating sensitivity matrix") != std::string::npos;
       });
@@ -201,7 +128,7 @@ TEST(Faults, InterruptLeavesTheEarlierFile) {
     EXPECT_EQ(last_lines(r.screen), report);
     EXPECT_EQ(last_lines(qt::read_file(d.file("quolvent.log"))), report);
     EXPECT_EQ(qt::read_file(d.file("dulmarok.mtx")), earlier_matrix) << k.name;
-    EXPECT_EQ(temporary_files(d), std::vector<std::string>{}) << k.name;
+    EXPECT_EQ(qt::temporary_outputs(d), std::vector<std::string>{}) << k.name;
   }
 }
 
@@ -216,7 +143,7 @@ TEST(Faults, RefusedBeforeTheFirstRow) {
   long long file_bytes = 0;
   {
     qt::scratch_dir d("qfault");
-    survey_files(d, nx, ny, nz, nd, true, "NONE");
+    qt::write_flat_survey(d, nx, ny, nz, nd, true, "NONE");
     ASSERT_EQ(qt::run_program(d.path.string(), {"run.inp", "1"}).status, 0);
     file_bytes = static_cast<long long>(std::filesystem::file_size(d.path / "dulmarok.mtx"));
   }
@@ -235,7 +162,7 @@ TEST(Faults, RefusedBeforeTheFirstRow) {
   };
   for (const auto& k : cases) {
     qt::scratch_dir d("qfault");
-    survey_files(d, nx, ny, nz, nd, true, "NONE");
+    qt::write_flat_survey(d, nx, ny, nz, nd, true, "NONE");
     const auto r = qt::start_program(d.path.string(), {"run.inp", "1"}, [&] {
                      setenv("QUOLVENT_TEST_FREE_BYTES", std::to_string(k.free).c_str(), 1);
                      setenv("QUOLVENT_TEST_AVAILABLE_BYTES", std::to_string(k.available).c_str(), 1);
@@ -260,7 +187,7 @@ TEST(Faults, RefusedBeforeTheFirstRow) {
 // without stopping, where the file system has less room.
 TEST(Faults, CompressedRunPredictsItsFile) {
   qt::scratch_dir d("qfault");
-  survey_files(d, 18, 16, 8, 48, true, "daub2");
+  qt::write_flat_survey(d, 18, 16, 8, 48, true, "daub2");
   const auto r = qt::start_program(d.path.string(), {"run.inp", "1"}, [] {
                    setenv("QUOLVENT_TEST_FREE_BYTES", "1000", 1);
                  }).wait();
@@ -284,19 +211,14 @@ TEST(Faults, CompressedRunPredictsItsFile) {
 // thread its signal mask back, with what the caller held back itself.
 TEST(Faults, CallerKeepsItsSignalMask) {
   qt::scratch_dir d("qfault");
-  survey_files(d, 6, 5, 4, 12, false, "daub2");
+  qt::write_flat_survey(d, 6, 5, 4, 12, false, "daub2");
   sigset_t own, before, after;
   sigemptyset(&own);
   sigaddset(&own, SIGUSR1);
   sigaddset(&own, SIGHUP);
   pthread_sigmask(SIG_BLOCK, &own, &before);
   pthread_sigmask(SIG_BLOCK, nullptr, &before);
-  d.cd();
-  std::FILE* screen = std::tmpfile();
-  char exe[] = "quolvent", control[] = "run.inp";
-  char* argv[] = {exe, control, nullptr};
-  EXPECT_EQ(quolvent::run_command_line(2, argv, screen), 0);
-  std::fclose(screen);
+  EXPECT_EQ(qt::run_in_process(d, {"run.inp"}).status, 0);
   pthread_sigmask(SIG_SETMASK, &before, &after);
   pthread_sigmask(SIG_UNBLOCK, &own, nullptr);
   for (int sig = 1; sig < NSIG; ++sig)

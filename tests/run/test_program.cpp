@@ -37,31 +37,29 @@ const std::string control_missing_mesh =
 
 }  // namespace
 
-TEST(Program, NoArgumentPrintsTheUsage) {
-  qt::scratch_dir d("qprog");
-  const auto r = qt::run_program(d.path.string(), {});
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.screen, banner(default_threads()) +
-                          "\n   Usage: quolvent quolvent.inp  [nThreads]\n\n"
-                          "   For a sample input file, type: quolvent -inp\n");
-  EXPECT_FALSE(std::filesystem::exists(d.path / "quolvent.log"));
-}
-
-TEST(Program, InpPrintsTheSampleToScreenAndLog) {
-  qt::scratch_dir d("qprog");
-  const auto r = qt::run_program(d.path.string(), {"-inp"});
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.screen, banner(default_threads()) + sample);
-  EXPECT_EQ(qt::read_file(d.file("quolvent.log")), banner(default_threads()) + sample);
-}
-
-TEST(Program, MissingControlFile) {
-  qt::scratch_dir d("qprog");
-  const auto r = qt::run_program(d.path.string(), {"absent.inp"});
-  EXPECT_EQ(r.status, 0);
-  const std::string stop = "\n ERROR: input file not found: absent.inp\n";
-  EXPECT_EQ(r.screen, banner(default_threads()) + stop);
-  EXPECT_EQ(qt::read_file(d.file("quolvent.log")), banner(default_threads()) + stop);
+// Runs that end before a control file is read: the usage (no log), the
+// sample control file, and a control file that isn't there.
+TEST(Program, UsageSampleAndMissingControlFile) {
+  const struct {
+    std::vector<std::string> args;
+    std::string text;
+    bool logged;
+  } cases[] = {
+      {{}, "\n   Usage: quolvent quolvent.inp  [nThreads]\n\n   For a sample input file, type: quolvent -inp\n",
+       false},
+      {{"-inp"}, sample, true},
+      {{"absent.inp"}, "\n ERROR: input file not found: absent.inp\n", true},
+  };
+  for (const auto& k : cases) {
+    qt::scratch_dir d("qprog");
+    const auto r = qt::run_program(d.path.string(), k.args);
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.screen, banner(default_threads()) + k.text);
+    if (k.logged)
+      EXPECT_EQ(qt::read_file(d.file("quolvent.log")), banner(default_threads()) + k.text);
+    else
+      EXPECT_FALSE(std::filesystem::exists(d.path / "quolvent.log"));
+  }
 }
 
 TEST(Program, SixLineControlFileAndBadLineSeven) {

@@ -73,4 +73,13 @@ std::string file_bytes(const std::string& name) {
   return s;
 }
 
+// matrix_records: every record of a matrix file written in the program's
+// frames, payloads in order.
+inline std::vector<std::string> matrix_records(const std::string& path) {
+  frame_reader r{file_bytes(path), 0, 2147483639, {}};
+  std::vector<std::string> recs;
+  while (r.pos < r.bytes.size()) recs.push_back(r.record());
+  return recs;
+}
+
 }  // namespace

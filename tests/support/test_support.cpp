@@ -1,16 +1,23 @@
 #include "support/test_support.hpp"
 
 #include <array>
+#include <chrono>
+#include <cmath>
+#include <csignal>
 #include <cstdio>
 #include <fstream>
 #include <random>
 #include <sstream>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 #include "model/active_cells.hpp"
 #include "model/mesh.hpp"
 #include "model/observations.hpp"
+#include "run/sens3d.hpp"
+#include "sens/gsus_mod.hpp"
+#include "sens/gsus_no_atan_mod.hpp"
 #include "wavelet/wavelet_filters.hpp"
 #include "wavelet/wtn_mod.hpp"
 
@@ -218,6 +225,85 @@ quolvent::compression wavelet_of(const std::string& name) {
   c.flt = quolvent::set_filters(c.filter, c.ncof);
   c.compressed = c.ncof > 0;
   return c;
+}
+
+std::vector<double> kernel_row(const quolvent::mesh_model& mesh, const quolvent::obs_set& obs,
+                               const std::vector<int32_t>& top, int32_t i,
+                               const quolvent::run_log& out) {
+  const std::size_t d = static_cast<std::size_t>(i - 1);
+  quolvent::dir_products dir = quolvent::survey_directions(obs);
+  if (obs.idir == 0)
+    quolvent::SET_G_VALUES(obs.incl, obs.decl, obs.obs_aincl[d], obs.obs_adecl[d], dir);
+  quolvent::row_workspace ws =
+      quolvent::make_row_workspace(dir, quolvent::mesh_length_scale(mesh));
+  std::size_t n = 0;
+  for (int32_t t : top) n += static_cast<std::size_t>(mesh.nz - t);
+  std::vector<double> g(n);
+  quolvent::sens_row(ws, obs.geomag, mesh.yn.data(), mesh.xn.data(), mesh.zn.data(), mesh.ny,
+                     mesh.nx, mesh.nz, top.data(), i, obs.obs_y[d], obs.obs_x[d],
+                     mesh.z0 - obs.obs_z[d], g.data(), g.size(), out);
+  return g;
+}
+
+program_run run_in_process(const scratch_dir& dir, std::vector<std::string> args) {
+  program_run r;
+  const auto old = std::filesystem::current_path();
+  std::filesystem::current_path(dir.path);
+  std::FILE* screen = std::tmpfile();
+  std::string exe = "quolvent";
+  std::vector<char*> argv{exe.data()};
+  for (auto& a : args) argv.push_back(a.data());
+  argv.push_back(nullptr);
+  r.status = quolvent::run_command_line(static_cast<int>(args.size()) + 1, argv.data(), screen);
+  std::rewind(screen);
+  for (int c; (c = std::fgetc(screen)) != EOF;) r.screen.push_back(static_cast<char>(c));
+  std::fclose(screen);
+  std::filesystem::current_path(old);
+  return r;
+}
+
+void write_flat_survey(const scratch_dir& d, int nx, int ny, int nz, int nd, bool regular,
+                       const std::string& wavelet) {
+  const auto n = [](int v) { return std::to_string(v); };
+  write_file(d.file("mesh.txt"), n(nx) + " " + n(ny) + " " + n(nz) + "\n0 0 0\n" + n(nx) +
+                                     "*10.0\n" + n(ny) + "*10.0\n" + n(nz) + "*5.0\n");
+  std::string obs = "65 20 50000\n65 20 1\n" + n(nd) + "\n";
+  for (int i = 0; i < nd; ++i) {
+    // Irrational steps when scattered: no two data share a grid.
+    const double x = regular ? 5.0 + 10.0 * (i % nx)
+                             : 10.0 * nx * (0.05 + 0.9 * std::fmod(i * 0.6180339887, 1.0));
+    const double y = regular ? 5.0 + 10.0 * (i / nx)
+                             : 10.0 * ny * (0.05 + 0.9 * std::fmod(i * 0.4142135623, 1.0));
+    obs += std::to_string(x) + " " + std::to_string(y) + " 2.0\n";
+  }
+  write_file(d.file("obs.mag"), obs);
+  write_file(d.file("run.inp"), "mesh.txt\nobs.mag\nnull\nVALUE 1.0\n" + wavelet + "\nnull\n0\n");
+}
+
+std::vector<std::string> temporary_outputs(const scratch_dir& d) {
+  std::vector<std::string> found;
+  for (const auto& e : std::filesystem::directory_iterator(d.path)) {
+    const std::string name = e.path().filename().string();
+    for (const char* out : {"dulmarok.mtx.", "sensitivity.txt.", "quolvent.log."})
+      if (name.rfind(out, 0) == 0) found.push_back(name);
+  }
+  return found;
+}
+
+void as_in_a_terminal() {
+  for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGXFSZ}) std::signal(sig, SIG_DFL);
+  sigset_t none;
+  sigemptyset(&none);
+  sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
+bool wait_until(const std::function<bool()>& ready, int seconds) {
+  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+  while (std::chrono::steady_clock::now() < limit) {
+    if (ready()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return false;
 }
 
 }  // namespace qt

@@ -108,4 +108,33 @@ quolvent::survey make_survey(const quolvent::mesh_model& mesh, const quolvent::o
 // (padded extents not set), made quietly.
 quolvent::compression wavelet_of(const std::string& name);
 
+// kernel_row: datum i's (1-based) row over the cells below the tops, before
+// any weighting, as the row kernel computes it for that datum alone (in the
+// datum's own direction where idir is 0).
+std::vector<double> kernel_row(const quolvent::mesh_model& mesh, const quolvent::obs_set& obs,
+                               const std::vector<int32_t>& top, int32_t i,
+                               const quolvent::run_log& out);
+
+// run_in_process: the run of args in dir through run_command_line, in this
+// process, as an embedding program makes it; its screen and status.
+program_run run_in_process(const scratch_dir& dir, std::vector<std::string> args);
+
+// write_flat_survey: run.inp, mesh.txt and obs.mag in d: nx x ny x nz cells
+// of 10 x 10 x 5 from (0, 0), flat ground, nd data 2 m above it on the cell
+// centres when regular (the regular-grid loop), otherwise at scattered places
+// (the general loop); the wavelet given, no diagnostic files.
+void write_flat_survey(const scratch_dir& d, int nx, int ny, int nz, int nd, bool regular,
+                       const std::string& wavelet);
+
+// temporary_outputs: names in d that hold an output's temporary file (the
+// output's name and a suffix).
+std::vector<std::string> temporary_outputs(const scratch_dir& d);
+
+// as_in_a_terminal: for a child before it starts: the interrupts act as for
+// a program started by hand, whatever the test runner does with them.
+void as_in_a_terminal();
+
+// wait_until: polls ready every millisecond for up to `seconds`.
+bool wait_until(const std::function<bool()>& ready, int seconds = 60);
+
 }  // namespace qt

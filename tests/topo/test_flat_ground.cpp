@@ -92,25 +92,3 @@ TEST(FlatGround, OnEveryLayerBoundaryTheExactCellCount) {
     }
   }
 }
-
-// The four surveys of the report, run whole: ground at 100 (the top), 90
-// and 60 from points far outside the corners, and at the corners.
-TEST(FlatGround, TheRunCountsTheCellsBelowAFlatGround) {
-  for (const bool far : {true, false})
-    for (const auto& [z, cells] : std::vector<std::pair<int, int>>{{100, 500}, {90, 400}, {60, 100}}) {
-      qt::scratch_dir dir("flatrun");
-      qt::write_file(dir.file("mesh.txt"), mesh_files[0]);
-      qt::write_file(dir.file("obs.mag"), "90 0 50000\n90 0 1\n1\n55 55 110\n");
-      const std::string e0 = far ? "-1000" : "0", e1 = far ? "1100" : "100";
-      qt::write_file(dir.file("topo.dat"), "4\n" + e0 + " " + e0 + " " + std::to_string(z) + "\n" +
-                                               e1 + " " + e0 + " " + std::to_string(z) + "\n" +
-                                               e0 + " " + e1 + " " + std::to_string(z) + "\n" +
-                                               e1 + " " + e1 + " " + std::to_string(z) + "\n");
-      qt::write_file(dir.file("run.inp"), "mesh.txt\nobs.mag\ntopo.dat\nVALUE 1.0\ndaub2\n1 0.05\n0\n");
-      qt::run_program(dir.path.string(), {"run.inp", "1"});
-      const std::string log = qt::read_file(dir.file("quolvent.log"));
-      char want[64];
-      std::snprintf(want, sizeof want, "# of cells below topo:%8d\n", cells);
-      EXPECT_NE(log.find(want), std::string::npos) << z << (far ? " far" : " corners");
-    }
-}

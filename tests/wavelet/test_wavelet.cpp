@@ -9,8 +9,6 @@
 #include "model/active_cells.hpp"
 #include "model/mesh.hpp"
 #include "model/model.hpp"
-#include "sens/gsus_mod.hpp"
-#include "sens/gsus_no_atan_mod.hpp"
 #include "support/test_support.hpp"
 #include "wavelet/compress_row_mod.hpp"
 #include "wavelet/compression.hpp"
@@ -231,12 +229,7 @@ TEST(SetupCompression, SurveyReachesTheAccuracyAndThePredictedRatio) {
   const int32_t n = s.n;
   ASSERT_EQ(n, static_cast<int32_t>(wtz.size()));
   const run_log quiet(nullptr);
-  row_workspace ws = make_row_workspace(survey_directions(obs), mesh_length_scale(mesh));
-  auto row_of = [&](int32_t i, std::vector<double>& g) {
-    sens_row(ws, obs.geomag, mesh.yn.data(), mesh.xn.data(), mesh.zn.data(), mesh.ny, mesh.nx, mesh.nz,
-             s.top_index.data(), i, obs.obs_y[i - 1], obs.obs_x[i - 1], mesh.z0 - obs.obs_z[i - 1], g.data(),
-             g.size(), quiet);
-  };
+  auto row_of = [&](int32_t i, std::vector<double>& g) { g = qt::kernel_row(mesh, obs, s.top_index, i, quiet); };
   // Surface data alone: one sample row, that of the datum nearest the centre (88, 86).
   std::vector<int32_t> asked;
   qt::capture cap;
@@ -266,35 +259,6 @@ TEST(SetupCompression, SurveyReachesTheAccuracyAndThePredictedRatio) {
   EXPECT_LE(datum_err, 0.05);
   EXPECT_LE(row_err, 0.075);
   EXPECT_TRUE(predicted < 2.0 * ratio && predicted > 0.5 * ratio) << predicted << " " << ratio;
-}
-
-TEST(CompressRow, ThresholdEdges) {
-  // Extents of 4 and less are not filtered: the coefficients are the row.
-  cube_case k = cube_of(4, 2, 3, "daub2");
-  const int32_t n = k.n();
-  std::vector<double> row(n, 0.25), zero(n, 0.0);
-  row[5] = -2.0;                      // the largest magnitude
-  row[7] = 1.0;                       // exactly t at the relative threshold 0.5
-  row[9] = std::nextafter(1.0, 0.0);  // just below it
-  compressed_row rec;
-  int64_t nnz = 3;
-  k.c.wctol_surface = 0.5, k.c.wctol_borehole = 2.0;
-  compress_workspace ws;
-  ALLOC_WORK(k.c, ws);
-  COMPRESS_ROW(k.c, k.cells, row.data(), n, rec, nnz, datum_kind::surface, ws);
-  EXPECT_EQ(nnz, 3 + 2);
-  // Row places 6 and 8: (iz 3, ix 2) and (iz 2, ix 3) of the first y column.
-  EXPECT_EQ(rec.idx, (std::vector<int32_t>{3 + 4, 2 + 8}));
-  EXPECT_EQ(rec.val, (std::vector<float>{-2.0f, 1.0f}));
-  // The borehole threshold, above 1: nothing kept, and the record gives 0.
-  nnz = 0;
-  COMPRESS_ROW(k.c, k.cells, row.data(), n, rec, nnz, datum_kind::borehole, ws);
-  EXPECT_TRUE(nnz == 0 && rec.idx.empty() && rec.val.empty());
-  EXPECT_EQ(dot_compressed(transform_test_model(k.c, k.cells, 0.01, std::vector<double>(n, 1.0)), rec), 0.0);
-  // An all-zero row: m = 0, t = 0, every place of the cube passes, padding too.
-  COMPRESS_ROW(k.c, k.cells, zero.data(), n, rec, nnz, datum_kind::surface, ws);
-  EXPECT_EQ(nnz, k.c.ncube);
-  DEALLOC_WORK(ws);
 }
 
 TEST(CompressRow, ThresholdZeroKeepsTheRowsAndTheAverage) {
@@ -334,14 +298,18 @@ TEST(CompressRow, ThresholdZeroKeepsTheRowsAndTheAverage) {
   }
 }
 
-// The row error COMPRESS_ROW returns. On extents of 4 and less the
-// coefficients are the row: values a float holds exactly make the dropped
-// energy a plain count; values it does not hold give the rounding alone.
-TEST(CompressRow, RowErrorOfKnownCoefficients) {
+// On extents of 4 and less the coefficients are the row: what COMPRESS_ROW
+// keeps (the count added to nnz, the places, the 32-bit values) at the
+// threshold of the datum's kind, and the row error it returns. Values a float
+// holds exactly make the dropped energy a plain count; values it does not
+// hold give the rounding alone.
+TEST(CompressRow, WhatIsKeptAndTheRowErrorOfKnownCoefficients) {
   cube_case k = cube_of(4, 2, 3, "daub2");  // 24 cells in a cube of 32
   const int32_t n = k.n();
   std::vector<double> quarters(n, 0.25), zero(n, 0.0), thirds(n);
-  quarters[5] = -2.0, quarters[7] = 1.0;  // energy 4 + 1 + 22 / 16 = 6.375
+  quarters[5] = -2.0;                      // the largest magnitude
+  quarters[7] = 1.0;                       // exactly t at the relative threshold 0.5
+  quarters[9] = std::nextafter(1.0, 0.0);  // just below it: energy 4 + 1 + 1 + 21 / 16
   double rounding = 0.0, energy = 0.0;
   for (int32_t i = 0; i < n; ++i) {
     thirds[i] = (i + 1) / 3.0;
@@ -349,27 +317,42 @@ TEST(CompressRow, RowErrorOfKnownCoefficients) {
     rounding += r * r, energy += thirds[i] * thirds[i];
   }
   ASSERT_GT(rounding, 0.0);
+  const auto surface = datum_kind::surface, borehole = datum_kind::borehole;
   const struct {
     const char* name;
     const std::vector<double>& row;
-    double wctol, error;
+    double wctol;
+    datum_kind kind;
+    int64_t kept;
+    double error;
   } cases[] = {
-      {"threshold 0: every coefficient kept, 32-bit rounding only", thirds, 0.0,
-       std::sqrt(rounding / energy)},
-      {"threshold 0, exact in 32 bits", quarters, 0.0, 0.0},
-      {"threshold 0.5: -2 and 1 kept, the 22 quarters dropped", quarters, 0.5,
-       std::sqrt(1.375 / 6.375)},
-      {"threshold 1: the largest alone", quarters, 1.0, std::sqrt(2.375 / 6.375)},
-      {"threshold above 1: nothing kept", quarters, 1.5, 1.0},
-      {"a row of zeros is stored exactly", zero, 0.5, 0.0},
+      {"threshold 0: every place kept, padding too, 32-bit rounding only", thirds, 0.0, surface,
+       32, std::sqrt(rounding / energy)},
+      {"threshold 0, exact in 32 bits", quarters, 0.0, borehole, 32, 0.0},
+      {"threshold 0.5: -2 and 1 kept", quarters, 0.5, surface, 2, std::sqrt(2.3125 / 7.3125)},
+      {"threshold 1: the largest alone", quarters, 1.0, borehole, 1, std::sqrt(3.3125 / 7.3125)},
+      {"threshold above 1: nothing kept", quarters, 1.5, surface, 0, 1.0},
+      {"a row of zeros: t = 0, every place kept exactly", zero, 0.5, borehole, 32, 0.0},
   };
   compress_workspace ws;
   for (const auto& c : cases) {
-    k.c.wctol_surface = c.wctol;
+    // The other kind's threshold would keep nothing.
+    k.c.wctol_surface = c.kind == surface ? c.wctol : 7.0;
+    k.c.wctol_borehole = c.kind == borehole ? c.wctol : 7.0;
     compressed_row rec;
-    int64_t nnz = 0;
-    const double got = COMPRESS_ROW(k.c, k.cells, c.row.data(), n, rec, nnz, datum_kind::surface, ws);
+    int64_t nnz = 3;
+    const double got = COMPRESS_ROW(k.c, k.cells, c.row.data(), n, rec, nnz, c.kind, ws);
     EXPECT_NEAR(got, c.error, 1e-14) << c.name;
+    EXPECT_EQ(nnz, 3 + c.kept) << c.name;
+    ASSERT_EQ(rec.idx.size(), static_cast<std::size_t>(c.kept)) << c.name;
+    ASSERT_EQ(rec.val.size(), rec.idx.size()) << c.name;
+    if (c.kept == 2) {
+      // Row places 6 and 8: (iz 3, ix 2) and (iz 2, ix 3) of the first y column.
+      EXPECT_EQ(rec.idx, (std::vector<int32_t>{3 + 4, 2 + 8}));
+      EXPECT_EQ(rec.val, (std::vector<float>{-2.0f, 1.0f}));
+    }
+    if (c.kept == 0)  // the empty record gives 0
+      EXPECT_EQ(dot_compressed(transform_test_model(k.c, k.cells, 0.01, std::vector<double>(n, 1.0)), rec), 0.0);
   }
 }
 
