@@ -1,7 +1,7 @@
 // PRISM_LANES: the two loops of a row that hold its cost, run several values
 // at a time on a vector target (see vector_math.hpp): the per-node fill of
-// the arctangent cache, along each vertical node line, and the prism formula
-// down each column of cells.
+// the arctangent cache, along each vertical node line of a plane of nodes,
+// and the prism formula down each column of a row of columns.
 #pragma once
 
 #include <cstddef>

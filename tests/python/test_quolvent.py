@@ -23,8 +23,7 @@ def control(wavelet, diag=1, weight="VALUE 1.0"):
 
 def records(path):
     """Every record of a matrix file, payloads in order (frames of one part)."""
-    data = open(path, "rb").read()
-    out, pos = [], 0
+    data, out, pos = open(path, "rb").read(), [], 0
     while pos < len(data):
         (n,) = struct.unpack_from("<i", data, pos)
         out.append(data[pos + 4:pos + 4 + n])
@@ -54,7 +53,6 @@ def runs(tmp_path_factory):
 def test_summary_and_attributes(runs):
     d, s, m = runs["comp"]
     assert (s["ndata"], s["nsurface"], s["nborehole"], s["nbelow"], s["ncells"]) == (403, 400, 3, 9589, 13500)
-    assert s["wavelet"] == "daub2" and s["compressed"]
     log = open(d / "quolvent.log").read()
     assert f"{s['nnz']:10d}" in log
     assert f"{s['compression_ratio']:.4E}" in log and f"{s['achieved_error']:.4E}" in log
@@ -65,30 +63,27 @@ def test_summary_and_attributes(runs):
     assert (m.ndata, m.ncells, m.mesh.nx, m.mesh.ny, m.mesh.nz) == (ndata, n, nx, ny, nz)
     nodes = np.frombuffer(recs[1], "<f8")
     assert np.array_equal(m.mesh.yn, nodes[:ny + 1]) and np.array_equal(m.mesh.xn, nodes[ny + 1:ny + nx + 2])
-    assert np.array_equal(m.mesh.dx, np.diff(m.mesh.xn)) and m.mesh.z0 == nodes[-1] == 100.0
+    assert m.mesh.z0 == nodes[-1] == 100.0
     assert np.array_equal(m.top_index, np.frombuffer(recs[2], "<i4").reshape(nx, ny).T)
     assert np.array_equal(m.weights, np.full(n, 2.0))
     assert np.array_equal(m.sens_sq, np.frombuffer(recs[-1], "<f8"))
-    assert m.compressed and m.wavelet == "daub2" and m.nnz == s["nnz"]
+    assert (m.compressed, m.wavelet, m.nnz, s["wavelet"]) == (True, "daub2", s["nnz"], "daub2")
     _, sf, mf = runs["full"]
-    assert not mf.compressed and mf.wavelet == "NONE" and mf.nnz == n * ndata and sf["nnz"] == n * ndata
+    assert (mf.compressed, mf.wavelet, mf.nnz, sf["nnz"]) == (False, "NONE", n * ndata, n * ndata)
 
 
 def test_rows_against_the_file_and_the_program_averages(runs):
-    # Uncompressed: each row is the stored 32-bit row times the weighting, and
-    # the mean |row| over the data per cell volume is sensitivity.txt.
+    # Uncompressed: each row is the stored 32-bit row times the weighting.
     d, _, m = runs["full"]
     recs = records(d / "dulmarok.mtx")
     for i in (0, 200, 402):
         stored = np.frombuffer(recs[6 + i], "<f4").astype(np.float64)
         assert np.array_equal(m.row(i), stored * 2.0)
-    # Compressed: the rows the module decompresses give the averages of the
-    # program's own uncompress stage (sensitivity_compressed.txt).
+    # Mean |row| per cell volume: the program's sensitivity.txt, and its uncompress stage's.
     for name, file in [("full", "sensitivity.txt"), ("comp", "sensitivity_compressed.txt")]:
         d, _, m = runs[name]
         mean = np.mean([np.abs(m.row(i)) for i in range(m.ndata)], axis=0)
-        grid = m.to_grid(mean)
-        mesh = m.mesh
+        grid, mesh = m.to_grid(mean), m.mesh
         volume = mesh.dz[:, None, None] * mesh.dy[None, :, None] * mesh.dx[None, None, :]
         text = np.loadtxt(d / file).reshape(mesh.ny, mesh.nx, mesh.nz).transpose(2, 0, 1)
         below = np.isfinite(grid)
@@ -100,8 +95,7 @@ def test_rows_against_the_file_and_the_program_averages(runs):
 
 @pytest.mark.parametrize("name", ["comp", "full"])
 def test_products_against_the_dense_matrix(runs, name):
-    _, _, m = runs[name]
-    rng = np.random.default_rng(3)
+    m, rng = runs[name][2], np.random.default_rng(3)
     model, v = rng.random(m.ncells), rng.standard_normal(m.ndata)
     dense = m.dense().astype(np.float64)
     assert dense.shape == (m.ndata, m.ncells) and m.dense().dtype == np.float32
@@ -114,13 +108,10 @@ def test_products_against_the_dense_matrix(runs, name):
 
 
 def test_runs_in_this_process_write_what_the_program_writes(tmp_path):
-    # A stop first: it ends the run, not the process, and the run after it
-    # writes what the program writes.
+    # A stop ends the run, not the process; the next run writes what the program writes.
     (tmp_path / "bad.inp").write_text(control("daub9", diag=0))
-    with pytest.raises(quolvent.Stop) as stop:
+    with pytest.raises(quolvent.Stop, match=r"ERROR: Invalid daub compression.  daub\[1-6\]"):
         quolvent.run(str(tmp_path / "bad.inp"), outdir=str(tmp_path / "bad"))
-    assert isinstance(stop.value, RuntimeError)
-    assert "ERROR: Invalid daub compression.  daub[1-6]" in str(stop.value)
     assert "Invalid daub compression" in open(tmp_path / "bad" / "quolvent.log").read()
     (tmp_path / "run.inp").write_text(control("daub3", diag=1))
     here, there = tmp_path / "here", tmp_path / "there"
@@ -136,25 +127,15 @@ def test_runs_in_this_process_write_what_the_program_writes(tmp_path):
         assert a == b, f
 
 
-def hand_made(path, rows=None):
-    """A matrix file of a 2 x 1 x 2 mesh, one air cell, 2 data, uncompressed."""
-    def rec(payload):
-        return struct.pack("<i", len(payload)) + payload + struct.pack("<i", len(payload))
-    rows = rows if rows is not None else [[1.0, 2.0, 3.0], [-4.0, 0.5, 0.25]]
-    body = rec(struct.pack("<5i", 2, 3, 1, 2, 2))
-    body += rec(struct.pack("<9d", 10.0, 20.0, 0.0, 5.0, 7.0, 0.0, 1.0, 3.0, 50.0))
-    body += rec(struct.pack("<2i", 1, 0))
-    body += rec(struct.pack("<i", 0)) + rec(struct.pack("<3i", 0, 0, 0))
-    body += rec(struct.pack("<i3d", 1, 1.0, 2.0, 4.0))
-    for r in rows:
-        body += rec(struct.pack("<3f", *r))
-    body += rec(struct.pack("<3d", 9.0, 8.0, 7.0))
-    path.write_bytes(body)
-    return body
-
-
 def test_hand_made_file_and_format_errors(tmp_path):
-    body = hand_made(tmp_path / "m.mtx")
+    # A matrix file made here: a 2 x 1 x 2 mesh, one air cell, 2 data, uncompressed.
+    def rec(fmt, *values):
+        size = struct.pack("<i", struct.calcsize(fmt))
+        return size + struct.pack(fmt, *values) + size
+    body = (rec("<5i", 2, 3, 1, 2, 2) + rec("<9d", 10.0, 20.0, 0.0, 5.0, 7.0, 0.0, 1.0, 3.0, 50.0)
+            + rec("<2i", 1, 0) + rec("<i", 0) + rec("<3i", 0, 0, 0) + rec("<i3d", 1, 1.0, 2.0, 4.0)
+            + rec("<3f", 1.0, 2.0, 3.0) + rec("<3f", -4.0, 0.5, 0.25) + rec("<3d", 9.0, 8.0, 7.0))
+    (tmp_path / "m.mtx").write_bytes(body)
     m = quolvent.read_matrix(tmp_path / "m.mtx")
     assert (m.ndata, m.ncells, m.compressed, m.wavelet, m.nnz) == (2, 3, False, "NONE", 6)
     assert (m.mesh.nx, m.mesh.ny, m.mesh.nz, m.mesh.origin) == (2, 1, 2, (0.0, 10.0, 50.0))
@@ -163,19 +144,15 @@ def test_hand_made_file_and_format_errors(tmp_path):
     grid = m.to_grid([1.0, 2.0, 3.0])
     assert np.isnan(grid[0, 0, 0]) and np.array_equal(grid[1, 0, :], [1.0, 3.0]) and grid[0, 0, 1] == 2.0
     np.testing.assert_array_equal(m.dot([1.0, 1.0, 1.0]), [1 + 4 + 12, -4 + 1 + 1])
-    for cut, record in [(len(body) - 3, "record 9"), (30, "record 2"), (2, "record 1")]:
-        (tmp_path / "cut.mtx").write_bytes(body[:cut])
+    for bad, record in [(body[:-3], "record 9"), (body[:30], "record 2"), (body[:2], "record 1"),
+                        (body + b"x", "after record 9")]:
+        (tmp_path / "bad.mtx").write_bytes(bad)
         with pytest.raises(quolvent.FormatError, match=record):
-            quolvent.read_matrix(tmp_path / "cut.mtx")
-    (tmp_path / "long.mtx").write_bytes(body + b"x")
-    with pytest.raises(quolvent.FormatError, match="after record 9"):
-        quolvent.read_matrix(tmp_path / "long.mtx")
+            quolvent.read_matrix(tmp_path / "bad.mtx")
 
 
 def test_pictures(runs):
     from quolvent import plot
-    d, _, _ = runs["comp"]
-    written = plot.draw(str(d))
+    written = plot.draw(str(runs["comp"][0]))
     assert [os.path.basename(f) for f in written] == ["sensitivity.png", "compression.png"]
-    for f in written:
-        assert open(f, "rb").read(8) == b"\x89PNG\r\n\x1a\n"
+    assert all(open(f, "rb").read(8) == b"\x89PNG\r\n\x1a\n" for f in written)

@@ -9,15 +9,14 @@
 
 namespace {
 
-std::string banner(int threads) {
+std::string banner(int threads = omp_get_max_threads()) {
   std::string b = "\nParallelized with OpenMP.  # of threads:" +
                   std::string(threads < 10 ? "  " : " ") + std::to_string(threads) + "\n";
   if (threads > omp_get_num_procs())
     b += "\nWARNING: more threads started than processors available.\n\n";
-  b += "\nSALVU - Version 5.0 :  QUOLVENT\n"
-       "   Sensitivity of magnetic data over a 3-D mesh,\n"
-       "   stored with 3-D wavelet compression.\n\n";
-  return b;
+  return b + "\nSALVU - Version 5.0 :  QUOLVENT\n"
+             "   Sensitivity of magnetic data over a 3-D mesh,\n"
+             "   stored with 3-D wavelet compression.\n\n";
 }
 
 const std::string sample =
@@ -26,104 +25,93 @@ const std::string sample =
     "distance_weight.txt  ! weight file\ndaub2        ! wavelet: daubx, symmx, NONE\n"
     "1  0.05      ! itol, eps | null\n0-not output, 1-output diagnostic files\n\n";
 
-const std::string rule = "\n" + std::string(64, '-') + "\n\n";
-
-int default_threads() { return omp_get_max_threads(); }
-
 // A control file whose mesh is missing: the run stops at the mesh, after the
 // banner, the echo and the parameters.
-const std::string control_missing_mesh =
-    "nomesh.txt ! mesh\nobs.mag\nnull\nVALUE 1.0\ndaub2\n1 0.05\n0\n";
+std::string missing_mesh(const std::string& wavelet_and_eps = "daub2\n1 0.05") {
+  return "nomesh.txt ! mesh\nobs.mag\nnull\nVALUE 1.0\n" + wavelet_and_eps + "\n0\n";
+}
 
 }  // namespace
 
-// Runs that end before a control file is read: the usage (no log), the
-// sample control file, and a control file that isn't there.
-TEST(Program, UsageSampleAndMissingControlFile) {
+// Runs that end before a control file is read (the usage, without a log; the
+// sample; a control file that isn't there) or while it is read (six lines, a
+// bad line 7): the screen, and the log with the file's echo.
+TEST(Program, RunsThatEndAtTheControlFile) {
+  const std::string six = "m\no\nt\nw\ndaub2\nnull\n", rule = "\n" + std::string(64, '-') + "\n\n";
+  const auto echo = [&](const std::string& name, const std::string& text) {
+    return "\nReading input file: " + name + "\n" + rule + text + rule + sample;
+  };
+  const std::string absent = "\n ERROR: input file not found: absent.inp\n";
   const struct {
     std::vector<std::string> args;
-    std::string text;
-    bool logged;
+    std::string screen;
+    std::string log;  // empty: no log file
   } cases[] = {
-      {{}, "\n   Usage: quolvent quolvent.inp  [nThreads]\n\n   For a sample input file, type: quolvent -inp\n",
-       false},
-      {{"-inp"}, sample, true},
-      {{"absent.inp"}, "\n ERROR: input file not found: absent.inp\n", true},
+      {{},
+       "\n   Usage: quolvent quolvent.inp  [nThreads]\n\n   For a sample input file, type: "
+       "quolvent -inp\n",
+       ""},
+      {{"-inp"}, sample, sample},
+      {{"absent.inp"}, absent, absent},
+      {{"six.inp"},
+       "ERROR reading sensitivity input file six.inp\n" + sample,
+       echo("six.inp", six)},
+      {{"two.inp"},
+       "\nERROR: enter 0 to not output, or 1 to output average uncompressed\nsensitivity model "
+       "file.\n\nERROR reading sensitivity input file two.inp\n" + sample,
+       echo("two.inp", six + "2\n")},
   };
   for (const auto& k : cases) {
     qt::scratch_dir d("qprog");
+    qt::write_file(d.file("six.inp"), six);
+    qt::write_file(d.file("two.inp"), six + "2\n");
     const auto r = qt::run_program(d.path.string(), k.args);
     EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.screen, banner(default_threads()) + k.text);
-    if (k.logged)
-      EXPECT_EQ(qt::read_file(d.file("quolvent.log")), banner(default_threads()) + k.text);
+    EXPECT_EQ(r.screen, banner() + k.screen);
+    if (!k.log.empty())
+      EXPECT_EQ(qt::read_file(d.file("quolvent.log")), banner() + k.log);
     else
       EXPECT_FALSE(std::filesystem::exists(d.path / "quolvent.log"));
   }
 }
 
-TEST(Program, SixLineControlFileAndBadLineSeven) {
-  qt::scratch_dir d("qprog");
-  qt::write_file(d.file("six.inp"), "m\no\nt\nw\ndaub2\nnull\n");
-  auto r = qt::run_program(d.path.string(), {"six.inp"});
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.screen, banner(default_threads()) + "ERROR reading sensitivity input file six.inp\n" + sample);
-  EXPECT_EQ(qt::read_file(d.file("quolvent.log")),
-            banner(default_threads()) + "\nReading input file: six.inp\n" + rule +
-                "m\no\nt\nw\ndaub2\nnull\n" + rule + sample);
-
-  qt::write_file(d.file("two.inp"), "m\no\nt\nw\ndaub2\nnull\n2\n");
-  r = qt::run_program(d.path.string(), {"two.inp"});
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.screen, banner(default_threads()) +
-                          "\nERROR: enter 0 to not output, or 1 to output average uncompressed\n"
-                          "sensitivity model file.\n\n"
-                          "ERROR reading sensitivity input file two.inp\n" + sample);
-}
-
 TEST(Program, ThreadArgument) {
   qt::scratch_dir d("qprog");
-  qt::write_file(d.file("run.inp"), control_missing_mesh);
-  const struct { std::vector<std::string> args; int threads; } cases[] = {
-      {{"run.inp", "0"}, default_threads()},
-      {{"run.inp", "abc"}, default_threads()},
-      {{"run.inp", "4", "extra"}, default_threads()},
-      {{"run.inp", "1"}, 1},
-      {{"run.inp", std::to_string(omp_get_num_procs() + 1)}, omp_get_num_procs() + 1},
-  };
+  qt::write_file(d.file("run.inp"), missing_mesh());
+  const int many = omp_get_num_procs() + 1;
+  const struct {
+    std::vector<std::string> args;
+    int threads;
+  } cases[] = {{{"run.inp", "0"}, omp_get_max_threads()},
+               {{"run.inp", "abc"}, omp_get_max_threads()},
+               {{"run.inp", "4", "extra"}, omp_get_max_threads()},
+               {{"run.inp", std::to_string(many)}, many}};
   for (const auto& k : cases) {
     const auto r = qt::run_program(d.path.string(), k.args);
     EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.screen.substr(0, banner(k.threads).size()), banner(k.threads)) << k.args[1];
-    const std::string log = qt::read_file(d.file("quolvent.log"));
-    EXPECT_EQ(log.substr(0, banner(k.threads).size()), banner(k.threads)) << k.args[1];
+    EXPECT_TRUE(r.screen.starts_with(banner(k.threads))) << k.args[1];
+    EXPECT_TRUE(qt::read_file(d.file("quolvent.log")).starts_with(banner(k.threads))) << k.args[1];
   }
 }
 
+// The parameters in the log: the wavelet field as read, and each kind of
+// threshold line.
 TEST(Program, ParameterEchoInTheLog) {
+  const struct {
+    const char* control;
+    const char* shown;
+  } cases[] = {{"daub2\n1 0.05", "daub2\n Wavelet   threshold: relative accuracy =0.0500"},
+               {"NONE\n2 0.001", "NONE \n Wavelet   threshold: relative threshold =0.0010"},
+               {"daub\nNULL", "daub \n Wavelet   threshold: default"}};
   qt::scratch_dir d("qprog");
-  qt::write_file(d.file("run.inp"), control_missing_mesh);
-  qt::run_program(d.path.string(), {"run.inp", "1"});
-  const std::string log = qt::read_file(d.file("quolvent.log"));
-  const std::regex stamp("\nQUOLVENT started on: [ 1][0-9]/[0-3][0-9]/[0-9]{4}  [0-2][0-9]:[0-5][0-9]:[0-5][0-9]\n\n"
-                         "with the following parameters:\n\n"
-                         "          Input file: run.inp\n"
-                         "   Observations file: obs.mag\n"
-                         "           Mesh file: nomesh.txt\n"
-                         "     Topography file: null\n"
-                         " Wavelet compression: daub2\n"
-                         " Wavelet   threshold: relative accuracy =0.0500\n\n");
-  EXPECT_TRUE(std::regex_search(log, stamp)) << log;
-
-  qt::write_file(d.file("b.inp"), "nomesh.txt\no\nnull\nw\nNONE\n2 0.001\n0\n");
-  qt::run_program(d.path.string(), {"b.inp", "1"});
-  const std::string log2 = qt::read_file(d.file("quolvent.log"));
-  EXPECT_NE(log2.find(" Wavelet compression: NONE \n Wavelet   threshold: relative threshold =0.0010\n"),
-            std::string::npos) << log2;
-
-  qt::write_file(d.file("c.inp"), "nomesh.txt\no\nnull\nw\ndaub\nNULL\n0\n");
-  qt::run_program(d.path.string(), {"c.inp", "1"});
-  const std::string log3 = qt::read_file(d.file("quolvent.log"));
-  EXPECT_NE(log3.find(" Wavelet compression: daub \n Wavelet   threshold: default\n"),
-            std::string::npos) << log3;
+  for (const auto& k : cases) {
+    qt::write_file(d.file("run.inp"), missing_mesh(k.control));
+    qt::run_program(d.path.string(), {"run.inp", "1"});
+    const std::regex echo(
+        "\nQUOLVENT started on: [ 1][0-9]/[0-3][0-9]/[0-9]{4}  [0-2][0-9]:[0-5][0-9]:[0-5][0-9]\n\n"
+        "with the following parameters:\n\n          Input file: run.inp\n"
+        "   Observations file: obs.mag\n           Mesh file: nomesh.txt\n"
+        "     Topography file: null\n Wavelet compression: " + std::string(k.shown) + "\n\n");
+    EXPECT_TRUE(std::regex_search(qt::read_file(d.file("quolvent.log")), echo)) << k.control;
+  }
 }

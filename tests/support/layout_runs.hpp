@@ -1,7 +1,5 @@
-// Whole runs of the same surveys under different layouts (threads, and
-// processes of quolvent-mpi): the surveys written as files, and every output
-// of a run read back, with what may differ between layouts (the times, the
-// thread line and its warning, the ranks line) taken out.
+// Whole runs of the same surveys under different layouts (threads, processes
+// of quolvent-mpi): the surveys as files, and every output of a run read back.
 #pragma once
 
 #include <cmath>
@@ -15,13 +13,11 @@
 
 namespace qt {
 
-// layout_kind: scattered data over hills, with boreholes, directions of
-// their own and a weighting file (60 surface + 12 borehole data); a regular
-// grid over flat ground; 40 data of which one, the 37th, sits just above a
-// corner of the cells, whose row has cells set to zero with a line in the log.
+// layout_kind: scattered data over hills, with boreholes, directions of their
+// own and a weighting file (60 surface + 12 borehole data); a regular grid over
+// flat ground; 40 data, the 37th just above a cell corner (a line in the log).
 enum class layout_kind { scattered, grid, edge };
 
-// layout_survey: a survey that one kind of run needs.
 struct layout_survey {
   const char* name;
   const char* wavelet;
@@ -30,8 +26,7 @@ struct layout_survey {
   int ndata;  // data of a regular grid
 };
 
-// layout_surveys: compressed and not, the general loop and the regular-grid
-// loop, and lines in the log from a row.
+// layout_surveys: compressed and not, in both row loops, and a row's log line.
 inline std::vector<layout_survey> layout_surveys() {
   return {{"scattered_symm4", "symm4", 1, layout_kind::scattered, 72},
           {"scattered_none", "NONE", 1, layout_kind::scattered, 72},
@@ -40,8 +35,8 @@ inline std::vector<layout_survey> layout_surveys() {
           {"edge_daub2", "daub2", 0, layout_kind::edge, 40}};
 }
 
-// write_layout_survey: the survey's files and run.inp in dir; a regular grid
-// of ndata data (a smaller count takes the first data of the grid).
+// write_layout_survey: the survey's files and run.inp in d (a grid: ndata on
+// the cells of a 10 x 8 x 10 mesh).
 inline void write_layout_survey(const scratch_dir& d, const layout_survey& k) {
   const auto control = [&](const std::string& topo, const std::string& weights) {
     return "mesh.txt\nobs.mag\n" + topo + "\n" + weights + "\n" + k.wavelet + "\n1 0.02\n" +
@@ -51,23 +46,14 @@ inline void write_layout_survey(const scratch_dir& d, const layout_survey& k) {
     write_file(d.file("mesh.txt"), "6 6 4\n0 0 0\n6*10\n6*10\n4*5\n");
     std::string obs = "65 20 50000\n65 20 1\n40\n";
     for (int i = 0; i < 40; ++i)
-      obs += i == 36 ? std::string("30.0 30.0 0.0001\n")
-                     : std::to_string(5 + (i % 6) * 10) + ".0 " + std::to_string(5 + (i / 6) * 8) +
-                           ".3 2.0\n";
+      obs += i == 36 ? "30 30 0.0001\n"
+                     : std::to_string(5 + i % 6 * 10) + " " + std::to_string(5.3 + i / 6 * 8) +
+                           " 2\n";
     write_file(d.file("obs.mag"), obs);
-    write_file(d.file("run.inp"), control("null", "VALUE 1.0"));
-    return;
   }
-  if (k.kind == layout_kind::grid) {
-    write_file(d.file("mesh.txt"), "24 20 10\n0.0 0.0 0.0\n24*10.0\n20*10.0\n10*5.0\n");
-    std::string obs = "65.0 20.0 50000.0\n65.0 20.0 1\n" + std::to_string(k.ndata) + "\n";
-    for (int i = 0; i < k.ndata; ++i)
-      obs += std::to_string(15 + 20 * (i % 10)) + ".0 " + std::to_string(15 + 20 * (i / 10)) +
-             ".0 5.0\n";
-    write_file(d.file("obs.mag"), obs);
-    write_file(d.file("run.inp"), control("null", "VALUE 1.0"));
-    return;
-  }
+  if (k.kind == layout_kind::grid) write_flat_survey(d, 10, 8, 10, k.ndata, true, k.wavelet);
+  if (k.kind != layout_kind::scattered)
+    return write_file(d.file("run.inp"), control("null", "VALUE 1.0"));
   // Uneven widths, hills from 265 to 305 over a mesh top at 300, data above
   // them with directions of their own, and a borehole through them.
   write_file(d.file("mesh.txt"),
@@ -99,24 +85,21 @@ inline void write_layout_survey(const scratch_dir& d, const layout_survey& k) {
   write_file(d.file("run.inp"), control("topo.txt", "w.txt"));
 }
 
-// layout_text: a log or a screen without what may differ between layouts:
-// the timer spans, the dates, the thread line and its warning, and the line
-// of ranks of quolvent-mpi.
-inline std::string layout_text(const std::string& text) {
-  std::string t = std::regex_replace(text, std::regex("cpu time: *[0-9]+:[0-9]{2}:[0-9]{2}\\.[0-9]{2}"),
-                                     "cpu time: T");
-  t = std::regex_replace(t, std::regex("(started|ended) on: [^\n]*"), "$1 on: DATE");
-  t = std::regex_replace(t, std::regex("# of threads: *[0-9]+\n"), "# of threads: N\n");
-  t = std::regex_replace(t, std::regex("\nWARNING: more threads started than processors available.\n\n"),
-                         "");
-  t = std::regex_replace(t, std::regex("MPI processes \\(ranks\\):[^\n]*\n"), "");
-  return t;
-}
-
-// layout_outputs: every file a run left in dir but its inputs, by name, the
-// log made layout_text; the screen (layout_text) under "screen".
+// layout_outputs: every file a run left in d but its inputs, by name, and the
+// screen; in the log and the screen what may differ between layouts (times,
+// dates, the thread line and its warning, the line of ranks) taken out.
 inline std::map<std::string, std::string> layout_outputs(const scratch_dir& d,
                                                          const std::string& screen) {
+  const auto layout_text = [](std::string t) {
+    for (const auto& [from, to] : std::vector<std::pair<std::string, std::string>>{
+             {"cpu time: *[0-9:.]+", "cpu time: T"},
+             {"(started|ended) on: [^\n]*", "$1 on: DATE"},
+             {"# of threads: *[0-9]+\n", "# of threads: N\n"},
+             {"\nWARNING: more threads started than processors available.\n\n", ""},
+             {"MPI processes \\(ranks\\):[^\n]*\n", ""}})
+      t = std::regex_replace(t, std::regex(from), to);
+    return t;
+  };
   std::map<std::string, std::string> out;
   for (const auto& e : std::filesystem::directory_iterator(d.path)) {
     const std::string name = e.path().filename().string();

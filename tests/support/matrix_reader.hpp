@@ -5,17 +5,17 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 #include <string>
 #include <vector>
 
+#include "support/test_support.hpp"
+
 namespace {
 
-// frame_reader: reads framed records from a byte string and checks the frame
-// rules: markers of one frame agree in length; a frame other than the last of
-// its record holds exactly `limit` bytes and has a negative leading marker;
-// the first has a positive trailing marker, the later ones negative ones.
+// frame_reader: framed records from bytes, checking the frame rules: a frame's
+// markers agree in length; a frame before its record's last holds `limit`
+// bytes and leads with a negative marker; only the first trails a positive one.
 struct frame_reader {
   std::string bytes;
   std::size_t pos = 0;
@@ -62,16 +62,7 @@ std::vector<T> values_of(const std::string& payload, std::size_t offset, std::si
   return v;
 }
 
-std::string file_bytes(const std::string& name) {
-  std::string s;
-  std::FILE* f = std::fopen(name.c_str(), "rb");
-  if (!f) return s;
-  char buf[65536];
-  std::size_t got;
-  while ((got = std::fread(buf, 1, sizeof buf, f)) > 0) s.append(buf, got);
-  std::fclose(f);
-  return s;
-}
+std::string file_bytes(const std::string& name) { return qt::read_file(name); }
 
 // matrix_records: every record of a matrix file written in the program's
 // frames, payloads in order.

@@ -1,13 +1,10 @@
 #include "support/test_support.hpp"
 
-#include <array>
 #include <chrono>
 #include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <fstream>
-#include <random>
-#include <sstream>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -24,12 +21,8 @@
 namespace qt {
 
 scratch_dir::scratch_dir(const std::string& tag) {
-  std::random_device rd;
-  for (;;) {
-    path = std::filesystem::temp_directory_path() /
-           (tag + "-" + std::to_string(getpid()) + "-" + std::to_string(rd()));
-    if (std::filesystem::create_directory(path)) break;
-  }
+  std::string name = (std::filesystem::temp_directory_path() / (tag + "-XXXXXX")).string();
+  path = mkdtemp(name.data());
 }
 
 scratch_dir::~scratch_dir() {
@@ -50,9 +43,7 @@ void write_file(const std::string& path, const std::string& text) {
 
 std::string read_file(const std::string& path) {
   std::ifstream f(path, std::ios::binary);
-  std::stringstream ss;
-  ss << f.rdbuf();
-  return ss.str();
+  return {std::istreambuf_iterator<char>(f), {}};
 }
 
 std::vector<std::string> read_lines(const std::string& path) {
@@ -70,27 +61,14 @@ program_run run_program(const std::string& dir, const std::vector<std::string>& 
 std::string child_program::screen() const { return read_file(dir + "/.screen.txt"); }
 
 program_run child_program::wait() {
-  program_run r;
-  const std::string out = dir + "/.screen.txt";
-  const std::string err = dir + "/.errors.txt";
   int st = 0;
   waitpid(pid, &st, 0);
-  r.status = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
-  r.screen = read_file(out);
-  r.errors = read_file(err);
-  std::remove(out.c_str());
-  std::remove(err.c_str());
-  return r;
+  return {screen(), read_file(dir + "/.errors.txt"),
+          WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st)};
 }
 
 child_program start_program(const std::string& dir, const std::vector<std::string>& args,
-                            const std::function<void()>& before) {
-  return start_command(QUOLVENT_EXE, dir, args, before);
-}
-
-child_program start_command(const std::string& exe_path, const std::string& dir,
-                            const std::vector<std::string>& args,
-                            const std::function<void()>& before) {
+                            const std::function<void()>& before, const std::string& exe_path) {
   const std::string out = dir + "/.screen.txt";
   const std::string err = dir + "/.errors.txt";
   const pid_t pid = fork();
@@ -99,9 +77,8 @@ child_program start_command(const std::string& exe_path, const std::string& dir,
     if (chdir(dir.c_str()) != 0) _exit(127);
     if (!freopen(out.c_str(), "w", stdout)) _exit(127);
     if (!freopen(err.c_str(), "w", stderr)) _exit(127);
-    std::vector<char*> argv;
     std::string exe = exe_path;
-    argv.push_back(exe.data());
+    std::vector<char*> argv{exe.data()};
     std::vector<std::string> copy(args);
     for (auto& a : copy) argv.push_back(a.data());
     argv.push_back(nullptr);
@@ -137,54 +114,35 @@ std::string slurp(std::FILE* f) {
 std::string capture::screen() { return slurp(screen_f); }
 std::string capture::log() { return slurp(log_f); }
 
-bool capture::stops(const std::function<void()>& f) {
-  try {
-    f();
-  } catch (const quolvent::stop& s) {
-    out.deliver(s);
-    return true;
-  }
+bool capture::stops(const std::function<void()>& f) try {
+  f();
   return false;
+} catch (const quolvent::stop& s) {
+  out.deliver(s);
+  return true;
 }
 
 int open_descriptors() {
-  int n = 0;
-  for (const auto& e : std::filesystem::directory_iterator("/proc/self/fd")) {
-    (void)e;
-    ++n;
-  }
-  return n;
+  const std::filesystem::directory_iterator fds("/proc/self/fd");
+  return static_cast<int>(std::distance(begin(fds), end(fds)));
 }
 
 quolvent::mesh_model uniform_mesh(int nx, int ny, int nz, double dx, double dy, double dz,
                                   double x0, double y0, double z0) {
-  quolvent::mesh_model mesh;
-  mesh.nx = nx;
-  mesh.ny = ny;
-  mesh.nz = nz;
-  mesh.dx.assign(static_cast<std::size_t>(nx), dx);
-  mesh.dy.assign(static_cast<std::size_t>(ny), dy);
-  mesh.dz.assign(static_cast<std::size_t>(nz), dz);
-  mesh.xn.assign(1, x0);
-  mesh.yn.assign(1, y0);
-  mesh.zn.assign(1, 0.0);
-  for (int i = 0; i < nx; ++i) mesh.xn.push_back(mesh.xn.back() + dx);
-  for (int j = 0; j < ny; ++j) mesh.yn.push_back(mesh.yn.back() + dy);
-  for (int k = 0; k < nz; ++k) mesh.zn.push_back(mesh.zn.back() + dz);
-  mesh.z0 = z0;
-  return mesh;
+  const auto nodes = [](int n, double d, double first) {
+    std::vector<double> v{first};
+    for (int i = 0; i < n; ++i) v.push_back(v.back() + d);
+    return v;
+  };
+  const auto widths = [](int n, double d) { return std::vector<double>(std::size_t(n), d); };
+  return {nx, ny, nz, widths(nx, dx), widths(ny, dy), widths(nz, dz),
+          nodes(nx, dx, x0), nodes(ny, dy, y0), nodes(nz, dz, 0.0), z0};
 }
 
 quolvent::obs_set field(double incl, double decl, double aincl, double adecl, double geomag,
                         int idir) {
-  quolvent::obs_set obs;
-  obs.incl = incl;
-  obs.decl = decl;
-  obs.aincl = aincl;
-  obs.adecl = adecl;
-  obs.geomag = geomag;
-  obs.idir = idir;
-  return obs;
+  return {.incl = incl, .decl = decl, .geomag = geomag, .aincl = aincl, .adecl = adecl,
+          .idir = idir};
 }
 
 void add_datum(quolvent::obs_set& obs, double x, double y, double z, double aincl, double adecl) {
@@ -200,21 +158,16 @@ void add_datum(quolvent::obs_set& obs, double x, double y, double z, double ainc
 
 quolvent::survey make_survey(const quolvent::mesh_model& mesh, const quolvent::obs_set& obs,
                              std::vector<int32_t> top_index, std::vector<double> wtz) {
-  quolvent::survey s;
-  s.mesh = mesh;
-  s.obs = obs;
-  if (top_index.empty())
-    top_index.assign(static_cast<std::size_t>(mesh.nx) * static_cast<std::size_t>(mesh.ny), 0);
-  s.top_index = std::move(top_index);
+  if (top_index.empty()) top_index.assign(std::size_t(mesh.nx) * std::size_t(mesh.ny), 0);
+  quolvent::survey s{.mesh = mesh, .obs = obs, .top_index = std::move(top_index)};
   const quolvent::run_log quiet(nullptr);
   s.cells = quolvent::get_active_cells("null", s.mesh, s.top_index, quiet);
-  quolvent::data_split split = quolvent::classify_data(
-      s.mesh, quolvent::mesh_length_scale(s.mesh), s.obs, s.top_index, quiet);
+  auto split = quolvent::classify_data(s.mesh, quolvent::mesh_length_scale(s.mesh), s.obs,
+                                      s.top_index, quiet);
   s.obs_type = std::move(split.obs_type);
   s.data_kind = split.data_kind;
   s.n = s.cells.nbelow;
-  if (wtz.empty()) wtz.assign(static_cast<std::size_t>(s.n), 1.0);
-  s.wtz = std::move(wtz);
+  s.wtz = wtz.empty() ? std::vector<double>(std::size_t(s.n), 1.0) : std::move(wtz);
   return s;
 }
 
@@ -255,8 +208,7 @@ program_run run_in_process(const scratch_dir& dir, std::vector<std::string> args
   for (auto& a : args) argv.push_back(a.data());
   argv.push_back(nullptr);
   r.status = quolvent::run_command_line(static_cast<int>(args.size()) + 1, argv.data(), screen);
-  std::rewind(screen);
-  for (int c; (c = std::fgetc(screen)) != EOF;) r.screen.push_back(static_cast<char>(c));
+  r.screen = slurp(screen);
   std::fclose(screen);
   std::filesystem::current_path(old);
   return r;
