@@ -201,7 +201,7 @@ void KERNEL2(const survey& s, const grid_survey& grid, row_sink& sink, row_range
     // Whole groups of rows to each thread, in one block: a group's sums are
     // made in datum order by one thread.
     const row_range mine = split_rows(rows, omp_get_thread_num(), omp_get_num_threads());
-    sink.claim_rows(mine);
+    loop.latch.run([&] { sink.claim_rows(mine); });
     for (int32_t i = mine.first; i < mine.last; ++i) {
       if (loop.latch.stopped()) continue;
       loop.latch.run([&] {

@@ -5,12 +5,9 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <cstdio>
 #include <random>
-#include <string>
 #include <vector>
 
-#include "base/stop.hpp"
 #include "sens/gsus_mod.hpp"
 #include "sens/gsus_no_atan_mod.hpp"
 #include "sens/vector_math.hpp"
@@ -54,8 +51,9 @@ inline double kernel(const vec& p, const vec& lo, const vec& hi, const vec& l, c
     vec l2 = lo, h2 = hi;
     bool twice = false;  // a second child along an axis that is not cut
     for (int a = 0; a < 3; ++a) {
-      if (hi[a] - lo[a] <= lim) twice |= (c >> a & 1);
-      else ((c >> a & 1) ? l2 : h2)[a] = 0.5 * (lo[a] + hi[a]);
+      const bool upper = c >> a & 1, cut = hi[a] - lo[a] > lim;
+      if (cut) (upper ? l2 : h2)[a] = 0.5 * (lo[a] + hi[a]);
+      twice |= upper && !cut;
     }
     if (!twice) s += kernel(p, l2, h2, l, m, scale, depth + 1);
     if (c == 7) return s;
@@ -103,20 +101,17 @@ quolvent::row_workspace workspace(double fi, double fd, double ai, double ad) {
 }  // namespace
 
 // Every placement of the point against the cell (below, within or above it on
-// each axis, so every sign flag) but inside, eight times, with random cells
-// and random non-vertical directions, on every vector target the machine
-// runs, one workspace throughout as a thread keeps it. Inside: the cell is a
-// cube centred on the point, whose integral is -4 pi / 3 l.m, plus 26 boxes.
-// The worst error over the scale is printed for each target.
+// each axis, so every sign flag), twice, with random cells and non-vertical
+// directions, on every vector target, one workspace throughout as a thread
+// keeps it. Inside: a cube centred on the point, whose integral is
+// -4 pi / 3 l.m, plus 26 boxes.
 TEST(Gsus, AgreesWithQuadrature) {
   qt::capture cap;
   quolvent::row_workspace ws = workspace(0, 0, 0, 0);
-  const std::vector<int64_t> targets = quolvent::vector_targets();
-  std::vector<double> worst(targets.size(), 0.0);
   std::mt19937_64 rng(20261122);
   std::uniform_real_distribution<double> ang(-80, 80), dec(-180, 180), len(5, 60), org(-500, 500),
       u(0.15, 0.85);
-  for (int c = 0; c < 4 * 54; ++c) {
+  for (int c = 0; c < 2 * 27; ++c) {
     vec lo, hi, p;
     for (int a = 0, where = c % 27; a < 3; ++a, where /= 3) {
       lo[a] = a == 2 ? 100 + 0.1 * org(rng) : org(rng);
@@ -143,20 +138,13 @@ TEST(Gsus, AgreesWithQuadrature) {
     } else {
       want = kernel(p, lo, hi, l, m, scale);
     }
-    for (std::size_t t = 0; t < targets.size(); ++t) {
-      ws.vector_target = targets[t];
-      const double got = one_cell(ws, lo, hi, p, cap.out);
-      EXPECT_NEAR(got, want, 1e-9 * scale)
-          << "case " << c << " on " << quolvent::vector_target_name(targets[t]);
-      worst[t] = std::max(worst[t], std::fabs(got - want) / scale);
+    for (int64_t t : quolvent::vector_targets()) {
+      ws.vector_target = t;
+      EXPECT_NEAR(one_cell(ws, lo, hi, p, cap.out), want, 1e-9 * scale)
+          << "case " << c << " on " << quolvent::vector_target_name(t);
     }
   }
   EXPECT_EQ(cap.log(), "");
-  for (std::size_t t = 0; t < targets.size(); ++t) {
-    const std::string name = quolvent::vector_target_name(targets[t]);
-    std::printf("  %-8s worst error / scale %.3g\n", name.c_str(), worst[t]);
-    testing::Test::RecordProperty("worst_" + name, std::to_string(worst[t]));
-  }
 }
 
 // Points on the lower plane (flag 0, sign rule of a zero offset) and upper
@@ -175,17 +163,15 @@ TEST(Gsus, PointsOnTheLowerAndUpperPlanes) {
       vec q = p;
       q[axis] += off;
       double scale = 0, want = kernel(q, lo, hi, unit(65, 12), unit(48, -33), scale);
-      EXPECT_NEAR(one_cell(ws, lo, hi, q, cap.out), want,
-                  (off == 0 && axis < 2 ? 2e-4 : 1e-9) * scale)
-          << off;
+      const double tol = (off == 0 && axis < 2 ? 2e-4 : 1e-9) * scale;
+      EXPECT_NEAR(one_cell(ws, lo, hi, q, cap.out), want, tol) << off;
     }
   EXPECT_EQ(cap.log(), "");
 }
 
 // A point on a vertical edge, or 0.0007 from its line: entry 0 and the
 // message naming the datum and the cell (x index first) for each cell along
-// it; 0.0014 from the line a value. A point on a node: no NaN or Inf. A row
-// of the wrong length stops.
+// it; 0.0014 from the line a value. A point on a node: no NaN or Inf.
 TEST(Gsus, EdgesAndNodes) {
   quolvent::row_workspace ws = workspace(60, 10, 60, 10);
   const double yn[4] = {0, 10, 20, 30}, xn[4] = {0, 10, 20, 30}, zn[3] = {0, 10, 20};
@@ -208,10 +194,4 @@ TEST(Gsus, EdgesAndNodes) {
   quolvent::sens_row(ws, 50000, yn, xn, zn, 3, 3, 2, top, 5, 20, 10, 10, g.data(), g.size(),
                      cap.out);
   for (double v : g) EXPECT_TRUE(std::isfinite(v));
-  try {
-    quolvent::sens_row(ws, 50000, yn, xn, zn, 3, 3, 2, top, 5, 0, 0, -1, g.data(), 17, cap.out);
-    ADD_FAILURE() << "a row of 17 for 18 cells did not stop";
-  } catch (const quolvent::stop& s) {
-    EXPECT_EQ(s.error_text, "indx /= size(g)");
-  }
 }
