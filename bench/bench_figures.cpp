@@ -29,10 +29,10 @@
 #include "model/model.hpp"
 #include "run/row_store.hpp"
 #include "sens/grid_check.hpp"
-#include "sens/gsus_mod.hpp"
-#include "sens/gsus_no_atan_mod.hpp"
-#include "sens/kernel2_mod.hpp"
-#include "sens/kernel_mod.hpp"
+#include "sens/field_directions.hpp"
+#include "sens/prism_row.hpp"
+#include "sens/grid_row_loop.hpp"
+#include "sens/general_row_loop.hpp"
 #include "support/test_support.hpp"
 #include "wavelet/compression.hpp"
 #include "wavelet/threshold.hpp"
@@ -57,8 +57,8 @@ survey grid_survey_of(int nx, int ny, int nz, int ndx, int ndy, int idir) {
 }
 
 void label(benchmark::State& state, int64_t cells_data) {
-  state.counters["cells*data/s"] =
-      benchmark::Counter(static_cast<double>(cells_data), benchmark::Counter::kIsIterationInvariantRate);
+  state.counters["cells*data/s"] = benchmark::Counter(
+      static_cast<double>(cells_data), benchmark::Counter::kIsIterationInvariantRate);
   state.SetLabel(vector_target_name(run_vector_target()) + ", 2 threads");
 }
 
@@ -67,13 +67,13 @@ void uncompressed(benchmark::State& state, int nx, int ny, int nz, int ndx, int 
   const survey s = grid_survey_of(nx, ny, nz, ndx, ndy, 0);
   const compression none;
   matrix_store store = make_matrix_store(none, s.n, s.obs.ndata);
-  std::fill(store.g_full.begin(), store.g_full.end(), 0.0f);
+  std::fill(store.full_rows.begin(), store.full_rows.end(), 0.0f);
   std::vector<double> sq, avg;
   omp_set_num_threads(2);
   for (auto _ : state) {
     store_sink sink(s, none, store);
-    KERNEL(s, sink, sq, avg, quiet);
-    benchmark::DoNotOptimize(store.g_full.data());
+    general_row_loop(s, sink, sq, avg, quiet);
+    benchmark::DoNotOptimize(store.full_rows.data());
   }
   label(state, int64_t{s.n} * s.obs.ndata);
 }
@@ -90,9 +90,9 @@ void Compressed100k(benchmark::State& state) {
       s, "daub2", "null",
       [&](int32_t idat, std::vector<double>& row) {
         const std::size_t d = static_cast<std::size_t>(idat - 1);
-        sens_row(ws, s.obs.geomag, s.mesh.yn.data(), s.mesh.xn.data(), s.mesh.zn.data(), s.mesh.ny,
-                 s.mesh.nx, s.mesh.nz, s.top_index.data(), idat, s.obs.obs_y[d], s.obs.obs_x[d],
-                 s.mesh.z0 - s.obs.obs_z[d], row.data(), row.size(), quiet);
+        prism_row(ws, s.obs.geomag, s.mesh.yn.data(), s.mesh.xn.data(), s.mesh.zn.data(), s.mesh.ny,
+                  s.mesh.nx, s.mesh.nz, s.top_index.data(), idat, s.obs.northing[d],
+                  s.obs.easting[d], s.mesh.z0 - s.obs.elevation[d], row.data(), row.size(), quiet);
       },
       quiet);
   std::vector<double> sq, avg;
@@ -100,8 +100,8 @@ void Compressed100k(benchmark::State& state) {
   for (auto _ : state) {
     matrix_store store = make_matrix_store(c, s.n, s.obs.ndata);
     store_sink sink(s, c, store);
-    KERNEL(s, sink, sq, avg, quiet);
-    benchmark::DoNotOptimize(store.g_compressed.data());
+    general_row_loop(s, sink, sq, avg, quiet);
+    benchmark::DoNotOptimize(store.compressed_rows.data());
   }
   label(state, int64_t{s.n} * s.obs.ndata);
 }
@@ -109,17 +109,17 @@ void Compressed100k(benchmark::State& state) {
 // The regular-grid loop, whole rows.
 void Grid50k(benchmark::State& state) {
   const survey s = grid_survey_of(100, 100, 5, 50, 50, 1);
-  const grid_survey grid = grid_check(s.mesh, s.obs, s.data_kind);
+  const grid_survey grid = grid_check(s.mesh, s.obs, s.survey_kind);
   if (!grid.regular) return state.SkipWithError("survey not regular");
   const compression none;
   matrix_store store = make_matrix_store(none, s.n, s.obs.ndata);
-  std::fill(store.g_full.begin(), store.g_full.end(), 0.0f);
+  std::fill(store.full_rows.begin(), store.full_rows.end(), 0.0f);
   std::vector<double> sq, avg;
   omp_set_num_threads(2);
   for (auto _ : state) {
     store_sink sink(s, none, store);
-    KERNEL2(s, grid, sink, sq, avg, quiet);
-    benchmark::DoNotOptimize(store.g_full.data());
+    grid_row_loop(s, grid, sink, sq, avg, quiet);
+    benchmark::DoNotOptimize(store.full_rows.data());
   }
   state.SetBytesProcessed(state.iterations() * int64_t{s.n} * s.obs.ndata *
                           static_cast<int64_t>(sizeof(float)));

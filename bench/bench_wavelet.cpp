@@ -1,7 +1,7 @@
 // The cost of compressing one row: row to cube, forward transform, largest
 // coefficient, threshold and the exact-size record, on meshes of 100,000 and
 // 300,000 cells. The row is a real sensitivity row of a datum above the
-// centre, weighted by depth, and the threshold is the one wctol estimates for
+// centre, weighted by depth, and the threshold is the one relative_threshold estimates for
 // a relative accuracy of 0.05.
 #include <benchmark/benchmark.h>
 
@@ -14,14 +14,14 @@
 #include "base/vector_target.hpp"
 #include "model/mesh.hpp"
 #include "model/model.hpp"
-#include "sens/gsus_mod.hpp"
-#include "sens/gsus_no_atan_mod.hpp"
+#include "sens/field_directions.hpp"
+#include "sens/prism_row.hpp"
 #include "support/test_support.hpp"
-#include "wavelet/compress_row_mod.hpp"
+#include "wavelet/compress_row.hpp"
 #include "wavelet/compression.hpp"
 #include "wavelet/threshold.hpp"
 #include "wavelet/wavelet_filters.hpp"
-#include "wavelet/wtn_mod.hpp"
+#include "wavelet/transform.hpp"
 
 using namespace quolvent;
 
@@ -46,9 +46,9 @@ struct one_row {
 void compute_row(one_row& r, std::vector<double>& g) {
   const mesh_model& m = r.s.mesh;
   const obs_set& obs = r.s.obs;
-  sens_row(r.ws, obs.geomag, m.yn.data(), m.xn.data(), m.zn.data(), m.ny, m.nx, m.nz,
-           r.s.top_index.data(), 1, obs.obs_y[0], obs.obs_x[0], m.z0 - obs.obs_z[0], g.data(),
-           g.size(), quiet);
+  prism_row(r.ws, obs.geomag, m.yn.data(), m.xn.data(), m.zn.data(), m.ny, m.nx, m.nz,
+            r.s.top_index.data(), 1, obs.northing[0], obs.easting[0], m.z0 - obs.elevation[0],
+            g.data(), g.size(), quiet);
 }
 
 one_row make_row(int32_t nx, int32_t ny, int32_t nz, const char* wavelet) {
@@ -57,16 +57,18 @@ one_row make_row(int32_t nx, int32_t ny, int32_t nz, const char* wavelet) {
   qt::add_datum(obs, 5.0 * nx + 7.0, 5.0 * ny + 3.0, 2.0);
   const mesh_model mesh = qt::uniform_mesh(nx, ny, nz, 10.0, 10.0, 10.0);
   // Weighted by depth, a row of cells in cell order (z fastest).
-  std::vector<double> wtz;
+  std::vector<double> weights;
   for (int32_t col = 0; col < nx * ny; ++col)
-    for (int32_t iz = 1; iz <= nz; ++iz) wtz.push_back(std::pow(mesh.zn[iz - 1] + 5.0, -1.5));
-  one_row r{qt::make_survey(mesh, obs, {}, wtz), {},
-            make_row_workspace(survey_directions(obs), mesh_length_scale(mesh)), {}};
+    for (int32_t iz = 1; iz <= nz; ++iz) weights.push_back(std::pow(mesh.zn[iz - 1] + 5.0, -1.5));
+  one_row r{qt::make_survey(mesh, obs, {}, weights),
+            {},
+            make_row_workspace(survey_directions(obs), mesh_length_scale(mesh)),
+            {}};
   r.c = setup_compression(r.s, wavelet, "1 0.05",
                           [&r](int32_t, std::vector<double>& g) { compute_row(r, g); }, quiet);
   r.row.assign(static_cast<std::size_t>(r.s.n), 0.0);
   compute_row(r, r.row);
-  for (std::size_t k = 0; k < r.row.size(); ++k) r.row[k] /= r.s.wtz[k];
+  for (std::size_t k = 0; k < r.row.size(); ++k) r.row[k] /= r.s.weights[k];
   return r;
 }
 
@@ -74,27 +76,25 @@ void compress_one_row(benchmark::State& state, int32_t nx, int32_t ny, int32_t n
   const char* wavelet = names[state.range(0)];
   state.SetLabel(wavelet);
   const one_row r = make_row(nx, ny, nz, wavelet);
-  compress_workspace ws;
-  ALLOC_WORK(r.c, ws);
+  compress_workspace ws(r.c);
   compressed_row rec;
   int64_t nnz = 0;
   for (auto _ : state) {
     nnz = 0;
-    COMPRESS_ROW(r.c, r.s.cells, r.row.data(), r.s.n, rec, nnz, datum_kind::surface, ws);
+    compress_row(r.c, r.s.cells, r.row.data(), r.s.n, rec, nnz, datum_kind::surface, ws);
     benchmark::DoNotOptimize(rec.val.data());
   }
-  DEALLOC_WORK(ws);
   state.counters["cells"] = r.s.n;
-  state.counters["ncube"] = static_cast<double>(r.c.ncube);
+  state.counters["cube_size"] = static_cast<double>(r.c.cube_size);
   state.counters["kept"] = static_cast<double>(nnz);
-  state.counters["threshold"] = r.c.wctol_surface;
+  state.counters["threshold"] = r.c.threshold_surface;
 }
 
 void transform_only(benchmark::State& state) {
   const char* wavelet = names[state.range(0)];
   state.SetLabel(wavelet);
   const one_row r = make_row(50, 50, 40, wavelet);
-  std::vector<double> cube(static_cast<std::size_t>(r.c.ncube));
+  std::vector<double> cube(static_cast<std::size_t>(r.c.cube_size));
   line_buffers lb;
   for (auto _ : state) {
     row_to_cube(r.c, r.s.cells, r.row.data(), r.s.n, cube.data());
@@ -118,16 +118,15 @@ void BM_compress_row_100k(benchmark::State& state) { compress_one_row(state, 50,
 // daub2 on 100,000 cells on each vector target (the index in vector_targets()).
 void BM_compress_row_target(benchmark::State& state) {
   const std::vector<int64_t> all = vector_targets();
-  const int64_t target =
-      all[static_cast<std::size_t>(std::min<int64_t>(state.range(0), static_cast<int64_t>(all.size()) - 1))];
+  const int64_t target = all[static_cast<std::size_t>(
+      std::min<int64_t>(state.range(0), static_cast<int64_t>(all.size()) - 1))];
   const one_row r = make_row(50, 50, 40, "daub2");
-  compress_workspace ws;
+  compress_workspace ws(r.c);
   ws.lines.vector_target = target;
-  ALLOC_WORK(r.c, ws);
   compressed_row rec;
   int64_t nnz = 0;
   for (auto _ : state) {
-    COMPRESS_ROW(r.c, r.s.cells, r.row.data(), r.s.n, rec, nnz, datum_kind::surface, ws);
+    compress_row(r.c, r.s.cells, r.row.data(), r.s.n, rec, nnz, datum_kind::surface, ws);
     benchmark::DoNotOptimize(rec.val.data());
   }
   state.SetLabel("daub2 " + vector_target_name(target));

@@ -64,7 +64,7 @@ int main(int argc, char** argv) {
     return 1;
   }
   if (a.ndata != b.ndata || a.n != b.n || a.compressed() != b.compressed() ||
-      a.filter != b.filter || a.wtz != b.wtz || a.top_index != b.top_index) {
+      a.filter != b.filter || a.weights != b.weights || a.top_index != b.top_index) {
     std::printf("different shape, filter, weighting or column tops\n");
     return 1;
   }
@@ -99,9 +99,10 @@ int main(int argc, char** argv) {
     }
   }
   double sq = 0.0;
-  for (std::size_t k = 0; k < a.sens_sq.size(); ++k)
-    if (a.sens_sq[k] != b.sens_sq[k])
-      sq = std::fmax(sq, std::fabs(b.sens_sq[k] - a.sens_sq[k]) / std::fabs(a.sens_sq[k]));
+  for (std::size_t k = 0; k < a.squared_sensitivity.size(); ++k)
+    if (a.squared_sensitivity[k] != b.squared_sensitivity[k])
+      sq = std::fmax(sq, std::fabs(b.squared_sensitivity[k] - a.squared_sensitivity[k]) /
+                             std::fabs(a.squared_sensitivity[k]));
   std::printf("%s rows %d x %d: %lld of %lld values differ, worst %.3g of the row max, %lld ulps",
               a.compressed() ? "compressed" : "whole", a.ndata, a.n,
               static_cast<long long>(f.differing), static_cast<long long>(f.compared), f.worst_rel,

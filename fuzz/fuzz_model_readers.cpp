@@ -65,7 +65,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         const data_split split =
             classify_data(mesh, mesh_length_scale(mesh), obs, fixed_tops, quiet);
         // One kind per datum.
-        if (split.obs_type.size() != static_cast<std::size_t>(obs.ndata)) __builtin_trap();
+        if (split.datum_kinds.size() != static_cast<std::size_t>(obs.ndata)) __builtin_trap();
       }
     }
   } catch (const stop&) {

@@ -11,7 +11,7 @@
 
 #include "base/channels.hpp"
 #include "output/matrix_reader.hpp"
-#include "run/sens3d.hpp"
+#include "run/run_driver.hpp"
 #include "wavelet/wavelet_filters.hpp"
 
 namespace py = pybind11;
@@ -43,8 +43,8 @@ py::array_t<double> released(F f) {
 std::vector<double> to_vector(const py_vector& a,
                               std::size_t expected, const char* what) {
   if (a.ndim() != 1 || static_cast<std::size_t>(a.shape(0)) != expected)
-    throw py::value_error(std::string(what) + " must be a 1-D array of " + std::to_string(expected) +
-                          " values");
+    throw py::value_error(std::string(what) + " must be a 1-D array of " +
+                          std::to_string(expected) + " values");
   return std::vector<double>(a.data(), a.data() + expected);
 }
 
@@ -73,10 +73,11 @@ std::string wavelet_name(const stored_matrix& m) {
   const std::vector<double>& filter = m.contents().filter;
   if (filter.empty()) return "NONE";
   const quolvent::run_log quiet(nullptr);
-  for (const char* name : {"daub1", "daub2", "daub3", "daub4", "daub5", "daub6", "symm4", "symm5", "symm6"}) {
+  for (const char* name :
+       {"daub1", "daub2", "daub3", "daub4", "daub5", "daub6", "symm4", "symm5", "symm6"}) {
     std::vector<double> f;
-    int32_t ncof = 0;
-    quolvent::check_wavelet(name, f, ncof, quiet);
+    int32_t filter_length = 0;
+    quolvent::check_wavelet(name, f, filter_length, quiet);
     if (f == filter) return name;
   }
   return "unknown";
@@ -116,8 +117,8 @@ py::dict run(const std::vector<std::string>& args, const std::string& outdir, bo
   while (!wavelet.empty() && wavelet.back() == ' ') wavelet.pop_back();
   d["wavelet"] = wavelet;
   d["compressed"] = s.compressed;
-  d["threshold_surface"] = s.wctol_surface;
-  d["threshold_borehole"] = s.wctol_borehole;
+  d["threshold_surface"] = s.threshold_surface;
+  d["threshold_borehole"] = s.threshold_borehole;
   d["nnz"] = s.nnz;
   d["compression_ratio"] = s.compression_ratio;
   d["achieved_error"] = s.achieved_error;
@@ -141,54 +142,77 @@ PYBIND11_MODULE(_quolvent, mod) {
       .def(py::init<const std::string&>(), py::arg("path"))
       .def_property_readonly("ndata", [](const stored_matrix& m) { return m.contents().ndata; })
       .def_property_readonly("ncells", [](const stored_matrix& m) { return m.contents().n; })
-      .def_property_readonly("compressed", [](const stored_matrix& m) { return m.contents().compressed(); })
+      .def_property_readonly("compressed",
+                             [](const stored_matrix& m) { return m.contents().compressed(); })
       .def_property_readonly("wavelet", &wavelet_name)
-      .def_property_readonly("filter", [](const stored_matrix& m) { return to_array(m.contents().filter); })
-      .def_property_readonly("padded", [](const stored_matrix& m) {
-        const auto& c = m.contents();
-        return py::make_tuple(c.nyp, c.nxp, c.nzp);
-      })
+      .def_property_readonly("filter",
+                             [](const stored_matrix& m) { return to_array(m.contents().filter); })
+      .def_property_readonly("padded",
+                             [](const stored_matrix& m) {
+                               const auto& c = m.contents();
+                               return py::make_tuple(c.padded_ny, c.padded_nx, c.padded_nz);
+                             })
       .def_property_readonly("nnz", &stored_matrix::nnz)
-      .def_property_readonly("mesh_counts", [](const stored_matrix& m) {
-        const auto& mesh = m.contents().mesh;
-        return py::make_tuple(mesh.nx, mesh.ny, mesh.nz);
-      })
-      .def_property_readonly("xn", [](const stored_matrix& m) { return to_array(m.contents().mesh.xn); })
-      .def_property_readonly("yn", [](const stored_matrix& m) { return to_array(m.contents().mesh.yn); })
-      .def_property_readonly("zn", [](const stored_matrix& m) { return to_array(m.contents().mesh.zn); })
+      .def_property_readonly("mesh_counts",
+                             [](const stored_matrix& m) {
+                               const auto& mesh = m.contents().mesh;
+                               return py::make_tuple(mesh.nx, mesh.ny, mesh.nz);
+                             })
+      .def_property_readonly("xn",
+                             [](const stored_matrix& m) { return to_array(m.contents().mesh.xn); })
+      .def_property_readonly("yn",
+                             [](const stored_matrix& m) { return to_array(m.contents().mesh.yn); })
+      .def_property_readonly("zn",
+                             [](const stored_matrix& m) { return to_array(m.contents().mesh.zn); })
       .def_property_readonly("z0", [](const stored_matrix& m) { return m.contents().mesh.z0; })
-      .def_property_readonly("top_index", [](const stored_matrix& m) {
-        const auto& c = m.contents();
-        // The file holds iy fastest: as (nx, ny) in C order, then transposed.
-        py::array_t<int32_t> a({static_cast<py::ssize_t>(c.mesh.ny), static_cast<py::ssize_t>(c.mesh.nx)});
-        auto t = a.mutable_unchecked<2>();
-        for (py::ssize_t ix = 0; ix < c.mesh.nx; ++ix)
-          for (py::ssize_t iy = 0; iy < c.mesh.ny; ++iy)
-            t(iy, ix) = c.top_index[static_cast<std::size_t>(iy + ix * c.mesh.ny)];
-        return a;
-      })
-      .def_property_readonly("weights", [](const stored_matrix& m) { return to_array(m.contents().wtz); })
-      .def_property_readonly("sens_sq", [](const stored_matrix& m) { return to_array(m.contents().sens_sq); })
-      .def("row", [](const stored_matrix& m, int32_t i) {
-        return released([&] { return m.row(i); });
-      }, py::arg("i"))
-      .def("dot", [](const stored_matrix& m, const py_vector& model) {
-        const auto x = to_vector(model, static_cast<std::size_t>(m.contents().n), "model");
-        return released([&] { return m.dot(x); });
-      }, py::arg("model"))
-      .def("rdot", [](const stored_matrix& m, const py_vector& v) {
-        const auto x = to_vector(v, static_cast<std::size_t>(m.contents().ndata), "v");
-        return released([&] { return m.rdot(x); });
-      }, py::arg("v"))
-      .def("dense", [](const stored_matrix& m) {
-        std::vector<float> d;
-        {
-          py::gil_scoped_release free;
-          d = m.dense();
-        }
-        py::array_t<float> a({static_cast<py::ssize_t>(m.contents().ndata), static_cast<py::ssize_t>(m.contents().n)});
-        std::copy(d.begin(), d.end(), a.mutable_data());
-        return a;
-      })
+      .def_property_readonly("top_index",
+                             [](const stored_matrix& m) {
+                               const auto& c = m.contents();
+                               // The file holds iy fastest: as (nx, ny) in C order, then
+                               // transposed.
+                               py::array_t<int32_t> a({static_cast<py::ssize_t>(c.mesh.ny),
+                                                       static_cast<py::ssize_t>(c.mesh.nx)});
+                               auto t = a.mutable_unchecked<2>();
+                               for (py::ssize_t ix = 0; ix < c.mesh.nx; ++ix)
+                                 for (py::ssize_t iy = 0; iy < c.mesh.ny; ++iy)
+                                   t(iy, ix) =
+                                       c.top_index[static_cast<std::size_t>(iy + ix * c.mesh.ny)];
+                               return a;
+                             })
+      .def_property_readonly("weights",
+                             [](const stored_matrix& m) { return to_array(m.contents().weights); })
+      .def_property_readonly(
+          "squared_sensitivity",
+          [](const stored_matrix& m) { return to_array(m.contents().squared_sensitivity); })
+      .def(
+          "row",
+          [](const stored_matrix& m, int32_t i) { return released([&] { return m.row(i); }); },
+          py::arg("i"))
+      .def(
+          "dot",
+          [](const stored_matrix& m, const py_vector& model) {
+            const auto x = to_vector(model, static_cast<std::size_t>(m.contents().n), "model");
+            return released([&] { return m.dot(x); });
+          },
+          py::arg("model"))
+      .def(
+          "rdot",
+          [](const stored_matrix& m, const py_vector& v) {
+            const auto x = to_vector(v, static_cast<std::size_t>(m.contents().ndata), "v");
+            return released([&] { return m.rdot(x); });
+          },
+          py::arg("v"))
+      .def("dense",
+           [](const stored_matrix& m) {
+             std::vector<float> d;
+             {
+               py::gil_scoped_release free;
+               d = m.dense();
+             }
+             py::array_t<float> a({static_cast<py::ssize_t>(m.contents().ndata),
+                                   static_cast<py::ssize_t>(m.contents().n)});
+             std::copy(d.begin(), d.end(), a.mutable_data());
+             return a;
+           })
       .def("to_grid", &to_grid, py::arg("values"));
 }

@@ -63,7 +63,7 @@ class Matrix:
         self.wavelet = self._m.wavelet
         self.top_index = self._m.top_index
         self.weights = self._m.weights
-        self.sens_sq = self._m.sens_sq
+        self.squared_sensitivity = self._m.squared_sensitivity
         self.nnz = self._m.nnz
 
     def row(self, i):

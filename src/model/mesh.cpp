@@ -1,4 +1,4 @@
-// MESH_MOD: the rectilinear mesh file.
+// The rectilinear mesh file.
 #include "model/mesh.hpp"
 
 #include <cmath>

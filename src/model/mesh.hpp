@@ -1,4 +1,4 @@
-// MESH_MOD: the rectilinear mesh file.
+// The rectilinear mesh file.
 #pragma once
 
 #include <string>

@@ -28,8 +28,8 @@ struct obs_set {
   double aincl = 0, adecl = 0;            // measured direction, degrees
   int32_t idir = 1;                       // 1: common direction; 0: per datum
   int32_t ndata = 0;
-  std::vector<double> obs_x, obs_y, obs_z;    // easting, northing, elevation
-  std::vector<double> obs_aincl, obs_adecl;   // only when idir is 0
+  std::vector<double> easting, northing, elevation;  // each datum's position
+  std::vector<double> datum_aincl, datum_adecl;      // only when idir is 0
 };
 
 // datum_kind: where a datum was measured; for a whole survey, mixed when it
@@ -70,9 +70,9 @@ struct survey {
   obs_set obs;
   std::vector<int32_t> top_index;           // ny x nx, iy fastest
   active_cells cells;
-  std::vector<datum_kind> obs_type;         // one per datum
-  datum_kind data_kind = datum_kind::mixed; // all surface, all borehole, mixed
-  std::vector<double> wtz;                  // the cell weighting, n values
+  std::vector<datum_kind> datum_kinds;         // one per datum
+  datum_kind survey_kind = datum_kind::mixed;  // all surface, all borehole, mixed
+  std::vector<double> weights;                 // the cell weighting, n values
   int32_t n = 0;                            // row length: cells below the ground
 };
 

@@ -64,12 +64,12 @@ obs_set read_data_file(const std::string& name) {
   const bool own_direction = o.idir == 0;
   try {
     const std::size_t ahead = std::min(static_cast<std::size_t>(o.ndata), reserve_limit);
-    o.obs_y.reserve(ahead);
-    o.obs_x.reserve(ahead);
-    o.obs_z.reserve(ahead);
+    o.northing.reserve(ahead);
+    o.easting.reserve(ahead);
+    o.elevation.reserve(ahead);
     if (own_direction) {
-      o.obs_aincl.reserve(ahead);
-      o.obs_adecl.reserve(ahead);
+      o.datum_aincl.reserve(ahead);
+      o.datum_adecl.reserve(ahead);
     }
     for (int32_t i = 0; i < o.ndata; ++i) {
       fetch(r);
@@ -77,12 +77,12 @@ obs_set read_data_file(const std::string& name) {
       const int st = own_direction ? ff_read_text(r.line, {x, y, z, ai, ad})
                                    : ff_read_text(r.line, {x, y, z});
       if (st != 0) bad_line(r);
-      o.obs_y.push_back(y);
-      o.obs_x.push_back(x);
-      o.obs_z.push_back(z);
+      o.northing.push_back(y);
+      o.easting.push_back(x);
+      o.elevation.push_back(z);
       if (own_direction) {
-        o.obs_aincl.push_back(ai);
-        o.obs_adecl.push_back(ad);
+        o.datum_aincl.push_back(ai);
+        o.datum_adecl.push_back(ad);
       }
     }
   } catch (const std::bad_alloc&) {
@@ -110,21 +110,21 @@ data_split classify_data(const mesh_model& mesh, double length_scale, const obs_
   // Every position test against the nodes, in proportion to the cells.
   const double node_tol = node_tolerance(length_scale);
   data_split split;
-  std::vector<datum_kind>& obs_type = split.obs_type;
-  obs_type.assign(static_cast<std::size_t>(std::max(obs.ndata, 0)), datum_kind::surface);
+  std::vector<datum_kind>& datum_kinds = split.datum_kinds;
+  datum_kinds.assign(static_cast<std::size_t>(std::max(obs.ndata, 0)), datum_kind::surface);
   auto top = [&](int32_t iy, int32_t ix) { return top_at(top_index, ny, iy, ix); };
 
   bool on_edge = false;
   for (int32_t i = 1; i <= obs.ndata; ++i) {
     const std::size_t p = static_cast<std::size_t>(i) - 1;
-    const double d = mesh.z0 - obs.obs_z[p];
+    const double d = mesh.z0 - obs.elevation[p];
     int32_t iy = 0, ix = 0, k = 0;
     double yp = 0, xp = 0, zp = 0;
-    locate(obs.obs_y[p], mesh.yn, ny, node_tol, iy, yp);
-    locate(obs.obs_x[p], mesh.xn, nx, node_tol, ix, xp);
+    locate(obs.northing[p], mesh.yn, ny, node_tol, iy, yp);
+    locate(obs.easting[p], mesh.xn, nx, node_tol, ix, xp);
     locate(d, mesh.zn, nz, node_tol, k, zp);
-    const bool y_on = std::fabs(obs.obs_y[p] - yp) < node_tol;
-    const bool x_on = std::fabs(obs.obs_x[p] - xp) < node_tol;
+    const bool y_on = std::fabs(obs.northing[p] - yp) < node_tol;
+    const bool x_on = std::fabs(obs.easting[p] - xp) < node_tol;
     const bool z_on = std::fabs(d - zp) < node_tol;
     if (k == 1 && d == mesh.zn[0]) k = 0;
 
@@ -143,12 +143,12 @@ data_split classify_data(const mesh_model& mesh, double length_scale, const obs_
     // t layers are air: t > k puts the point in the air, t == k in the last
     // air cell unless it sits on that cell's bottom node, the ground.
     if (t > k || (t == k && !z_on)) continue;
-    obs_type[p] = datum_kind::borehole;
+    datum_kinds[p] = datum_kind::borehole;
 
     if (int(y_on) + int(x_on) + int(z_on) >= 2) {
-      out.report_log({"Point " + fmt_int(i, 7) + ": (" + fmt_sci(obs.obs_x[p], 14, 6) + "," +
-                  fmt_sci(obs.obs_y[p], 14, 6) + "," + fmt_sci(obs.obs_z[p], 14, 6) +
-                  ") is on an edge."});
+      out.report_log({"Point " + fmt_int(i, 7) + ": (" + fmt_sci(obs.easting[p], 14, 6) + "," +
+                      fmt_sci(obs.northing[p], 14, 6) + "," + fmt_sci(obs.elevation[p], 14, 6) +
+                      ") is on an edge."});
       on_edge = true;
     }
   }
@@ -160,8 +160,8 @@ data_split classify_data(const mesh_model& mesh, double length_scale, const obs_
   int32_t nsurf = 0, nbore = 0;
   int64_t sum = 0;
   for (int32_t i = 0; i < obs.ndata; ++i) {
-    const int32_t v = static_cast<int32_t>(obs_type[static_cast<std::size_t>(i)]);
-    if (obs_type[static_cast<std::size_t>(i)] == datum_kind::borehole) {
+    const int32_t v = static_cast<int32_t>(datum_kinds[static_cast<std::size_t>(i)]);
+    if (datum_kinds[static_cast<std::size_t>(i)] == datum_kind::borehole) {
       ++nbore;
     } else {
       ++nsurf;
@@ -173,18 +173,18 @@ data_split classify_data(const mesh_model& mesh, double length_scale, const obs_
   if (nbore > 0) {
     out.report_log({"", "  Indices of borehole data:"});
     for (int32_t i = 1; i <= obs.ndata; ++i) {
-      if (obs_type[static_cast<std::size_t>(i) - 1] == datum_kind::borehole) {
+      if (datum_kinds[static_cast<std::size_t>(i) - 1] == datum_kind::borehole) {
         out.report_log({fmt_int(i, 6)});
       }
     }
     out.report_log({""});
   }
   if (sum == -int64_t{obs.ndata}) {
-    split.data_kind = datum_kind::borehole;
+    split.survey_kind = datum_kind::borehole;
   } else if (sum == int64_t{obs.ndata}) {
-    split.data_kind = datum_kind::surface;
+    split.survey_kind = datum_kind::surface;
   } else {
-    split.data_kind = datum_kind::mixed;
+    split.survey_kind = datum_kind::mixed;
   }
   return split;
 }

@@ -42,15 +42,15 @@ void locate(double v, const std::vector<double>& nodes, int32_t m, double tol, i
 
 // data_split: the kind of each datum and of the whole survey.
 struct data_split {
-  std::vector<datum_kind> obs_type;
-  datum_kind data_kind = datum_kind::mixed;
+  std::vector<datum_kind> datum_kinds;
+  datum_kind survey_kind = datum_kind::mixed;
 };
 
 // classify_data
 //   Given:   the mesh, its length scale (mesh_length_scale), the data, the
 //            column tops top_index (ny x nx), the run's log. A position counts
 //            as on a node within node_tolerance(length_scale) of it.
-//   Returns: obs_type(i) surface or borehole for each datum; data_kind
+//   Returns: datum_kinds(i) surface or borehole for each datum; survey_kind
 //            surface when all are, borehole when all are, else mixed. Writes
 //            the group counts to screen and log, and the borehole indices to
 //            the log.

@@ -51,12 +51,13 @@ void write_sensitivity_model(const std::vector<double>& values, const mesh_model
   file.close();
 }
 
-void write_data_file(const std::string& name, const obs_set& obs, const std::vector<double>& values) {
+void write_data_file(const std::string& name, const obs_set& obs,
+                     const std::vector<double>& values) {
   const int32_t ndata = obs.ndata;
   const std::size_t count = static_cast<std::size_t>(ndata > 0 ? ndata : 0);
-  if (values.size() < count || obs.obs_x.size() < count || obs.obs_y.size() < count ||
-      obs.obs_z.size() < count ||
-      (obs.idir <= 0 && (obs.obs_aincl.size() < count || obs.obs_adecl.size() < count))) {
+  if (values.size() < count || obs.easting.size() < count || obs.northing.size() < count ||
+      obs.elevation.size() < count ||
+      (obs.idir <= 0 && (obs.datum_aincl.size() < count || obs.datum_adecl.size() < count))) {
     stop_text("size(values) /= ndata");
   }
   output_file file(name, "w");
@@ -67,10 +68,10 @@ void write_data_file(const std::string& name, const obs_set& obs, const std::vec
   file.line(fmt_int(ndata, 7) + std::string(23, ' ') + "  !! # of data");
   for (int32_t i = 0; i < ndata; ++i) {
     const std::size_t d = static_cast<std::size_t>(i);
-    std::string line = fmt_sci(obs.obs_x[d], 17, 9) + fmt_sci(obs.obs_y[d], 17, 9) +
-                       fmt_sci(obs.obs_z[d], 17, 9) + "  ";
+    std::string line = fmt_sci(obs.easting[d], 17, 9) + fmt_sci(obs.northing[d], 17, 9) +
+                       fmt_sci(obs.elevation[d], 17, 9) + "  ";
     if (obs.idir <= 0) {
-      line += fmt_sci(obs.obs_aincl[d], 12, 4) + fmt_sci(obs.obs_adecl[d], 12, 4) + "  ";
+      line += fmt_sci(obs.datum_aincl[d], 12, 4) + fmt_sci(obs.datum_adecl[d], 12, 4) + "  ";
     }
     line += fmt_sci(values[d], 14, 6);
     file.line(line);

@@ -79,21 +79,21 @@ void write_record(output_file& f, const std::vector<record_block>& blocks, int64
 }
 
 void check_matrix_arrays(const survey& s, const compression& c, const matrix_store& store,
-                         row_range rows, const std::vector<double>* sens_sq) {
+                         row_range rows, const std::vector<double>* squared_sensitivity) {
   const mesh_model& mesh = s.mesh;
   const int32_t n = s.n;
   const int32_t ny = mesh.ny, nx = mesh.nx, nz = mesh.nz;
-  need(s.wtz, n, "size(wtz) /= n");
-  if (sens_sq) need(*sens_sq, n, "size(sens_sq) /= n");
+  need(s.weights, n, "size(weights) /= n");
+  if (squared_sensitivity) need(*squared_sensitivity, n, "size(squared_sensitivity) /= n");
   need(mesh.yn, int64_t{ny} + 1, "size(yn) /= ny + 1");
   need(mesh.xn, int64_t{nx} + 1, "size(xn) /= nx + 1");
   need(mesh.zn, int64_t{nz} + 1, "size(zn) /= nz + 1");
   need(s.top_index, int64_t{ny} * nx, "size(top_index) /= ny * nx");
-  need(c.filter, c.ncof, "size(filter) /= ncof");
+  need(c.filter, c.filter_length, "size(filter) /= filter_length");
   if (c.compressed) {
-    need(store.g_compressed, rows.count(), "size(g_compressed) /= ndata");
+    need(store.compressed_rows, rows.count(), "size(compressed_rows) /= ndata");
   } else {
-    need(store.g_full, int64_t{n} * rows.count(), "size(g_full) /= n * ndata");
+    need(store.full_rows, int64_t{n} * rows.count(), "size(full_rows) /= n * ndata");
   }
 }
 
@@ -113,12 +113,13 @@ void write_matrix_head(record_out& f, const survey& s, const compression& c, int
 
   write_record(f, {{s.top_index.data(), 4 * count_of(int64_t{ny} * nx)}}, record_limit);
 
-  write_record(f, {{&c.ncof, 4}, {c.filter.data(), 8 * count_of(c.ncof)}}, record_limit);
+  write_record(f, {{&c.filter_length, 4}, {c.filter.data(), 8 * count_of(c.filter_length)}},
+               record_limit);
 
-  const int32_t padded[3] = {c.nyp, c.nxp, c.nzp};
+  const int32_t padded[3] = {c.padded_ny, c.padded_nx, c.padded_nz};
   write_record(f, {{padded, sizeof padded}}, record_limit);
 
-  write_record(f, {{&flag, 4}, {s.wtz.data(), 8 * count_of(s.n)}}, record_limit);
+  write_record(f, {{&flag, 4}, {s.weights.data(), 8 * count_of(s.n)}}, record_limit);
 }
 
 void write_matrix_rows(record_out& f, const survey& s, const compression& c,
@@ -129,7 +130,7 @@ void write_matrix_rows(record_out& f, const survey& s, const compression& c,
   for (int32_t i = 0; i < count; ++i) {
     out.check_interrupt();
     if (c.compressed) {
-      const compressed_row& rec = store.g_compressed[static_cast<std::size_t>(i)];
+      const compressed_row& rec = store.compressed_rows[static_cast<std::size_t>(i)];
       const int32_t nnz = static_cast<int32_t>(rec.idx.size());
       if (rec.val.size() != rec.idx.size()) stop_text("size(val) /= size(idx)");
       write_record(f,
@@ -138,33 +139,33 @@ void write_matrix_rows(record_out& f, const survey& s, const compression& c,
                     {rec.val.data(), 4 * rec.val.size()}},
                    record_limit);
     } else {
-      write_record(f, {{store.g_full.data() + static_cast<std::size_t>(i) * len, 4 * len}},
+      write_record(f, {{store.full_rows.data() + static_cast<std::size_t>(i) * len, 4 * len}},
                    record_limit);
     }
   }
 }
 
-void write_matrix_tail(record_out& f, const survey& s, const std::vector<double>& sens_sq,
-                       int64_t record_limit) {
-  write_record(f, {{sens_sq.data(), 8 * count_of(s.n)}}, record_limit);
+void write_matrix_tail(record_out& f, const survey& s,
+                       const std::vector<double>& squared_sensitivity, int64_t record_limit) {
+  write_record(f, {{squared_sensitivity.data(), 8 * count_of(s.n)}}, record_limit);
 }
 
 void write_matrix(const std::string& path, const survey& s, const compression& c,
-                  matrix_store& store, int32_t flag, const std::vector<double>& sens_sq,
+                  matrix_store& store, int32_t flag, const std::vector<double>& squared_sensitivity,
                   const run_log& out, int64_t record_limit) {
   out.say_screen("");
   out.say_screen("Writing out the matrix.");
   out.say_screen("");
 
   const row_range rows = all_rows(s.obs.ndata);
-  check_matrix_arrays(s, c, store, rows, &sens_sq);
+  check_matrix_arrays(s, c, store, rows, &squared_sensitivity);
   output_file f(path, "wb");
   file_out to(f);
   write_matrix_head(to, s, c, flag, record_limit);
   write_matrix_rows(to, s, c, store, rows, out, record_limit);
   // Nothing reads the full matrix after this.
-  if (!c.compressed) float_matrix().swap(store.g_full);
-  write_matrix_tail(to, s, sens_sq, record_limit);
+  if (!c.compressed) float_matrix().swap(store.full_rows);
+  write_matrix_tail(to, s, squared_sensitivity, record_limit);
 
   // The last checkpoint: after the sync, which can take a while for a large
   // file, and before the file takes the place of an earlier one.
@@ -187,7 +188,7 @@ int64_t matrix_head_bytes(const survey& s, const compression& c, int64_t limit) 
   int64_t total = framed_bytes(20, limit);
   total = add_sizes(total, framed_bytes(8 * (ny + nx + nz + 4), limit));
   total = add_sizes(total, framed_bytes(mul_sizes(4 * ny, nx), limit));
-  total = add_sizes(total, framed_bytes(4 + 8 * count(c.ncof), limit));
+  total = add_sizes(total, framed_bytes(4 + 8 * count(c.filter_length), limit));
   total = add_sizes(total, framed_bytes(12, limit));
   return add_sizes(total, framed_bytes(4 + 8 * n, limit));
 }
@@ -198,10 +199,9 @@ int64_t stored_rows_bytes(const survey& s, const compression& c, const matrix_st
   const int32_t count = rows.count();
   for (int32_t i = 0; i < count; ++i) {
     const int64_t payload =
-        c.compressed
-            ? compressed_row_payload(
-                  static_cast<int64_t>(store.g_compressed[static_cast<std::size_t>(i)].idx.size()))
-            : uncompressed_row_payload(s.n);
+        c.compressed ? compressed_row_payload(static_cast<int64_t>(
+                           store.compressed_rows[static_cast<std::size_t>(i)].idx.size()))
+                     : uncompressed_row_payload(s.n);
     total = add_sizes(total, framed_bytes(payload, limit));
   }
   return total;

@@ -48,38 +48,39 @@ void write_record(output_file& f, const std::vector<record_block>& blocks,
 // write_matrix
 // Given: the file's path; the survey (its mesh, column tops, row length,
 //   weighting, ndata); the compression record; the store of the rows; the
-//   flag of record 6; sens_sq (n); the run's log; the frame limit (tests
+//   flag of record 6; squared_sensitivity (n); the run's log; the frame limit (tests
 //   lower it).
 // Returns: the file written and closed: the sizes, the nodes, the column
-//   tops, the filter, the padded extents, flag and wtz, one record per row
-//   (compressed records or the rows of g_full, which is then freed), and
-//   sens_sq. "Writing out the matrix." on the screen. The file appears
+//   tops, the filter, the padded extents, flag and weights, one record per row
+//   (compressed records or the rows of full_rows, which is then freed), and
+//   squared_sensitivity. "Writing out the matrix." on the screen. The file appears
 //   whole under path or not at all (output_file).
 // Fails: a file that can't be written: cannot_write; an interrupt (a
 //   checkpoint at each row record and before the file is put in place);
 //   arrays shorter than their counts stop the run with a text. An earlier
 //   file at path stays as it was.
 void write_matrix(const std::string& path, const survey& s, const compression& c,
-                  matrix_store& store, int32_t flag, const std::vector<double>& sens_sq,
+                  matrix_store& store, int32_t flag, const std::vector<double>& squared_sensitivity,
                   const run_log& out, int64_t record_limit = subrecord_limit);
 
 // The three parts of the matrix file, for a file that several processes
 // write, each its rows. Fails: as write_matrix.
 //   check_matrix_arrays: the arrays hold what their counts say, for a store
-//     that holds the rows of `rows`; sens_sq is checked where check_tail.
+//     that holds the rows of `rows`; squared_sensitivity is checked where check_tail.
 //   write_matrix_head: records 1 to 6 (sizes, nodes, column tops, filter,
-//     padded extents, flag and wtz).
+//     padded extents, flag and weights).
 //   write_matrix_rows: the row records of the store, the data of `rows` in
 //     order, a checkpoint before each (out.check_interrupt).
-//   write_matrix_tail: the last record, sens_sq.
+//   write_matrix_tail: the last record, squared_sensitivity.
 void check_matrix_arrays(const survey& s, const compression& c, const matrix_store& store,
-                         row_range rows, const std::vector<double>* sens_sq);
+                         row_range rows, const std::vector<double>* squared_sensitivity);
 void write_matrix_head(record_out& f, const survey& s, const compression& c, int32_t flag,
                        int64_t record_limit = subrecord_limit);
 void write_matrix_rows(record_out& f, const survey& s, const compression& c,
                        const matrix_store& store, row_range rows, const run_log& out,
                        int64_t record_limit = subrecord_limit);
-void write_matrix_tail(record_out& f, const survey& s, const std::vector<double>& sens_sq,
+void write_matrix_tail(record_out& f, const survey& s,
+                       const std::vector<double>& squared_sensitivity,
                        int64_t record_limit = subrecord_limit);
 
 // matrix_head_bytes: the bytes of records 1 to 6 in the file.

@@ -11,7 +11,7 @@
 #include "base/channels.hpp"
 #include "base/stop.hpp"
 #include "model/active_cells.hpp"
-#include "wavelet/wtn_mod.hpp"
+#include "wavelet/transform.hpp"
 
 static_assert(std::endian::native == std::endian::little,
               "the matrix file is little-endian and is read straight into memory");
@@ -23,7 +23,8 @@ namespace {
 // record_source: the framed records of one file, read in order.
 class record_source {
  public:
-  explicit record_source(const std::string& path) : f_(std::fopen(path.c_str(), "rb"), &std::fclose) {
+  explicit record_source(const std::string& path)
+      : f_(std::fopen(path.c_str(), "rb"), &std::fclose) {
     if (!f_) throw format_error("cannot open " + path);
     std::fseek(f_.get(), 0, SEEK_END);
     size_ = std::ftell(f_.get());
@@ -123,26 +124,27 @@ matrix_contents read_matrix_file(const std::string& path) {
 
   p = src.next();
   if (p.size() < 4) src.fail("no filter length");
-  const int32_t ncof = take<int32_t>(p, 0, 1)[0];
-  if (ncof < 0 || ncof > 64) src.fail("a filter length of " + std::to_string(ncof));
-  need_size(src, p, 4 + 8 * int64_t{ncof});
-  m.filter = take<double>(p, 4, static_cast<std::size_t>(ncof));
+  const int32_t filter_length = take<int32_t>(p, 0, 1)[0];
+  if (filter_length < 0 || filter_length > 64)
+    src.fail("a filter length of " + std::to_string(filter_length));
+  need_size(src, p, 4 + 8 * int64_t{filter_length});
+  m.filter = take<double>(p, 4, static_cast<std::size_t>(filter_length));
 
   p = src.next();
   need_size(src, p, 12);
   const auto padded = take<int32_t>(p, 0, 3);
-  m.nyp = padded[0], m.nxp = padded[1], m.nzp = padded[2];
-  const bool compressed = ncof > 0;
-  if (compressed ? (m.nyp != padded_extent(mesh.ny) || m.nxp != padded_extent(mesh.nx) ||
-                    m.nzp != padded_extent(mesh.nz))
-                 : (m.nyp != 0 || m.nxp != 0 || m.nzp != 0))
+  m.padded_ny = padded[0], m.padded_nx = padded[1], m.padded_nz = padded[2];
+  const bool compressed = filter_length > 0;
+  if (compressed ? (m.padded_ny != padded_extent(mesh.ny) ||
+                    m.padded_nx != padded_extent(mesh.nx) || m.padded_nz != padded_extent(mesh.nz))
+                 : (m.padded_ny != 0 || m.padded_nx != 0 || m.padded_nz != 0))
     src.fail("padded extents that don't belong to the mesh");
-  const int64_t ncube = int64_t{m.nyp} * m.nxp * m.nzp;
+  const int64_t cube_size = int64_t{m.padded_ny} * m.padded_nx * m.padded_nz;
 
   p = src.next();
   need_size(src, p, 4 + 8 * int64_t{m.n});
   m.flag = take<int32_t>(p, 0, 1)[0];
-  m.wtz = take<double>(p, 4, n);
+  m.weights = take<double>(p, 4, n);
 
   if (compressed) {
     m.rows.reserve(std::min<std::size_t>(static_cast<std::size_t>(m.ndata), 1 << 16));
@@ -150,13 +152,14 @@ matrix_contents read_matrix_file(const std::string& path) {
       p = src.next();
       if (p.size() < 4) src.fail("no count of coefficients");
       const int32_t nnz = take<int32_t>(p, 0, 1)[0];
-      if (nnz < 0 || nnz > ncube) src.fail("a count of " + std::to_string(nnz) + " coefficients");
+      if (nnz < 0 || nnz > cube_size)
+        src.fail("a count of " + std::to_string(nnz) + " coefficients");
       need_size(src, p, 4 + 8 * int64_t{nnz});
       compressed_row r;
       r.idx = take<int32_t>(p, 4, static_cast<std::size_t>(nnz));
       r.val = take<float>(p, 4 + 4 * static_cast<std::size_t>(nnz), static_cast<std::size_t>(nnz));
       for (std::size_t k = 0; k < r.idx.size(); ++k) {
-        if (r.idx[k] < 1 || r.idx[k] > ncube || (k > 0 && r.idx[k] <= r.idx[k - 1]))
+        if (r.idx[k] < 1 || r.idx[k] > cube_size || (k > 0 && r.idx[k] <= r.idx[k - 1]))
           src.fail("coefficient positions outside the cube or out of order");
       }
       m.rows.push_back(std::move(r));
@@ -172,7 +175,7 @@ matrix_contents read_matrix_file(const std::string& path) {
 
   p = src.next();
   need_size(src, p, 8 * int64_t{m.n});
-  m.sens_sq = take<double>(p, 0, n);
+  m.squared_sensitivity = take<double>(p, 0, n);
   if (!src.at_end()) throw format_error("bytes after record " + std::to_string(src.number()));
   return m;
 }
@@ -186,12 +189,12 @@ stored_matrix::stored_matrix(const std::string& path) : m_(read_matrix_file(path
   }
   if (!m_.compressed()) return;
   c_.compressed = true;
-  c_.ncof = static_cast<int32_t>(m_.filter.size());
+  c_.filter_length = static_cast<int32_t>(m_.filter.size());
   c_.filter = m_.filter;
-  c_.flt = set_filters(c_.filter, c_.ncof);
+  c_.filters = set_filters(c_.filter, c_.filter_length);
   c_.ny = m_.mesh.ny, c_.nx = m_.mesh.nx, c_.nz = m_.mesh.nz;
-  c_.nyp = m_.nyp, c_.nxp = m_.nxp, c_.nzp = m_.nzp;
-  c_.ncube = int64_t{c_.nyp} * c_.nxp * c_.nzp;
+  c_.padded_ny = m_.padded_ny, c_.padded_nx = m_.padded_nx, c_.padded_nz = m_.padded_nz;
+  c_.cube_size = int64_t{c_.padded_ny} * c_.padded_nx * c_.padded_nz;
 }
 
 int64_t stored_matrix::nnz() const {
@@ -206,7 +209,7 @@ std::vector<double> stored_matrix::row(int32_t i) const {
   std::vector<double> g(n);
   if (i < 0 || i >= m_.ndata) throw std::out_of_range("no datum " + std::to_string(i));
   if (m_.compressed()) {
-    std::vector<double> cube(static_cast<std::size_t>(c_.ncube), 0.0);
+    std::vector<double> cube(static_cast<std::size_t>(c_.cube_size), 0.0);
     const compressed_row& r = m_.rows[static_cast<std::size_t>(i)];
     for (std::size_t k = 0; k < r.idx.size(); ++k)
       cube[static_cast<std::size_t>(r.idx[k] - 1)] = static_cast<double>(r.val[k]);
@@ -217,21 +220,21 @@ std::vector<double> stored_matrix::row(int32_t i) const {
     const float* src = m_.full.data() + static_cast<std::size_t>(i) * n;
     for (std::size_t k = 0; k < n; ++k) g[k] = static_cast<double>(src[k]);
   }
-  for (std::size_t k = 0; k < n; ++k) g[k] *= m_.wtz[k];
+  for (std::size_t k = 0; k < n; ++k) g[k] *= m_.weights[k];
   return g;
 }
 
 std::vector<double> stored_matrix::dot(const std::vector<double>& model) const {
   const std::size_t n = static_cast<std::size_t>(m_.n);
   if (model.size() != n) throw std::invalid_argument("a model of another length than a row");
-  // G m = (R / wtz-rows) (wtz m): the stored rows against the weighted model.
+  // G m = (R / w) (w m), w the weights: the stored rows against the weighted model.
   std::vector<double> x(n);
-  for (std::size_t k = 0; k < n; ++k) x[k] = m_.wtz[k] * model[k];
+  for (std::size_t k = 0; k < n; ++k) x[k] = m_.weights[k] * model[k];
   std::vector<double> d(static_cast<std::size_t>(m_.ndata), 0.0);
   if (m_.compressed()) {
     // An orthogonal transform keeps dot products: the coefficients of each
     // row against the coefficients of the weighted model.
-    std::vector<double> cube(static_cast<std::size_t>(c_.ncube), 0.0);
+    std::vector<double> cube(static_cast<std::size_t>(c_.cube_size), 0.0);
     row_to_cube(c_, cells_, x.data(), m_.n, cube.data());
     line_buffers lines;
     transform_cube(c_, cube.data(), +1, lines);
@@ -265,14 +268,14 @@ std::vector<double> stored_matrix::rdot(const std::vector<double>& v) const {
     // transform. Each thread sums its share of the rows into a cube of its
     // own; the cubes are added in thread order, so the result doesn't
     // depend on which thread finishes first.
-    const std::size_t ncube = static_cast<std::size_t>(c_.ncube);
+    const std::size_t cube_size = static_cast<std::size_t>(c_.cube_size);
     std::vector<std::vector<double>> parts;
 #pragma omp parallel
     {
 #pragma omp single
       parts.resize(static_cast<std::size_t>(omp_get_num_threads()));
       std::vector<double>& cube = parts[static_cast<std::size_t>(omp_get_thread_num())];
-      cube.assign(ncube, 0.0);
+      cube.assign(cube_size, 0.0);
 #pragma omp for schedule(static)
       for (int32_t i = 0; i < m_.ndata; ++i) {
         const compressed_row& r = m_.rows[static_cast<std::size_t>(i)];
@@ -283,7 +286,7 @@ std::vector<double> stored_matrix::rdot(const std::vector<double>& v) const {
     }
     std::vector<double>& total = parts[0];
     for (std::size_t t = 1; t < parts.size(); ++t)
-      for (std::size_t k = 0; k < ncube; ++k) total[k] += parts[t][k];
+      for (std::size_t k = 0; k < cube_size; ++k) total[k] += parts[t][k];
     line_buffers lines;
     transform_cube(c_, total.data(), -1, lines);
     cube_to_row(c_, cells_, g.data(), m_.n, total.data());
@@ -293,11 +296,12 @@ std::vector<double> stored_matrix::rdot(const std::vector<double>& v) const {
       double s = 0.0;
       for (int32_t i = 0; i < m_.ndata; ++i)
         s += v[static_cast<std::size_t>(i)] *
-             static_cast<double>(m_.full[static_cast<std::size_t>(i) * n + static_cast<std::size_t>(k)]);
+             static_cast<double>(
+                 m_.full[static_cast<std::size_t>(i) * n + static_cast<std::size_t>(k)]);
       g[static_cast<std::size_t>(k)] = s;
     }
   }
-  for (std::size_t k = 0; k < n; ++k) g[k] *= m_.wtz[k];
+  for (std::size_t k = 0; k < n; ++k) g[k] *= m_.weights[k];
   return g;
 }
 
@@ -307,7 +311,8 @@ std::vector<float> stored_matrix::dense() const {
 #pragma omp parallel for schedule(static)
   for (int32_t i = 0; i < m_.ndata; ++i) {
     const std::vector<double> g = row(i);
-    std::copy(g.begin(), g.end(), out.begin() + static_cast<std::ptrdiff_t>(static_cast<std::size_t>(i) * n));
+    std::copy(g.begin(), g.end(),
+              out.begin() + static_cast<std::ptrdiff_t>(static_cast<std::size_t>(i) * n));
   }
   return out;
 }

@@ -25,13 +25,13 @@ struct matrix_contents {
   int32_t ndata = 0, n = 0;
   mesh_model mesh;                 // counts, nodes, widths (from the nodes), z0
   std::vector<int32_t> top_index;  // ny x nx, iy fastest
-  std::vector<double> filter;      // ncof coefficients; empty without compression
-  int32_t nyp = 0, nxp = 0, nzp = 0;
+  std::vector<double> filter;      // filter_length coefficients; empty without compression
+  int32_t padded_ny = 0, padded_nx = 0, padded_nz = 0;
   int32_t flag = 0;
-  std::vector<double> wtz;               // n
+  std::vector<double> weights;           // n
   std::vector<compressed_row> rows;      // ndata records when compressed
   std::vector<float> full;               // n x ndata, row i at [i*n], when not
-  std::vector<double> sens_sq;           // n
+  std::vector<double> squared_sensitivity;  // n
   bool compressed() const { return !filter.empty(); }
 };
 
@@ -47,7 +47,7 @@ struct matrix_contents {
 matrix_contents read_matrix_file(const std::string& path);
 
 // stored_matrix: a matrix file ready to apply. G is the sensitivity matrix,
-// ndata x n; the file keeps each row divided by the weighting wtz, and, when
+// ndata x n; the file keeps each row divided by the cell weights, and, when
 // compressed, as the kept coefficients of its wavelet transform.
 class stored_matrix {
  public:
@@ -59,7 +59,7 @@ class stored_matrix {
   const active_cells& cells() const { return cells_; }
   int64_t nnz() const;
 
-  // row: row i (0-based) of G, n values: decompressed and times wtz.
+  // row: row i (0-based) of G, n values: decompressed and times weights.
   std::vector<double> row(int32_t i) const;
   // dot: G model, ndata values (model: n values).
   std::vector<double> dot(const std::vector<double>& model) const;

@@ -27,10 +27,10 @@ int64_t kept_of(const compression& c, datum_kind kind) {
 std::vector<int64_t> predicted_kept(const survey& s, const compression& c) {
   const int32_t ndata = s.obs.ndata;
   std::vector<int64_t> kept;
-  if (ndata <= 0 || s.obs_type.size() < static_cast<std::size_t>(ndata)) return kept;
+  if (ndata <= 0 || s.datum_kinds.size() < static_cast<std::size_t>(ndata)) return kept;
   kept.reserve(static_cast<std::size_t>(ndata));
   for (int32_t i = 0; i < ndata; ++i) {
-    const int64_t k = kept_of(c, s.obs_type[static_cast<std::size_t>(i)]);
+    const int64_t k = kept_of(c, s.datum_kinds[static_cast<std::size_t>(i)]);
     if (k < 0) return {};
     kept.push_back(k);
   }
@@ -93,8 +93,9 @@ void check_output_room(const survey& s, const compression& c, const std::string&
 
   out.report_log({"", fmt_right("Predicted matrix file size:", 30) + " " + bytes_text(file_bytes)});
   if (file_short) {
-    out.report({"", "WARNING: " + matrix_name + " is predicted to take " + bytes_text(file_bytes) + ",",
-                "         more than the " + bytes_text(free_bytes) + " free in its file system.", ""});
+    out.report(
+        {"", "WARNING: " + matrix_name + " is predicted to take " + bytes_text(file_bytes) + ",",
+         "         more than the " + bytes_text(free_bytes) + " free in its file system.", ""});
   }
   int64_t rows_bytes = 0;
   const std::vector<int64_t> kept = predicted_kept(s, c);

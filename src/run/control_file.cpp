@@ -91,7 +91,7 @@ run_params read_control_file(const std::string& name, const run_log& out) {
   if (is_null_name(wavelet)) wavelet = "daub2";
   params.wavelet = wavelet;
   params.eps_line = rtrim(field[5]);
-  params.diag_flag = flag == 1;
+  params.write_diagnostics = flag == 1;
   return params;
 }
 

@@ -15,7 +15,7 @@ struct run_params {
   std::string weight_file;  // line 4 (a file name, or "VALUE " and a number)
   std::string wavelet;      // line 5, always exactly 5 characters, blank-padded
   std::string eps_line;     // line 6, comment cut: "itol eps" or "null"
-  bool diag_flag = false;   // line 7
+  bool write_diagnostics = false;  // line 7
 };
 
 // read_control_file

@@ -1,4 +1,4 @@
 // The program's entry: one run of the command line.
-#include "run/sens3d.hpp"
+#include "run/run_driver.hpp"
 
 int main(int argc, char** argv) { return quolvent::run_command_line(argc, argv, stdout); }

@@ -3,7 +3,7 @@
 
 #include "base/resources.hpp"
 #include "base/stop.hpp"
-#include "wavelet/compress_row_mod.hpp"
+#include "wavelet/compress_row.hpp"
 
 namespace quolvent {
 
@@ -28,22 +28,24 @@ void store_sink::begin(int32_t n, int32_t ndata, const char* alloc_name) {
   // them all.
   const std::size_t held = static_cast<std::size_t>(rows_.count());
   if (rows_.first < 0 || rows_.last > ndata) stop_text("rows outside the data");
-  if (c_.compressed && store_.g_compressed.size() != held) stop_text("size(g_compressed) /= ndata");
-  if (!c_.compressed && store_.g_full.size() != len * held) stop_text("size(g_full) /= n * ndata");
-  if (c_.compressed && s_.obs_type.size() < nd) stop_text("size(obs_type) /= ndata");
+  if (c_.compressed && store_.compressed_rows.size() != held)
+    stop_text("size(compressed_rows) /= ndata");
+  if (!c_.compressed && store_.full_rows.size() != len * held)
+    stop_text("size(full_rows) /= n * ndata");
+  if (c_.compressed && s_.datum_kinds.size() < nd) stop_text("size(datum_kinds) /= ndata");
   nnz_ = 0;
   if (!c_.compressed) return;
   assign_or_stop(data_full_, nd, 0.0, alloc_name);
   assign_or_stop(data_comp_, nd, 0.0, alloc_name);
   assign_or_stop(row_err_, nd, 0.0, alloc_name);
-  test_model_w_ = transform_test_model(c_, s_.cells, test_model_value, s_.wtz);
+  test_model_w_ = transform_test_model(c_, s_.cells, test_model_value, s_.weights);
 }
 
 double store_sink::test_model() const { return c_.compressed ? test_model_value : 0.0; }
 
 float* store_sink::full_column(int32_t datum) {
   if (c_.compressed) return nullptr;
-  return store_.g_full.data() +
+  return store_.full_rows.data() +
          static_cast<std::size_t>(datum - rows_.first) * static_cast<std::size_t>(s_.n);
 }
 
@@ -56,22 +58,22 @@ void store_sink::claim_rows(row_range mine) {
 
 std::unique_ptr<row_sink::thread_part> store_sink::open_thread() {
   auto part = std::make_unique<compress_part>();
-  if (c_.compressed) ALLOC_WORK(c_, part->ws);
+  if (c_.compressed) part->ws = compress_workspace(c_);
   return part;
 }
 
 void store_sink::put(thread_part& t, int32_t datum, const double* row, double test_datum) {
   auto& part = static_cast<compress_part&>(t);
   const std::size_t d = static_cast<std::size_t>(datum);
-  compressed_row& rec = store_.g_compressed[static_cast<std::size_t>(datum - rows_.first)];
+  compressed_row& rec = store_.compressed_rows[static_cast<std::size_t>(datum - rows_.first)];
   data_full_[d] = test_datum;
-  row_err_[d] = COMPRESS_ROW(c_, s_.cells, row, s_.n, rec, part.nnz, s_.obs_type[d], part.ws);
+  row_err_[d] = compress_row(c_, s_.cells, row, s_.n, rec, part.nnz, s_.datum_kinds[d], part.ws);
   data_comp_[d] = dot_compressed(test_model_w_, rec);
 }
 
 void store_sink::close_thread(thread_part& t) {
   auto& part = static_cast<compress_part&>(t);
-  DEALLOC_WORK(part.ws);
+  part.ws = compress_workspace();
   std::lock_guard<std::mutex> hold(lock_);
   nnz_ += part.nnz;
 }

@@ -1,5 +1,5 @@
 // store_sink: the row loops' sink over the run's matrix store. Rows kept
-// whole land in g_full; compressed rows go through COMPRESS_ROW into their
+// whole land in full_rows; compressed rows go through compress_row into their
 // records, with the datum of the test model from the row before and after
 // compression and the relative error of the stored row (the compression
 // check).

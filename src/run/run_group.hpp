@@ -66,11 +66,11 @@ class run_group {
   virtual void gather_rows(std::vector<double>& v, row_range rows) = 0;
   //   write_matrix: the matrix file written (as the function of that name):
   //   records 1 to 6 and the last by the first process, the rows of each
-  //   process by that process; sens_sq is read on the first process only.
-  //   g_full freed.
+  //   process by that process; squared_sensitivity is read on the first process only.
+  //   full_rows freed.
   virtual void write_matrix(const std::string& path, const survey& s, const compression& c,
                             matrix_store& store, row_range rows,
-                            const std::vector<double>& sens_sq, const run_log& out) = 0;
+                            const std::vector<double>& squared_sensitivity, const run_log& out) = 0;
 
   // settle: on every process, after a stop unwound it (s: its stop, or a
   // halt). Returns the stop this process delivers: on the first process the
@@ -94,8 +94,8 @@ class solo_group : public run_group {
   int64_t total(int64_t v) override { return v; }
   void gather_rows(std::vector<double>&, row_range) override {}
   void write_matrix(const std::string& path, const survey& s, const compression& c,
-                    matrix_store& store, row_range rows, const std::vector<double>& sens_sq,
-                    const run_log& out) override;
+                    matrix_store& store, row_range rows,
+                    const std::vector<double>& squared_sensitivity, const run_log& out) override;
   stop settle(const stop& s) override { return s; }
 };
 

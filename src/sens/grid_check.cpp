@@ -96,7 +96,7 @@ void spacing_stats(const double* a, int32_t n, double same, double& spacing, dou
   spread = (gmax - gmin) / spacing;
 }
 
-grid_survey grid_check(const mesh_model& mesh, const obs_set& obs, datum_kind data_kind) {
+grid_survey grid_check(const mesh_model& mesh, const obs_set& obs, datum_kind survey_kind) {
   grid_survey g;
   const int32_t idir = obs.idir;
   const int32_t nd = obs.ndata;
@@ -105,18 +105,18 @@ grid_survey grid_check(const mesh_model& mesh, const obs_set& obs, datum_kind da
   if (nd < 1 || ny < 1 || nx < 1) return g;
 
   // 1. Every datum inside the mesh in plan view, edges included.
-  const auto [ylo, yhi] = std::minmax_element(obs.obs_y.begin(), obs.obs_y.begin() + nd);
-  const auto [xlo, xhi] = std::minmax_element(obs.obs_x.begin(), obs.obs_x.begin() + nd);
+  const auto [ylo, yhi] = std::minmax_element(obs.northing.begin(), obs.northing.begin() + nd);
+  const auto [xlo, xhi] = std::minmax_element(obs.easting.begin(), obs.easting.begin() + nd);
   if (mesh.yn[0] > *ylo || *yhi > mesh.yn[static_cast<std::size_t>(ny)]) return g;
   if (mesh.xn[0] > *xlo || *xhi > mesh.xn[static_cast<std::size_t>(nx)]) return g;
 
   // 2. Surface data only, one direction for all.
-  if (data_kind != datum_kind::surface || idir == 0) return g;
+  if (survey_kind != datum_kind::surface || idir == 0) return g;
 
   // 3. One level, measured against the height above the mesh top.
-  double zmin = obs.obs_z[0], zmax = obs.obs_z[0], zsum = 0.0;
+  double zmin = obs.elevation[0], zmax = obs.elevation[0], zsum = 0.0;
   for (int32_t i = 0; i < nd; ++i) {
-    const double z = obs.obs_z[static_cast<std::size_t>(i)];
+    const double z = obs.elevation[static_cast<std::size_t>(i)];
     zmin = std::min(zmin, z);
     zmax = std::max(zmax, z);
     zsum += z;
@@ -137,22 +137,22 @@ grid_survey grid_check(const mesh_model& mesh, const obs_set& obs, datum_kind da
   // proportion to the cells, so that a scaled survey takes the same loop.
   const double same = grid_same_coord * mesh_length_scale(mesh);
   double sp_y = 0.0, spr_y = 0.0, sp_x = 0.0, spr_x = 0.0;
-  spacing_stats(obs.obs_y.data(), nd, same, sp_y, spr_y);
+  spacing_stats(obs.northing.data(), nd, same, sp_y, spr_y);
   if (exceeds(spr_y)) return g;
-  spacing_stats(obs.obs_x.data(), nd, same, sp_x, spr_x);
+  spacing_stats(obs.easting.data(), nd, same, sp_x, spr_x);
   if (exceeds(spr_x)) return g;
 
   // 7. The spacing a whole number of cells.
-  if (!whole_multiple(sp_y, g.cell_dy, magnitude(obs.obs_y, nd))) return g;
-  if (!whole_multiple(sp_x, g.cell_dx, magnitude(obs.obs_x, nd))) return g;
+  if (!whole_multiple(sp_y, g.cell_dy, magnitude(obs.northing, nd))) return g;
+  if (!whole_multiple(sp_x, g.cell_dx, magnitude(obs.easting, nd))) return g;
 
   // 8. The reference datum: nearest the mesh centre, the first of equals.
   const double yc = mesh.yn[static_cast<std::size_t>(ny / 2)];
   const double xc = mesh.xn[static_cast<std::size_t>(nx / 2)];
   double best = 1e20;
   for (int32_t i = 0; i < nd; ++i) {
-    const double ey = obs.obs_y[static_cast<std::size_t>(i)] - yc;
-    const double ex = obs.obs_x[static_cast<std::size_t>(i)] - xc;
+    const double ey = obs.northing[static_cast<std::size_t>(i)] - yc;
+    const double ex = obs.easting[static_cast<std::size_t>(i)] - xc;
     const double d = std::sqrt(ey * ey + ex * ex);
     if (d < best) {
       best = d;

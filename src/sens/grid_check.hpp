@@ -1,6 +1,6 @@
 // The regular survey test: do the data form a grid on one level, at a spacing
 // that is a whole multiple of a uniform mesh's cells? If so, the run takes the
-// regular-grid row loop (KERNEL2) instead of the general one (KERNEL).
+// regular-grid row loop (grid_row_loop) instead of the general one (general_row_loop).
 #pragma once
 
 #include <cstdint>
@@ -25,12 +25,12 @@ struct grid_survey {
 };
 
 // grid_check
-// Given: the mesh, the data and data_kind (all surface, all borehole, mixed).
+// Given: the mesh, the data and survey_kind (all surface, all borehole, mixed).
 // Returns: regular true when every test passes, with the reference datum and
 //   the widths; otherwise regular false (the widths then hold what was set
 //   before the failing test).
 // Fails: never; an unusable mesh or survey just gives regular false.
-grid_survey grid_check(const mesh_model& mesh, const obs_set& obs, datum_kind data_kind);
+grid_survey grid_check(const mesh_model& mesh, const obs_set& obs, datum_kind survey_kind);
 
 // spacing_stats
 // Given: a[0..n-1], one coordinate of all data; same, the distance within

@@ -1,4 +1,4 @@
-// GRID_COPY: the regular-grid row copy, compiled once per vector target
+// The regular-grid row copy, compiled once per vector target
 // (Highway's foreach_target).
 #undef HWY_TARGET_INCLUDE
 #define HWY_TARGET_INCLUDE "sens/grid_copy.cpp"
@@ -66,10 +66,11 @@ HWY_INLINE void CopyRow(const grid_copy_in& in, double* avg, double* sq, double*
       // The next columns continue this one in the cube while their tops are 0.
       ++ip;
       if (in.col_stride == static_cast<std::size_t>(in.nz))
-        for (; ip < in.nx && in.top[static_cast<std::size_t>(j) + static_cast<std::size_t>(ip) * ny] == 0;
+        for (; ip < in.nx &&
+               in.top[static_cast<std::size_t>(j) + static_cast<std::size_t>(ip) * ny] == 0;
              ++ip)
           m += static_cast<std::size_t>(in.nz);
-      CopyRun<kFull>(src, in.wtz + indx, avg + indx, sq + indx, kFull ? nullptr : g + indx,
+      CopyRun<kFull>(src, in.weights + indx, avg + indx, sq + indx, kFull ? nullptr : g + indx,
                      kFull ? full + indx : nullptr, m);
       indx += m;
     }

@@ -1,4 +1,4 @@
-// GRID_COPY: the copy of one row of the regular-grid loop out of the cube
+// The copy of one row of the regular-grid loop out of the cube
 // of the extended mesh, several cells at a time on a vector target
 // (base/vector_target.hpp).
 #pragma once
@@ -10,13 +10,13 @@ namespace quolvent {
 
 // grid_copy_in: the datum's sub-block of the cube (cube points at its first
 // column; lines of y and columns of x at their strides, nz values a column),
-// the column tops top[j + i*ny], and the weighting wtz (one per row cell).
+// the column tops top[j + i*ny], and the cell weights (one per row cell).
 struct grid_copy_in {
   const double* cube;
   std::size_t line_stride, col_stride;
   const int32_t* top;
   int32_t ny, nx, nz;
-  const double* wtz;
+  const double* weights;
 };
 
 // grid_copy_row

@@ -1,4 +1,4 @@
-// PRISM_LANES: the cache fill and the prism formula, several cells at a time.
+// The cache fill and the prism formula, several cells at a time.
 // This file is compiled once per vector target (Highway's foreach_target).
 //
 // Every lane does exactly the arithmetic of the one-cell formula

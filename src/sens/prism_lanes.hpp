@@ -1,4 +1,4 @@
-// PRISM_LANES: the two loops of a row that hold its cost, run several values
+// The two loops of a row that hold its cost, run several values
 // at a time on a vector target (see vector_math.hpp): the per-node fill of
 // the arctangent cache, along each vertical node line of a plane of nodes,
 // and the prism formula down each column of a row of columns.
@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "sens/gsus_mod.hpp"
+#include "sens/field_directions.hpp"
 
 namespace quolvent {
 
@@ -65,7 +65,7 @@ struct prism_row_in {
   double oy, ox;
   double edge_sq;  // edge_guard_sq of the length scale
   double scale;    // geomag / (4 pi)
-  dir_products dir;
+  direction_products dir;
 };
 
 // flagged_cell: a cell the vector loop leaves to the one-cell formula: its

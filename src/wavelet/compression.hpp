@@ -9,26 +9,26 @@
 
 namespace quolvent {
 
-// wtn_filters: the low-pass and high-pass filters of the transform and the
+// transform_filters: the low-pass and high-pass filters of the transform and the
 // offset of their first tap.
-struct wtn_filters {
-  std::vector<double> cc;  // low-pass
-  std::vector<double> cr;  // high-pass
-  int32_t ncof = 0;
-  int32_t ioff = 0;
+struct transform_filters {
+  std::vector<double> low_pass;
+  std::vector<double> high_pass;
+  int32_t filter_length = 0;
+  int32_t tap_offset = 0;
 };
 
 // compression: what every compressed row shares, set once by
 // setup_compression and read-only after.
 struct compression {
   bool compressed = false;         // a wavelet is in use
-  int32_t ncof = 0;                // filter length, 0 for none
-  std::vector<double> filter;      // ncof unit-norm coefficients
-  wtn_filters flt;                 // the filters the transform applies
+  int32_t filter_length = 0;       // filter length, 0 for none
+  std::vector<double> filter;      // filter_length unit-norm coefficients
+  transform_filters filters;       // the filters the transform applies
   int32_t ny = 0, nx = 0, nz = 0;  // the mesh extents the cube holds
-  int32_t nyp = 0, nxp = 0, nzp = 0;  // padded extents (0 when none)
-  int64_t ncube = 0;                  // nyp * nxp * nzp
-  double wctol_surface = 0.0, wctol_borehole = 0.0;  // relative thresholds
+  int32_t padded_ny = 0, padded_nx = 0, padded_nz = 0;       // padded extents (0 when none)
+  int64_t cube_size = 0;                                     // padded_ny * padded_nx * padded_nz
+  double threshold_surface = 0.0, threshold_borehole = 0.0;  // relative thresholds
   // Coefficients the sample row of each kind keeps at its threshold (the
   // expected count per row of that kind); -1 where no estimate was made.
   int64_t kept_surface = -1, kept_borehole = -1;
@@ -66,8 +66,8 @@ using float_matrix = std::vector<float, uninit_allocator<float>>;
 
 // matrix_store: the rows of the matrix, one of the two forms in use.
 struct matrix_store {
-  std::vector<compressed_row> g_compressed;  // one record per datum
-  float_matrix g_full;                       // n x ndata, row i at [(i-1)*n]
+  std::vector<compressed_row> compressed_rows;  // one record per datum
+  float_matrix full_rows;                       // n x ndata, row i at [(i-1)*n]
 };
 
 }  // namespace quolvent

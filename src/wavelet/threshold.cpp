@@ -13,7 +13,7 @@
 #include "base/stop.hpp"
 #include "base/text_io.hpp"
 #include "wavelet/wavelet_filters.hpp"
-#include "wavelet/wtn_mod.hpp"
+#include "wavelet/transform.hpp"
 
 namespace quolvent {
 
@@ -26,21 +26,22 @@ namespace {
 // sample_datum: the 1-based number of the datum of this kind nearest to the
 // centre of the mesh (borehole data also by depth); 0 when there is none.
 int32_t sample_datum(const mesh_model& mesh, const obs_set& obs,
-                     const std::vector<datum_kind>& obs_type, datum_kind kind) {
+                     const std::vector<datum_kind>& datum_kinds, datum_kind kind) {
   const double yc = mesh.yn[static_cast<std::size_t>(mesh.ny / 2)];
   const double xc = mesh.xn[static_cast<std::size_t>(mesh.nx / 2)];
   // With fewer than two layers there is no middle node; the top one serves.
   const double zc = mesh.zn[static_cast<std::size_t>(mesh.nz >= 2 ? mesh.nz / 2 - 1 : 0)];
   double best = 1e21;
   int32_t pick = 0;
-  const std::size_t nd = std::min(obs_type.size(), static_cast<std::size_t>(std::max(obs.ndata, 0)));
+  const std::size_t nd =
+      std::min(datum_kinds.size(), static_cast<std::size_t>(std::max(obs.ndata, 0)));
   for (std::size_t i = 0; i < nd; ++i) {
-    if (obs_type[i] != kind) continue;
-    const double dy = yc - obs.obs_y[i];
-    const double dx = xc - obs.obs_x[i];
+    if (datum_kinds[i] != kind) continue;
+    const double dy = yc - obs.northing[i];
+    const double dx = xc - obs.easting[i];
     double d = dy * dy + dx * dx;
     if (kind == datum_kind::borehole) {
-      const double dz = obs.obs_z[i] + zc - mesh.z0;
+      const double dz = obs.elevation[i] + zc - mesh.z0;
       d += dz * dz;
     }
     if (d < best) {
@@ -53,10 +54,10 @@ int32_t sample_datum(const mesh_model& mesh, const obs_set& obs,
 
 }  // namespace
 
-double wctol(const compression& c, const active_cells& cells, const double* row, int32_t n,
-             double eps, const run_log& out, int64_t* kept_count) {
-  const int64_t ncube = c.ncube;
-  const std::size_t nc = static_cast<std::size_t>(ncube);
+double relative_threshold(const compression& c, const active_cells& cells, const double* row,
+                          int32_t n, double eps, const run_log& out, int64_t* kept_count) {
+  const int64_t cube_size = c.cube_size;
+  const std::size_t nc = static_cast<std::size_t>(cube_size);
   std::vector<double> y;
   {
     std::vector<double> x;
@@ -71,7 +72,7 @@ double wctol(const compression& c, const active_cells& cells, const double* row,
     transform_cube(c, x.data(), +1, lines);
     for (std::size_t i = 0; i < nc; ++i) y[i] = x[i] * x[i];
   }
-  hpsort(y.data(), ncube);
+  hpsort(y.data(), cube_size);
 
   // Relative energy: the strongest coefficient is 1. Summed smallest first.
   const double top = nc > 0 ? y[nc - 1] : 0.0;
@@ -159,14 +160,14 @@ void estimate_thresholds(const compression& c, const survey& s, const std::strin
   std::vector<double> row;
   assign_or_stop(row, static_cast<std::size_t>(n > 0 ? n : 0), 0.0, "setup_compression");
   for (datum_kind kind : {datum_kind::surface, datum_kind::borehole}) {
-    const int32_t idat = sample_datum(s.mesh, s.obs, s.obs_type, kind);
+    const int32_t idat = sample_datum(s.mesh, s.obs, s.datum_kinds, kind);
     if (idat == 0) continue;
     out.report_log({"", kind == datum_kind::surface ? "    Sensitivity of surface  data:"
                                                     : "    Sensitivity of borehole data:"});
     sample_row(idat, row);
-    for (std::size_t i = 0; i < row.size(); ++i) row[i] /= s.wtz[i];
-    const double t = wctol(c, s.cells, row.data(), n, eps, out,
-                           kind == datum_kind::surface ? kept_surface : kept_borehole);
+    for (std::size_t i = 0; i < row.size(); ++i) row[i] /= s.weights[i];
+    const double t = relative_threshold(c, s.cells, row.data(), n, eps, out,
+                                        kind == datum_kind::surface ? kept_surface : kept_borehole);
     if (kind == datum_kind::surface) {
       surface = t;
     } else {
@@ -179,14 +180,14 @@ compression setup_compression(const survey& s, const std::string& wavelet,
                               const std::string& eps_line, const sample_row_fn& sample_row,
                               const run_log& out, bool estimate) {
   compression c;
-  check_wavelet(wavelet, c.filter, c.ncof, out);
-  if (c.ncof > 0) set_padded_extents(s.mesh, c);
-  c.compressed = c.ncof >= 1;
+  check_wavelet(wavelet, c.filter, c.filter_length, out);
+  if (c.filter_length > 0) set_padded_extents(s.mesh, c);
+  c.compressed = c.filter_length >= 1;
   if (c.compressed) {
-    c.flt = set_filters(c.filter, c.ncof);
+    c.filters = set_filters(c.filter, c.filter_length);
     if (estimate)
-      estimate_thresholds(c, s, eps_line, sample_row, out, c.wctol_surface, c.wctol_borehole,
-                          &c.kept_surface, &c.kept_borehole);
+      estimate_thresholds(c, s, eps_line, sample_row, out, c.threshold_surface,
+                          c.threshold_borehole, &c.kept_surface, &c.kept_borehole);
   }
   return c;
 }
@@ -195,13 +196,13 @@ matrix_store make_matrix_store(const compression& c, int32_t n, int32_t ndata) {
   matrix_store store;
   const std::size_t nd = static_cast<std::size_t>(ndata > 0 ? ndata : 0);
   if (c.compressed) {
-    assign_or_stop(store.g_compressed, nd, compressed_row{}, "setup_compression");
+    assign_or_stop(store.compressed_rows, nd, compressed_row{}, "setup_compression");
     return store;
   }
   const std::size_t len = static_cast<std::size_t>(n > 0 ? n : 0);
   bool ok = true;
   try {
-    store.g_full.resize(len * nd);
+    store.full_rows.resize(len * nd);
   } catch (const std::bad_alloc&) {
     ok = false;
   } catch (const std::length_error&) {

@@ -34,9 +34,9 @@ compression setup_compression(const survey& s, const std::string& wavelet,
 
 // make_matrix_store
 // Given: the compression record, the row length n, ndata.
-// Returns: ndata empty records when compressed, else g_full of n x ndata
+// Returns: ndata empty records when compressed, else full_rows of n x ndata
 //   (each element written by the row loops).
-// Fails: no memory for the records: "setup_compression"; for g_full: its own
+// Fails: no memory for the records: "setup_compression"; for full_rows: its own
 //   message and a stop.
 matrix_store make_matrix_store(const compression& c, int32_t n, int32_t ndata);
 
@@ -50,16 +50,16 @@ matrix_store make_matrix_store(const compression& c, int32_t n, int32_t ndata);
 //   kept_surface / kept_borehole, when given, get the count of coefficients
 //   each estimate's sample row keeps (left alone where none is made).
 // Fails: an unreadable field (no eps included), an itol other than 1 or 2, an
-//   eps of 0 or below with itol 1, and the stops of wctol; each with its
+//   eps of 0 or below with itol 1, and the stops of relative_threshold; each with its
 //   message and a stop.
 void estimate_thresholds(const compression& c, const survey& s, const std::string& eps_line,
                          const sample_row_fn& sample_row, const run_log& out,
-                         double& wctol_surface, double& wctol_borehole,
+                         double& threshold_surface, double& threshold_borehole,
                          int64_t* kept_surface = nullptr, int64_t* kept_borehole = nullptr);
 
-// wctol
+// relative_threshold
 // Given: the compression record (filters and padded extents set) and the
-//   active cells; a row of n values (already divided by wtz) and the relative
+//   active cells; a row of n values (already divided by weights) and the relative
 //   accuracy eps.
 // Returns: the relative threshold (to the largest coefficient) that drops
 //   just the share of the energy that eps allows, read off the energy curve
@@ -72,7 +72,7 @@ void estimate_thresholds(const compression& c, const survey& s, const std::strin
 // Fails: the accuracy is out of reach already at the first point, or eps is
 //   not above 0: log message and stop. A row without any finite nonzero
 //   value: message and stop. No memory: the allocation stop "wctol".
-double wctol(const compression& c, const active_cells& cells, const double* row, int32_t n,
-             double eps, const run_log& out, int64_t* kept = nullptr);
+double relative_threshold(const compression& c, const active_cells& cells, const double* row,
+                          int32_t n, double eps, const run_log& out, int64_t* kept = nullptr);
 
 }  // namespace quolvent

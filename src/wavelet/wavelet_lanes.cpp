@@ -1,4 +1,4 @@
-// WAVELET_LANES: filtering many lines at once, the largest magnitude and the
+// Filtering many lines at once, the largest magnitude and the
 // packing of the kept coefficients. Compiled once per vector target
 // (Highway's foreach_target).
 #undef HWY_TARGET_INCLUDE
@@ -52,20 +52,25 @@ struct step_taps {
   V cv[max_taps], rv[max_taps];
   const double *cc, *cr;
   int64_t h, mask, base;
-  step_taps(lanes_tag d, const wtn_filters& f, int64_t n)
-      : nc(NC > 0 ? NC : f.ncof), lanes(hn::Lanes(d)), cc(f.cc.data()), cr(f.cr.data()),
-        h(n / 2), mask(n - 1), base(static_cast<int64_t>(nc) * n + f.ioff) {
+  step_taps(lanes_tag d, const transform_filters& f, int64_t n)
+      : nc(NC > 0 ? NC : f.filter_length),
+        lanes(hn::Lanes(d)),
+        cc(f.low_pass.data()),
+        cr(f.high_pass.data()),
+        h(n / 2),
+        mask(n - 1),
+        base(static_cast<int64_t>(nc) * n + f.tap_offset) {
     for (int32_t k = 0; k < nc; ++k) cv[k] = hn::Set(d, cc[k]), rv[k] = hn::Set(d, cr[k]);
   }
 };
 
 // StepForward: one forward step on n positions of src, the smooth half to
 // lo, the detail half to hi (rows at their own strides). Output pair i takes
-// taps k = 1..nc at the periodic positions (nc n + ioff + 2 i + 1 + k) mod n,
-// each sum from 0 in tap order, as PWT; a tap at a position p >= m (0
+// taps k = 1..nc at the periodic positions (nc n + tap_offset + 2 i + 1 + k) mod n,
+// each sum from 0 in tap order, as filter_step; a tap at a position p >= m (0
 // there) is passed over, which leaves the sum's bits as they are.
 template <int NC>
-HWY_INLINE void StepForward(const wtn_filters& f, const double* src, std::size_t stride,
+HWY_INLINE void StepForward(const transform_filters& f, const double* src, std::size_t stride,
                             std::size_t width, int64_t n, int64_t m, double* lo_dst,
                             std::size_t lo_stride, double* hi_dst, std::size_t hi_stride) {
   const lanes_tag d;
@@ -117,8 +122,8 @@ HWY_INLINE void StepForward(const wtn_filters& f, const double* src, std::size_t
 // space and writes its detail half straight to a, the last one its smooth
 // half too. tmp: n * width values, two halves used in turn.
 template <int NC>
-HWY_INLINE void Forward(const wtn_filters& f, double* a, std::size_t stride, std::size_t width,
-                        int64_t n, int64_t m, double* tmp) {
+HWY_INLINE void Forward(const transform_filters& f, double* a, std::size_t stride,
+                        std::size_t width, int64_t n, int64_t m, double* tmp) {
   double* half[2] = {tmp, tmp + static_cast<std::size_t>(n / 2) * width};
   const double* src = a;
   std::size_t src_stride = stride;
@@ -142,11 +147,11 @@ HWY_INLINE void Forward(const wtn_filters& f, double* a, std::size_t stride, std
   }
 }
 
-// StepInverse: one inverse step on n positions, as PWT: from 0, each pair
+// StepInverse: one inverse step on n positions, as filter_step: from 0, each pair
 // i adds cc p + cr q to its taps' positions, pairs and taps in order.
 template <int NC>
-HWY_INLINE void StepInverse(const wtn_filters& f, double* a, std::size_t stride, std::size_t width,
-                            int64_t n, double* tmp) {
+HWY_INLINE void StepInverse(const transform_filters& f, double* a, std::size_t stride,
+                            std::size_t width, int64_t n, double* tmp) {
   const lanes_tag d;
   const step_taps<NC> t(d, f, n);
   const int32_t nc = t.nc;
@@ -178,8 +183,8 @@ HWY_INLINE void StepInverse(const wtn_filters& f, double* a, std::size_t stride,
 }
 
 template <int NC>
-HWY_INLINE void AllSteps(const wtn_filters& f, double* a, std::size_t stride, std::size_t width,
-                         int64_t n, int64_t m, bool forward, double* tmp) {
+HWY_INLINE void AllSteps(const transform_filters& f, double* a, std::size_t stride,
+                         std::size_t width, int64_t n, int64_t m, bool forward, double* tmp) {
   if (forward) {
     Forward<NC>(f, a, stride, width, n, m, tmp);
   } else {
@@ -187,10 +192,10 @@ HWY_INLINE void AllSteps(const wtn_filters& f, double* a, std::size_t stride, st
   }
 }
 
-void LinesTransform(const wtn_filters& f, double* a, std::size_t stride, std::size_t width,
+void LinesTransform(const transform_filters& f, double* a, std::size_t stride, std::size_t width,
                     int64_t n, int64_t m, bool forward, double* tmp) {
-  if (n < 4 || width == 0 || f.ncof < 1 || f.ncof > max_taps) return;
-  switch (f.ncof) {
+  if (n < 4 || width == 0 || f.filter_length < 1 || f.filter_length > max_taps) return;
+  switch (f.filter_length) {
     case 2: AllSteps<2>(f, a, stride, width, n, m, forward, tmp); break;
     case 4: AllSteps<4>(f, a, stride, width, n, m, forward, tmp); break;
     case 6: AllSteps<6>(f, a, stride, width, n, m, forward, tmp); break;
@@ -206,17 +211,17 @@ void LinesTransform(const wtn_filters& f, double* a, std::size_t stride, std::si
 // vectors of D; nt / 2 is a multiple of D's lanes. The input, periodically
 // extended, is first split into the values at even and at odd offsets from
 // the first tap, so that tap k of consecutive pairs lies at consecutive
-// places of one of them; each sum runs from 0 in tap order, as PWT.
+// places of one of them; each sum runs from 0 in tap order, as filter_step.
 template <int NC, class D>
-HWY_INLINE void ColumnStep(D d, const wtn_filters& f, const double* v, int64_t nt, double* lo_out,
-                           double* hi_out, double* ev, double* od) {
+HWY_INLINE void ColumnStep(D d, const transform_filters& f, const double* v, int64_t nt,
+                           double* lo_out, double* hi_out, double* ev, double* od) {
   using VD = hn::Vec<D>;
   const int64_t lanes = static_cast<int64_t>(hn::Lanes(d));
-  const int32_t nc = NC > 0 ? NC : f.ncof;
-  const double* cc = f.cc.data();
-  const double* cr = f.cr.data();
+  const int32_t nc = NC > 0 ? NC : f.filter_length;
+  const double* cc = f.low_pass.data();
+  const double* cr = f.high_pass.data();
   const int64_t h = nt / 2, mask = nt - 1;
-  const int64_t first = (static_cast<int64_t>(nc) * nt + f.ioff + 2) % nt;  // pair 0, tap 0
+  const int64_t first = (static_cast<int64_t>(nc) * nt + f.tap_offset + 2) % nt;  // pair 0, tap 0
   const int64_t count = h + (nc + 1) / 2;
   // ev[j] = v[(first + 2j) mod nt], od[j] = v[(first + 2j + 1) mod nt]: whole
   // vectors up to the end of the line, then the wrap one by one.
@@ -249,9 +254,9 @@ constexpr int64_t margin_room = 32;
 struct margins {
   int64_t first_tap, left, right;
 };
-inline margins margins_of(const wtn_filters& f) {
-  const int64_t first = static_cast<int64_t>(f.ioff) + 2;
-  return {first, std::max<int64_t>(0, -first), std::max<int64_t>(0, first + f.ncof - 2)};
+inline margins margins_of(const transform_filters& f) {
+  const int64_t first = static_cast<int64_t>(f.tap_offset) + 2;
+  return {first, std::max<int64_t>(0, -first), std::max<int64_t>(0, first + f.filter_length - 2)};
 }
 
 // WideStep: one forward step of a line src of nt values whose margins are
@@ -260,18 +265,18 @@ inline margins margins_of(const wtn_filters& f) {
 // places of the 2 * lanes values from the pairs' first tap + 2q, taken
 // apart in registers. The smooth half goes to lo_dst with its own margins
 // (for the next step), the detail half to hi_dst. Each sum runs from 0 in
-// tap order, as PWT. The margins are stored as soon as their values are
+// tap order, as filter_step. The margins are stored as soon as their values are
 // made and read as late as can be (the pair whose taps reach the left margin
 // last), so that no load waits on a store still in flight.
 template <int NC>
-HWY_INLINE void WideStep(const wtn_filters& f, const margins& mg, const double* src, int64_t nt,
-                         double* lo_dst, double* hi_dst) {
+HWY_INLINE void WideStep(const transform_filters& f, const margins& mg, const double* src,
+                         int64_t nt, double* lo_dst, double* hi_dst) {
   const lanes_tag d;
   const int64_t lanes = static_cast<int64_t>(hn::Lanes(d));
-  const int32_t nc = NC > 0 ? NC : f.ncof;
+  const int32_t nc = NC > 0 ? NC : f.filter_length;
   const int32_t npairs = (nc + 1) / 2;
-  const double* cc = f.cc.data();
-  const double* cr = f.cr.data();
+  const double* cc = f.low_pass.data();
+  const double* cr = f.high_pass.data();
   const int64_t h = nt / 2;
   const bool left_first = mg.left > 0;
   for (int64_t c = 0; c < h; c += lanes) {
@@ -304,7 +309,7 @@ HWY_INLINE void WideStep(const wtn_filters& f, const margins& mg, const double* 
 // the first one, so it is overwritten); the short ones (8 values and less)
 // through ColumnStep on narrower vectors.
 template <int NC>
-HWY_INLINE void ColumnForward(const wtn_filters& f, double* v, int64_t n, double* out,
+HWY_INLINE void ColumnForward(const transform_filters& f, double* v, int64_t n, double* out,
                               double* other, double* ev, double* od) {
   const lanes_tag d;
   const hn::CappedTag<double, 4> d4;
@@ -329,7 +334,7 @@ HWY_INLINE void ColumnForward(const wtn_filters& f, double* v, int64_t n, double
   }
 }
 
-void ColumnsForward(const wtn_filters& f, const double* row, const int32_t* map,
+void ColumnsForward(const transform_filters& f, const double* row, const int32_t* map,
                     const double* plain, int32_t ncols, int32_t nz, int64_t zp, double* out,
                     double* work) {
   const std::size_t lz = static_cast<std::size_t>(zp);
@@ -362,14 +367,14 @@ void ColumnsForward(const wtn_filters& f, const double* row, const int32_t* map,
       }
     }
     for (std::size_t p = static_cast<std::size_t>(nz); p < lz; ++p) ext[p] = 0.0;
-    // A line of zeros stays as it is, as WTN leaves it.
+    // A line of zeros stays as it is, as transform_3d leaves it.
     if (!any || zp <= 4) {
       std::memcpy(col, ext, lz * sizeof(double));
       continue;
     }
     for (int64_t k = 0; k < mg.left; ++k) ext[-1 - k] = ext[zp - 1 - k];
     for (int64_t k = 0; k < mg.right; ++k) ext[zp + k] = ext[k];
-    switch (f.ncof) {
+    switch (f.filter_length) {
       case 2: ColumnForward<2>(f, ext, zp, col, other, ev, od); break;
       case 4: ColumnForward<4>(f, ext, zp, col, other, ev, od); break;
       case 6: ColumnForward<6>(f, ext, zp, col, other, ev, od); break;
@@ -486,15 +491,15 @@ QUOLVENT_EXPORT(CopyRowsMax)
 QUOLVENT_EXPORT(ColumnsForward)
 QUOLVENT_EXPORT(PackKept)
 
-void lines_transform(int64_t target, const wtn_filters& f, double* a, std::size_t stride,
+void lines_transform(int64_t target, const transform_filters& f, double* a, std::size_t stride,
                      std::size_t width, int64_t n, int64_t m, bool forward, double* tmp) {
   LinesTransform_for(dispatch_index(target))(f, a, stride, width, n, m, forward,
                                                              tmp);
 }
 
-void columns_forward(int64_t target, const wtn_filters& f, const double* row,
-                     const int32_t* map, const double* plain, int32_t ncols, int32_t nz,
-                     int64_t zp, double* out, double* work) {
+void columns_forward(int64_t target, const transform_filters& f, const double* row,
+                     const int32_t* map, const double* plain, int32_t ncols, int32_t nz, int64_t zp,
+                     double* out, double* work) {
   ColumnsForward_for(dispatch_index(target))(f, row, map, plain, ncols, nz, zp,
                                                              out, work);
 }

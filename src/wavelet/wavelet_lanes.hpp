@@ -1,8 +1,8 @@
-// WAVELET_LANES: the loops of the transform and of row compression, several
+// The loops of the transform and of row compression, several
 // values at a time on a vector target (base/vector_target.hpp).
 //
 // The filtering does, for every value, the multiplications and additions of
-// PWT in PWT's order, without fused multiply-adds: the coefficients are the
+// filter_step in filter_step's order, without fused multiply-adds: the coefficients are the
 // same to the last bit on every target.
 #pragma once
 
@@ -20,11 +20,11 @@ namespace quolvent {
 //            4); m: on a forward transform's first step only positions p < m
 //            are read, the others count as 0 and may hold anything; forward
 //            or inverse; tmp, n * width values of work space.
-//   Returns: every line transformed in place by all the steps of WTN along
+//   Returns: every line transformed in place by all the steps of transform_3d along
 //            one axis (forward n down to 4, inverse 4 up to n): each value
-//            the one PWT gives, bit for bit.
+//            the one filter_step gives, bit for bit.
 //   Fails:   never.
-void lines_transform(int64_t target, const wtn_filters& f, double* a, std::size_t stride,
+void lines_transform(int64_t target, const transform_filters& f, double* a, std::size_t stride,
                      std::size_t width, int64_t n, int64_t m, bool forward, double* tmp);
 
 // columns_forward
@@ -33,12 +33,12 @@ void lines_transform(int64_t target, const wtn_filters& f, double* a, std::size_
 //            0) or, with map nullptr, plain[c nz + k]; zp >= nz, the padded
 //            extent; out, ncols * zp values; work, 2 zp + 320 values.
 //   Returns: out[c zp ...] holds column c padded with zeros to zp and
-//            transformed forward along its length (zp > 4), the values PWT
-//            gives; a column of zeros is left as it is, as WTN leaves it.
+//            transformed forward along its length (zp > 4), the values filter_step
+//            gives; a column of zeros is left as it is, as transform_3d leaves it.
 //   Fails:   never.
-void columns_forward(int64_t target, const wtn_filters& f, const double* row,
-                     const int32_t* map, const double* plain, int32_t ncols, int32_t nz,
-                     int64_t zp, double* out, double* work);
+void columns_forward(int64_t target, const transform_filters& f, const double* row,
+                     const int32_t* map, const double* plain, int32_t ncols, int32_t nz, int64_t zp,
+                     double* out, double* work);
 
 // copy_rows_max: n rows of width values from src to dst (rows at their own
 // strides); returns the largest magnitude copied (NaN passed over).

@@ -86,9 +86,10 @@ TEST(DataFile, CommentsBlankLinesExtraColumnsAndBothDirections) {
   EXPECT_EQ(r.screen + r.log, "");
   EXPECT_EQ((vv{{o.incl, o.decl, o.geomag, o.aincl, o.adecl, 1.0 * o.idir, 1.0 * o.ndata}}),
             (vv{{60, -10, 50000, 45, 5, 1, 2}}));
-  EXPECT_EQ((vv{o.obs_x, o.obs_y, o.obs_z, o.obs_aincl}), (vv{{1, 4}, {2, 5}, {3, -90}, {}}));
+  EXPECT_EQ((vv{o.easting, o.northing, o.elevation, o.datum_aincl}),
+            (vv{{1, 4}, {2, 5}, {3, -90}, {}}));
   ASSERT_FALSE(run("60 -10 50000\n0 0 0\n2\n1 2 3 80 -5 99\n4 5 6 70 15\n", read).stopped);
-  EXPECT_EQ((vv{o.obs_aincl, o.obs_adecl}), (vv{{80, 70}, {-5, 15}}));
+  EXPECT_EQ((vv{o.datum_aincl, o.datum_adecl}), (vv{{80, 70}, {-5, 15}}));
 }
 
 // Each reader's failures: the stop, with the same report on screen and log.
@@ -153,8 +154,8 @@ outcome classify(const std::vector<std::array<double, 3>>& xyz, std::vector<int3
   for (const auto& p : xyz) qt::add_datum(obs, p[0], p[1], p[2]);
   return run("", [&](const run_log& out) {
     const auto split = classify_data(mesh, mesh_length_scale(mesh), obs, {2, 2, 0, 0, 4, 1}, out);
-    for (datum_kind k : split.obs_type) kinds.push_back(static_cast<int32_t>(k));
-    kinds.push_back(static_cast<int32_t>(split.data_kind));
+    for (datum_kind k : split.datum_kinds) kinds.push_back(static_cast<int32_t>(k));
+    kinds.push_back(static_cast<int32_t>(split.survey_kind));
   });
 }
 

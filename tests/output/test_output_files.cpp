@@ -48,13 +48,15 @@ TEST(MatrixFile, ChainedFileReadsBackAndItsSizeIsKnownAhead) {
   obs_set obs = qt::field(90, 0, 90, 0);
   for (int i = 0; i < 3; ++i) qt::add_datum(obs, 0.0, 110.0 + 5 * i, 51.0);
   const std::vector<int32_t> tops{0, 1, 0, 2, 0, 0, 1, 0, 0, 2, 0, 0};  // 30 cells below
-  const std::vector<double> wtz(30, 2.0), sq(30, 3.5);
-  const auto s = qt::make_survey(qt::uniform_mesh(4, 3, 3, 5, 10, 2, -10, 100, 50), obs, tops, wtz);
+  const std::vector<double> weights(30, 2.0), sq(30, 3.5);
+  const auto s =
+      qt::make_survey(qt::uniform_mesh(4, 3, 3, 5, 10, 2, -10, 100, 50), obs, tops, weights);
   compression c;
-  c.compressed = true, c.ncof = 4, c.nyp = c.nxp = c.nzp = 4, c.filter = {0.48, 0.83, 0.22, -0.12};
+  c.compressed = true, c.filter_length = 4, c.padded_ny = c.padded_nx = c.padded_nz = 4,
+  c.filter = {0.48, 0.83, 0.22, -0.12};
   matrix_store store;
   for (int i = 0; i < 3; ++i) {
-    compressed_row& g = store.g_compressed.emplace_back();
+    compressed_row& g = store.compressed_rows.emplace_back();
     for (int k = 0; k < 3 * i; ++k) g.idx.push_back(1 + 2 * k + i), g.val.push_back(0.25f * k - i);
   }
   write_matrix("dulmarok.mtx", s, c, store, 1, sq, cap.out, 10);
@@ -65,15 +67,18 @@ TEST(MatrixFile, ChainedFileReadsBackAndItsSizeIsKnownAhead) {
   std::vector<std::string> want{
       i32(3) + i32(30) + i32(3) + i32(4) + i32(3),
       bytes(s.mesh.yn) + bytes(s.mesh.xn) + bytes(s.mesh.zn) + bytes(std::vector{50.0}),
-      bytes(tops), i32(4) + bytes(c.filter), i32(4) + i32(4) + i32(4), i32(1) + bytes(wtz)};
-  for (const compressed_row& g : store.g_compressed)
+      bytes(tops),
+      i32(4) + bytes(c.filter),
+      i32(4) + i32(4) + i32(4),
+      i32(1) + bytes(weights)};
+  for (const compressed_row& g : store.compressed_rows)
     want.push_back(i32(g.idx.size()) + bytes(g.idx) + bytes(g.val));
   want.push_back(bytes(sq));
   EXPECT_EQ(recs, want);
   const row_payload_fn kept = [](int32_t i) { return compressed_row_payload(3 * i); };
   EXPECT_EQ(matrix_file_bytes(s, c, kept, 10), static_cast<int64_t>(rd.bytes.size()));
   const compression none;  // uncompressed, in frames of every record's size
-  store.g_full.assign(30 * 3, 0.5f);
+  store.full_rows.assign(30 * 3, 0.5f);
   write_matrix("u.mtx", s, none, store, 1, sq, cap.out);
   const auto u = static_cast<int64_t>(file_bytes("u.mtx").size());
   EXPECT_EQ(matrix_file_bytes(s, none, [&](int32_t) { return uncompressed_row_payload(s.n); }), u);

@@ -66,7 +66,7 @@ def test_summary_and_attributes(runs):
     assert m.mesh.z0 == nodes[-1] == 100.0
     assert np.array_equal(m.top_index, np.frombuffer(recs[2], "<i4").reshape(nx, ny).T)
     assert np.array_equal(m.weights, np.full(n, 2.0))
-    assert np.array_equal(m.sens_sq, np.frombuffer(recs[-1], "<f8"))
+    assert np.array_equal(m.squared_sensitivity, np.frombuffer(recs[-1], "<f8"))
     assert (m.compressed, m.wavelet, m.nnz, s["wavelet"]) == (True, "daub2", s["nnz"], "daub2")
     _, sf, mf = runs["full"]
     assert (mf.compressed, mf.wavelet, mf.nnz, sf["nnz"]) == (False, "NONE", n * ndata, n * ndata)

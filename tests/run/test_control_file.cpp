@@ -28,7 +28,7 @@ TEST(ControlFile, FieldsFollowTheLineRules) {
       cap);
   EXPECT_EQ(std::tie(p.mesh_file, p.obs_file, p.topo_file, p.weight_file, p.wavelet, p.eps_line),
             std::make_tuple("mesh.txt", "  obs.mag", "", "VALUE 2.5", "daub2", "1 0.05"));
-  EXPECT_TRUE(p.diag_flag);
+  EXPECT_TRUE(p.write_diagnostics);
   EXPECT_EQ(cap.screen(), "");
 }
 

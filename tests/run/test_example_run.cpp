@@ -43,7 +43,7 @@ struct example_run {
 
 }  // namespace
 
-TEST(ExampleRun, UncompressedRowsMatchTheRowKernel) {
+TEST(ExampleRun, UncompressedRowsMatchEachDatumsRow) {
   example_run r("NONE");
   EXPECT_TRUE(r.has("sensitivity.txt"));
   EXPECT_FALSE(r.has("sensitivity_compressed.txt") || r.has("data_compressed.txt"));

@@ -14,7 +14,7 @@
 #include "model/observations.hpp"
 #include "support/layout_runs.hpp"
 #include "support/matrix_reader.hpp"
-#include "wavelet/wtn_mod.hpp"
+#include "wavelet/transform.hpp"
 
 using namespace quolvent;
 
@@ -55,8 +55,8 @@ TEST(RowError, LogLinesAgreeWithTheStoredRows) {
   ASSERT_EQ(ndata, 72);
   ASSERT_EQ(recs.size(), 7u + static_cast<std::size_t>(ndata));
   const std::vector<int32_t> top = values_of<int32_t>(recs[2], 0, 14 * 12);
-  const int32_t ncof = values_of<int32_t>(recs[3], 0, 1)[0];
-  const std::vector<double> wtz = values_of<double>(recs[5], 4, static_cast<std::size_t>(n));
+  const int32_t filter_length = values_of<int32_t>(recs[3], 0, 1)[0];
+  const std::vector<double> weights = values_of<double>(recs[5], 4, static_cast<std::size_t>(n));
 
   // The mesh and data as the program reads them; the transform of the file's
   // filter over the cube of the file's extents.
@@ -65,19 +65,20 @@ TEST(RowError, LogLinesAgreeWithTheStoredRows) {
   const obs_set obs = read_data_file(dir.file("obs.mag"));
   const active_cells cells = get_active_cells("null", mesh, top, quiet);
   ASSERT_EQ(cells.nactive, n);
-  compression cmp{.compressed = true, .ncof = ncof};
-  cmp.filter = values_of<double>(recs[3], 4, static_cast<std::size_t>(ncof));
-  cmp.flt = set_filters(cmp.filter, ncof);
+  compression cmp{.compressed = true, .filter_length = filter_length};
+  cmp.filter = values_of<double>(recs[3], 4, static_cast<std::size_t>(filter_length));
+  cmp.filters = set_filters(cmp.filter, filter_length);
   set_padded_extents(mesh, cmp);
-  EXPECT_EQ(values_of<int32_t>(recs[4], 0, 3), (std::vector<int32_t>{cmp.nyp, cmp.nxp, cmp.nzp}));
+  EXPECT_EQ(values_of<int32_t>(recs[4], 0, 3),
+            (std::vector<int32_t>{cmp.padded_ny, cmp.padded_nx, cmp.padded_nz}));
 
   line_buffers lb;
-  std::vector<double> cube(static_cast<std::size_t>(cmp.ncube));
+  std::vector<double> cube(static_cast<std::size_t>(cmp.cube_size));
   double sum = 0.0, worst = 0.0;
   int64_t total = 0;
   for (int32_t i = 1; i <= ndata; ++i) {
     std::vector<double> g = qt::kernel_row(mesh, obs, top, i, quiet);
-    for (int32_t k = 0; k < n; ++k) g[k] /= wtz[k];
+    for (int32_t k = 0; k < n; ++k) g[k] /= weights[k];
     row_to_cube(cmp, cells, g.data(), n, cube.data());
     transform_cube(cmp, cube.data(), +1, lb);
     const std::string& rec = recs[5 + static_cast<std::size_t>(i)];

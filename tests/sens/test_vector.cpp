@@ -12,8 +12,8 @@
 #include <vector>
 
 #include "sens/grid_copy.hpp"
-#include "sens/gsus_mod.hpp"
-#include "sens/gsus_no_atan_mod.hpp"
+#include "sens/field_directions.hpp"
+#include "sens/prism_row.hpp"
 #include "sens/vector_math.hpp"
 #include "support/test_support.hpp"
 
@@ -21,11 +21,7 @@ using namespace quolvent;
 
 namespace {
 
-dir_products directions() {
-  dir_products d;
-  SET_G_VALUES(63, 17, 71, -28, d);
-  return d;
-}
+direction_products directions() { return field_directions(63, 17, 71, -28); }
 
 }  // namespace
 
@@ -95,8 +91,8 @@ TEST(PrismLanes, EveryCellAsIfAlone) {
       const double oy = points[p][0], ox = points[p][1], oz = points[p][2];
       qt::capture cap;
       std::vector<double> g(glen, -1.0);
-      sens_row(ws, 50000, yn.data(), xn.data(), zn.data(), ny, nx, nz, top.data(), 3, oy, ox, oz,
-               g.data(), glen, cap.out);
+      prism_row(ws, 50000, yn.data(), xn.data(), zn.data(), ny, nx, nz, top.data(), 3, oy, ox, oz,
+                g.data(), glen, cap.out);
       if (t == vector_targets().front()) logs[p] = cap.log();
       EXPECT_EQ(cap.log(), logs[p]) << vector_target_name(t) << " point " << p;
       std::size_t indx = 0;
@@ -108,7 +104,7 @@ TEST(PrismLanes, EveryCellAsIfAlone) {
             const int32_t top1 = 0;
             double alone = 0;
             qt::capture cap1;
-            sens_row(ws, 50000, y1, x1, z1, 1, 1, 1, &top1, 3, oy, ox, oz, &alone, 1, cap1.out);
+            prism_row(ws, 50000, y1, x1, z1, 1, 1, 1, &top1, 3, oy, ox, oz, &alone, 1, cap1.out);
             ASSERT_EQ(g[indx], alone)
                 << vector_target_name(t) << " point " << p << " cell " << j << " " << i << " " << k;
           }
@@ -129,8 +125,8 @@ TEST(GridCopy, SameBitsAsOneCellAtATime) {
   top[4] = 3, top[9] = nz, top[10] = 1;
   std::size_t n = 0;
   for (int32_t t : top) n += static_cast<std::size_t>(nz - t);
-  std::vector<double> wtz(n);
-  for (std::size_t k = 0; k < n; ++k) wtz[k] = 0.5 + 0.1 * (k % 13);
+  std::vector<double> weights(n);
+  for (std::size_t k = 0; k < n; ++k) weights[k] = 0.5 + 0.1 * (k % 13);
   const std::size_t line = static_cast<std::size_t>(nx2) * nz, base = line + 2 * nz;
   // The cells one at a time.
   std::vector<double> want_g, want_avg(n, 0.25), want_sq(n, 0.5);
@@ -139,12 +135,13 @@ TEST(GridCopy, SameBitsAsOneCellAtATime) {
       for (int32_t k = top[j + i * ny]; k < nz; ++k) {
         const std::size_t c = want_g.size();
         const double x = cube[base + j * line + i * nz + k];
-        want_g.push_back(x / wtz[c]);
+        want_g.push_back(x / weights[c]);
         want_avg[c] += std::fabs(x);
         want_sq[c] += want_g[c] * want_g[c];
       }
-  const grid_copy_in in{cube.data() + base, line, static_cast<std::size_t>(nz), top.data(),
-                        ny, nx, nz, wtz.data()};
+  const grid_copy_in in{
+      cube.data() + base, line, static_cast<std::size_t>(nz), top.data(), ny, nx, nz,
+      weights.data()};
   for (int64_t t : vector_targets()) {
     for (const bool to_floats : {false, true}) {
       std::vector<double> g(n, 0.0), avg(n, 0.25), sq(n, 0.5);

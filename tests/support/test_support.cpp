@@ -12,11 +12,11 @@
 #include "model/active_cells.hpp"
 #include "model/mesh.hpp"
 #include "model/observations.hpp"
-#include "run/sens3d.hpp"
-#include "sens/gsus_mod.hpp"
-#include "sens/gsus_no_atan_mod.hpp"
+#include "run/run_driver.hpp"
+#include "sens/field_directions.hpp"
+#include "sens/prism_row.hpp"
 #include "wavelet/wavelet_filters.hpp"
-#include "wavelet/wtn_mod.hpp"
+#include "wavelet/transform.hpp"
 
 namespace qt {
 
@@ -146,37 +146,37 @@ quolvent::obs_set field(double incl, double decl, double aincl, double adecl, do
 }
 
 void add_datum(quolvent::obs_set& obs, double x, double y, double z, double aincl, double adecl) {
-  obs.obs_x.push_back(x);
-  obs.obs_y.push_back(y);
-  obs.obs_z.push_back(z);
+  obs.easting.push_back(x);
+  obs.northing.push_back(y);
+  obs.elevation.push_back(z);
   if (obs.idir == 0) {
-    obs.obs_aincl.push_back(aincl);
-    obs.obs_adecl.push_back(adecl);
+    obs.datum_aincl.push_back(aincl);
+    obs.datum_adecl.push_back(adecl);
   }
-  obs.ndata = static_cast<int32_t>(obs.obs_x.size());
+  obs.ndata = static_cast<int32_t>(obs.easting.size());
 }
 
 quolvent::survey make_survey(const quolvent::mesh_model& mesh, const quolvent::obs_set& obs,
-                             std::vector<int32_t> top_index, std::vector<double> wtz) {
+                             std::vector<int32_t> top_index, std::vector<double> weights) {
   if (top_index.empty()) top_index.assign(std::size_t(mesh.nx) * std::size_t(mesh.ny), 0);
   quolvent::survey s{.mesh = mesh, .obs = obs, .top_index = std::move(top_index)};
   const quolvent::run_log quiet(nullptr);
   s.cells = quolvent::get_active_cells("null", s.mesh, s.top_index, quiet);
   auto split = quolvent::classify_data(s.mesh, quolvent::mesh_length_scale(s.mesh), s.obs,
                                       s.top_index, quiet);
-  s.obs_type = std::move(split.obs_type);
-  s.data_kind = split.data_kind;
+  s.datum_kinds = std::move(split.datum_kinds);
+  s.survey_kind = split.survey_kind;
   s.n = s.cells.nbelow;
-  s.wtz = wtz.empty() ? std::vector<double>(std::size_t(s.n), 1.0) : std::move(wtz);
+  s.weights = weights.empty() ? std::vector<double>(std::size_t(s.n), 1.0) : std::move(weights);
   return s;
 }
 
 quolvent::compression wavelet_of(const std::string& name) {
   const quolvent::run_log quiet(nullptr);
   quolvent::compression c;
-  quolvent::check_wavelet(name, c.filter, c.ncof, quiet);
-  c.flt = quolvent::set_filters(c.filter, c.ncof);
-  c.compressed = c.ncof > 0;
+  quolvent::check_wavelet(name, c.filter, c.filter_length, quiet);
+  c.filters = quolvent::set_filters(c.filter, c.filter_length);
+  c.compressed = c.filter_length > 0;
   return c;
 }
 
@@ -184,17 +184,17 @@ std::vector<double> kernel_row(const quolvent::mesh_model& mesh, const quolvent:
                                const std::vector<int32_t>& top, int32_t i,
                                const quolvent::run_log& out) {
   const std::size_t d = static_cast<std::size_t>(i - 1);
-  quolvent::dir_products dir = quolvent::survey_directions(obs);
+  quolvent::direction_products dir = quolvent::survey_directions(obs);
   if (obs.idir == 0)
-    quolvent::SET_G_VALUES(obs.incl, obs.decl, obs.obs_aincl[d], obs.obs_adecl[d], dir);
+    dir = quolvent::field_directions(obs.incl, obs.decl, obs.datum_aincl[d], obs.datum_adecl[d]);
   quolvent::row_workspace ws =
       quolvent::make_row_workspace(dir, quolvent::mesh_length_scale(mesh));
   std::size_t n = 0;
   for (int32_t t : top) n += static_cast<std::size_t>(mesh.nz - t);
   std::vector<double> g(n);
-  quolvent::sens_row(ws, obs.geomag, mesh.yn.data(), mesh.xn.data(), mesh.zn.data(), mesh.ny,
-                     mesh.nx, mesh.nz, top.data(), i, obs.obs_y[d], obs.obs_x[d],
-                     mesh.z0 - obs.obs_z[d], g.data(), g.size(), out);
+  quolvent::prism_row(ws, obs.geomag, mesh.yn.data(), mesh.xn.data(), mesh.zn.data(), mesh.ny,
+                      mesh.nx, mesh.nz, top.data(), i, obs.northing[d], obs.easting[d],
+                      mesh.z0 - obs.elevation[d], g.data(), g.size(), out);
   return g;
 }
 

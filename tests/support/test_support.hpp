@@ -82,10 +82,9 @@ void add_datum(quolvent::obs_set& obs, double x, double y, double z, double ainc
                double adecl = 0.0);
 
 // make_survey: mesh and obs over the column tops (flat ground when empty),
-// every cell below ground active, the data classified, weighting 1 or wtz.
+// every cell below ground active, the data classified, weighting 1 or weights.
 quolvent::survey make_survey(const quolvent::mesh_model& mesh, const quolvent::obs_set& obs,
-                             std::vector<int32_t> top_index = {},
-                             std::vector<double> wtz = {});
+                             std::vector<int32_t> top_index = {}, std::vector<double> weights = {});
 
 // wavelet_of: a compression record with the filters of the wavelet name.
 quolvent::compression wavelet_of(const std::string& name);

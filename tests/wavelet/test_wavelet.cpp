@@ -10,11 +10,11 @@
 #include "base/vector_target.hpp"
 #include "model/active_cells.hpp"
 #include "support/test_support.hpp"
-#include "wavelet/compress_row_mod.hpp"
+#include "wavelet/compress_row.hpp"
 #include "wavelet/threshold.hpp"
-#include "wavelet/uncompressg_mod.hpp"
+#include "wavelet/uncompress.hpp"
 #include "wavelet/wavelet_filters.hpp"
-#include "wavelet/wtn_mod.hpp"
+#include "wavelet/transform.hpp"
 
 using namespace quolvent;
 
@@ -49,8 +49,8 @@ std::vector<int32_t> air_top() {
 }
 
 // line_by_line: the transform of a cube of extents nn (nn[0] fastest) one
-// line at a time: each line copied out, filtered step by step by PWT, copied back.
-void line_by_line(const wtn_filters& f, double* a, const int32_t nn[3], bool forward) {
+// line at a time: each line copied out, filtered step by step by filter_step, copied back.
+void line_by_line(const transform_filters& f, double* a, const int32_t nn[3], bool forward) {
   const int64_t ntot = int64_t{nn[0]} * nn[1] * nn[2];
   int64_t nprev = 1;
   for (int d = 0; d < 3; ++d) {
@@ -60,9 +60,9 @@ void line_by_line(const wtn_filters& f, double* a, const int32_t nn[3], bool for
       for (int64_t i1 = 0; i1 < nprev; ++i1) {
         for (int64_t m = 0; m < n; ++m) line[m] = a[i2 + i1 + m * nprev];
         if (forward)
-          for (int64_t nt = n; nt >= 4; nt >>= 1) PWT(f, line.data(), nt, true, w.data());
+          for (int64_t nt = n; nt >= 4; nt >>= 1) filter_step(f, line.data(), nt, true, w.data());
         else
-          for (int64_t nt = 4; nt <= n; nt <<= 1) PWT(f, line.data(), nt, false, w.data());
+          for (int64_t nt = 4; nt <= n; nt <<= 1) filter_step(f, line.data(), nt, false, w.data());
         for (int64_t m = 0; m < n; ++m) a[i2 + i1 + m * nprev] = line[m];
       }
     nprev = nnew;
@@ -75,10 +75,10 @@ TEST(Filters, UnitNormOrthogonalToEvenShiftsAndLowPass) {
   for (const char* w : all_wavelets) {
     const compression c = qt::wavelet_of(w);
     const std::vector<double>& filter = c.filter;
-    ASSERT_EQ(c.ncof, 2 * (w[4] - '0')) << w;
-    for (int s = 0; s < c.ncof; s += 2) {
+    ASSERT_EQ(c.filter_length, 2 * (w[4] - '0')) << w;
+    for (int s = 0; s < c.filter_length; s += 2) {
       double d = 0.0;
-      for (int k = 0; k + s < c.ncof; ++k) d += filter[k] * filter[k + s];
+      for (int k = 0; k + s < c.filter_length; ++k) d += filter[k] * filter[k + s];
       EXPECT_NEAR(d, s == 0 ? 1.0 : 0.0, s == 0 ? 1e-14 : 1e-10) << w << " shift " << s;
     }
     // symm is stored with the sum 2: after scaling it sums to sqrt(2) like daub.
@@ -118,13 +118,15 @@ TEST(Transform, PaddedExtentsAndRowToCubeAndBack) {
   EXPECT_EQ(padded_extent(2147483647), int64_t{1} << 31);
   // 3 x 2 x 5 cells (nx, ny, nz) with two columns partly above the ground.
   const cube_case k = cube_of(3, 2, 5, "daub2", {0, 2, 0, 0, 5, 1});
-  EXPECT_TRUE(k.c.nzp == 8 && k.c.nxp == 4 && k.c.nyp == 2 && k.c.ncube == 64);
+  EXPECT_TRUE(k.c.padded_nz == 8 && k.c.padded_nx == 4 && k.c.padded_ny == 2 &&
+              k.c.cube_size == 64);
   const int64_t n = k.n();
-  std::vector<double> row(n), cube(k.c.ncube, -7.0), back(n, 0.0);
+  std::vector<double> row(n), cube(k.c.cube_size, -7.0), back(n, 0.0);
   std::iota(row.begin(), row.end(), 1.0);
   row_to_cube(k.c, k.cells, row.data(), n, cube.data());
-  // Cell (iz, ix, iy) at (iz-1) + (ix-1) nzp + (iy-1) nzp nxp; padding and air hold 0.
-  for (int p = 0; p < k.c.ncube; ++p) {
+  // Cell (iz, ix, iy) at (iz-1) + (ix-1) padded_nz + (iy-1) padded_nz padded_nx; padding and air
+  // hold 0.
+  for (int p = 0; p < k.c.cube_size; ++p) {
     const int iz = p % 8 + 1, ix = p / 8 % 4 + 1, iy = p / 32 + 1;
     const int32_t at = iy <= 2 && ix <= 3 && iz <= 5 ? active_at(k.cells, k.mesh, iz, ix, iy) : 0;
     EXPECT_EQ(cube[p], at > 0 ? row[at - 1] : 0.0) << p;
@@ -139,7 +141,7 @@ TEST(Transform, PaddedExtentsAndRowToCubeAndBack) {
 TEST(Transform, KnownCoefficients) {
   const compression d2 = qt::wavelet_of("daub2");
   std::vector<double> a{1, 0, 0, 0, 0, 0, 0, 0}, w(8);
-  PWT(d2.flt, a.data(), 8, true, w.data());
+  filter_step(d2.filters, a.data(), 8, true, w.data());
   const std::vector<double>& c = d2.filter;
   EXPECT_EQ(a, (std::vector<double>{c[0], 0, 0, c[2], c[3], 0, 0, c[1]}));
 }
@@ -159,7 +161,8 @@ TEST(Wctol, LogAndChoicesWhereTheCurveGivesNoAnswer) {
     return [&, l](const run_log& out) { estimate_thresholds(k.c, {}, l, no_rows, out, s, b); };
   };
   auto tol = [&](const std::vector<double>& r, double eps) {
-    return [&, eps](const run_log& out) { wctol(k.c, k.cells, r.data(), 64, eps, out); };
+    return
+        [&, eps](const run_log& out) { relative_threshold(k.c, k.cells, r.data(), 64, eps, out); };
   };
   auto block = [](const std::string& eps, const std::string& thr, const std::string& ratio) {
     return "\n At the relative  accuracy of:  " + eps + "\n Estimated relative threshold:  " + thr +
@@ -212,17 +215,18 @@ TEST(SetupCompression, SurveyReachesTheAccuracy) {
   for (int iy = 0; iy < 8; ++iy)
     for (int ix = 0; ix < 8; ++ix) qt::add_datum(obs, 8.0 + 20.0 * ix, 6.0 + 20.0 * iy, 2.0);
   const mesh_model mesh = qt::uniform_mesh(16, 16, 8, 10.0, 10.0, 10.0);
-  std::vector<double> wtz(16 * 16 * 8);
-  for (std::size_t k = 0; k < wtz.size(); ++k) wtz[k] = std::pow(10.0 * (k % 8 + 1) - 2.0, -1.5);
-  const survey s = qt::make_survey(mesh, obs, {}, wtz);
+  std::vector<double> weights(16 * 16 * 8);
+  for (std::size_t k = 0; k < weights.size(); ++k)
+    weights[k] = std::pow(10.0 * (k % 8 + 1) - 2.0, -1.5);
+  const survey s = qt::make_survey(mesh, obs, {}, weights);
   std::vector<int32_t> asked;
   auto row_of = [&](int32_t i, std::vector<double>& g) {
     asked.push_back(i), g = qt::kernel_row(mesh, obs, s.top_index, i, run_log(nullptr));
   };
   const compression c = setup_compression(s, "daub2", "1 0.05", row_of, run_log(nullptr));
   EXPECT_EQ(asked, std::vector<int32_t>{1 + 4 + 8 * 4});  // (88, 86)
-  ASSERT_TRUE(c.compressed && c.wctol_surface > 0.0);
-  const std::vector<double> test_model_w = transform_test_model(c, s.cells, 0.01, s.wtz);
+  ASSERT_TRUE(c.compressed && c.threshold_surface > 0.0);
+  const std::vector<double> test_model_w = transform_test_model(c, s.cells, 0.01, s.weights);
   compress_workspace cw;
   int64_t nnz = 0;
   double datum_err = 0.0;
@@ -230,40 +234,40 @@ TEST(SetupCompression, SurveyReachesTheAccuracy) {
   for (int32_t i = 1; i <= obs.ndata; ++i) {
     row_of(i, g);
     double full = 0.0;
-    for (int32_t k = 0; k < s.n; ++k) full += 0.01 * g[k], g[k] /= wtz[k];
+    for (int32_t k = 0; k < s.n; ++k) full += 0.01 * g[k], g[k] /= weights[k];
     compressed_row rec;
-    COMPRESS_ROW(c, s.cells, g.data(), s.n, rec, nnz, datum_kind::surface, cw);
+    compress_row(c, s.cells, g.data(), s.n, rec, nnz, datum_kind::surface, cw);
     datum_err += std::fabs((full - dot_compressed(test_model_w, rec)) / full) / obs.ndata;
   }
   EXPECT_LE(datum_err, 0.05);
 }
 
 // Rows kept whole (threshold 0) over a mesh with air cells, the fifth record
-// empty: UNCOMPRESSG's mean |row * wtz| over every datum is that of the others.
+// empty: uncompress_rows's mean |row * weights| over every datum is that of the others.
 TEST(Uncompressg, TheMeanOfTheRows) {
   const cube_case k = cube_of(7, 6, 5, "daub3", air_top());
   const int32_t n = k.n(), ndata = 12;
   matrix_store store = make_matrix_store(k.c, n, ndata);
-  std::vector<double> wtz(n), avg(n, 0.0), row(n), got;
+  std::vector<double> weights(n), avg(n, 0.0), row(n), got;
   compress_workspace ws;
   int64_t nnz = 0;
   for (int32_t i = 0; i < ndata; ++i) {
     for (int32_t j = 0; j < n; ++j) {
       const double g = i == 4 ? 0.0 : std::sin(0.7 * j * j + i);
-      wtz[j] = 0.3 + 0.05 * (j % 11), row[j] = g / wtz[j], avg[j] += std::fabs(g) / ndata;
+      weights[j] = 0.3 + 0.05 * (j % 11), row[j] = g / weights[j], avg[j] += std::fabs(g) / ndata;
     }
     if (i != 4)
-      COMPRESS_ROW(k.c, k.cells, row.data(), n, store.g_compressed[i], nnz, datum_kind::surface,
+      compress_row(k.c, k.cells, row.data(), n, store.compressed_rows[i], nnz, datum_kind::surface,
                    ws);
   }
   qt::capture cap;
-  UNCOMPRESSG(k.c, k.cells, store, n, ndata, wtz, got, cap.out);
+  uncompress_rows(k.c, k.cells, store, n, ndata, weights, got, cap.out);
   EXPECT_EQ(cap.screen().rfind(" Uncompressing ...\n % done:\n", 0), 0u);
   ASSERT_EQ(got.size(), std::size_t(n));
   for (int32_t j = 0; j < n; ++j) EXPECT_NEAR(got[j], avg[j], 1e-6 * (1 + avg[j])) << j;
 }
 
-// On extents of 4 and less the coefficients are the row: what COMPRESS_ROW
+// On extents of 4 and less the coefficients are the row: what compress_row
 // keeps at the threshold of the datum's kind (the other kind's would keep
 // nothing), and the row error, of values a float holds.
 TEST(CompressRow, WhatIsKeptAndTheRowErrorOfKnownCoefficients) {
@@ -275,7 +279,7 @@ TEST(CompressRow, WhatIsKeptAndTheRowErrorOfKnownCoefficients) {
   const auto surface = datum_kind::surface, borehole = datum_kind::borehole;
   const struct {
     const std::vector<double>& row;
-    double wctol;
+    double relative_threshold;
     datum_kind kind;
     int64_t kept;
     double error;
@@ -285,14 +289,14 @@ TEST(CompressRow, WhatIsKeptAndTheRowErrorOfKnownCoefficients) {
                {zero, 0.5, borehole, 32, 0.0}};  // t = 0: kept exactly
   compress_workspace ws;
   for (const auto& c : cases) {
-    k.c.wctol_surface = c.kind == surface ? c.wctol : 7.0;
-    k.c.wctol_borehole = c.kind == borehole ? c.wctol : 7.0;
+    k.c.threshold_surface = c.kind == surface ? c.relative_threshold : 7.0;
+    k.c.threshold_borehole = c.kind == borehole ? c.relative_threshold : 7.0;
     compressed_row rec;
     int64_t nnz = 3;
-    EXPECT_NEAR(COMPRESS_ROW(k.c, k.cells, c.row.data(), k.n(), rec, nnz, c.kind, ws), c.error,
+    EXPECT_NEAR(compress_row(k.c, k.cells, c.row.data(), k.n(), rec, nnz, c.kind, ws), c.error,
                 1e-14);
-    EXPECT_EQ(nnz, 3 + c.kept) << c.wctol;
-    ASSERT_EQ(rec.idx.size(), static_cast<std::size_t>(c.kept)) << c.wctol;
+    EXPECT_EQ(nnz, 3 + c.kept) << c.relative_threshold;
+    ASSERT_EQ(rec.idx.size(), static_cast<std::size_t>(c.kept)) << c.relative_threshold;
     if (c.kept != 2) continue;
     // Row places 6 and 8: (iz 3, ix 2) and (iz 2, ix 3) of the first y column.
     EXPECT_EQ(rec.idx, (std::vector<int32_t>{3 + 4, 2 + 8}));
@@ -323,12 +327,12 @@ TEST(CompressRow, RowErrorAgainstTheDecompressedRow) {
       compress_workspace ws;
       for (double t : {0.0, 1e-3, 0.3}) {
         SCOPED_TRACE(testing::Message() << w << " " << c.nx << " threshold " << t);
-        k.c.wctol_borehole = t;
+        k.c.threshold_borehole = t;
         compressed_row rec;
         int64_t nnz = 0;
         const double got =
-            COMPRESS_ROW(k.c, k.cells, row.data(), n, rec, nnz, datum_kind::borehole, ws);
-        std::vector<double> cube(k.c.ncube, 0.0), back(n);
+            compress_row(k.c, k.cells, row.data(), n, rec, nnz, datum_kind::borehole, ws);
+        std::vector<double> cube(k.c.cube_size, 0.0), back(n);
         for (size_t p = 0; p < rec.idx.size(); ++p) cube[rec.idx[p] - 1] = rec.val[p];
         transform_cube(k.c, cube.data(), -1, ws.lines);
         cube_to_row(k.c, k.cells, back.data(), n, cube.data());
@@ -375,12 +379,12 @@ TEST(TransformLanes, SameBitsAsLineByLine) {
         cube[i] = (i / nn[0]) % 3 == 1 ? 0.0 : std::sin(0.7 * i * i + 0.3);
       for (const bool forward : {true, false}) {
         std::vector<double> want = cube;
-        line_by_line(c.flt, want.data(), nn, forward);
+        line_by_line(c.filters, want.data(), nn, forward);
         for (int64_t t : vector_targets()) {
           std::vector<double> got = cube;
           line_buffers lb;
           lb.vector_target = t;
-          WTN(c.flt, got.data(), nn, forward ? 1 : -1, lb);
+          transform_3d(c.filters, got.data(), nn, forward ? 1 : -1, lb);
           EXPECT_TRUE(got == want)
               << name << " " << nn[0] << "x" << nn[1] << "x" << nn[2]
               << (forward ? " forward on " : " inverse on ") << vector_target_name(t);
@@ -392,7 +396,7 @@ TEST(TransformLanes, SameBitsAsLineByLine) {
 // A row of the active cells (through the map) and of every cell (a plain copy):
 // row_coefficients gives the row laid into the cube and transformed line by line
 // and their largest magnitude, never reading the cube's contents (NaN) first.
-// COMPRESS_ROW keeps those at or above 0.3 of it, in order, in 32 bits, with
+// compress_row keeps those at or above 0.3 of it, in order, in 32 bits, with
 // the row error that one coefficient at a time gives.
 TEST(TransformLanes, RowCoefficientsAndCompressRowAsOneAtATime) {
   const int32_t meshes[][3] = {{5, 3, 9}, {16, 8, 4}, {12, 20, 33}};
@@ -407,18 +411,18 @@ TEST(TransformLanes, RowCoefficientsAndCompressRowAsOneAtATime) {
         const active_cells cells = get_active_cells("null", mesh, top, run_log(nullptr));
         compression c = qt::wavelet_of(name);
         set_padded_extents(mesh, c);
-        c.wctol_surface = 0.3;
+        c.threshold_surface = 0.3;
         const int32_t n = whole ? cells.ncell_total : cells.nactive;
-        std::vector<double> row(n), want(c.ncube);
+        std::vector<double> row(n), want(c.cube_size);
         for (int32_t i = 0; i < n; ++i) row[i] = (i % 5 == 2) ? 0.0 : std::cos(1.7 * i * i);
         row_to_cube(c, cells, row.data(), n, want.data());
-        const int32_t nn[3] = {c.nzp, c.nxp, c.nyp};
-        line_by_line(c.flt, want.data(), nn, true);
+        const int32_t nn[3] = {c.padded_nz, c.padded_nx, c.padded_ny};
+        line_by_line(c.filters, want.data(), nn, true);
         double largest = 0.0, lost = 0.0, energy = 0.0;
         for (double v : want) largest = std::fmax(largest, std::fabs(v));
         compressed_row keep;
         for (std::size_t p = 0; p < want.size(); ++p) {
-          const bool kept = std::fabs(want[p]) >= largest * c.wctol_surface;
+          const bool kept = std::fabs(want[p]) >= largest * c.threshold_surface;
           if (kept) keep.idx.push_back(p + 1), keep.val.push_back(static_cast<float>(want[p]));
           const double r = (want[p] - (kept ? keep.val.back() : 0.0)) / largest;
           lost += r * r, energy += (want[p] / largest) * (want[p] / largest);
@@ -432,7 +436,7 @@ TEST(TransformLanes, RowCoefficientsAndCompressRowAsOneAtATime) {
           compressed_row rec;
           int64_t nnz = 5;
           const double err =
-              COMPRESS_ROW(c, cells, row.data(), n, rec, nnz, datum_kind::surface, ws);
+              compress_row(c, cells, row.data(), n, rec, nnz, datum_kind::surface, ws);
           EXPECT_TRUE(rec.idx == keep.idx && rec.val == keep.val) << vector_target_name(t);
           EXPECT_EQ(rec.idx.capacity(), rec.idx.size());
           EXPECT_EQ(nnz, 5 + static_cast<int64_t>(keep.idx.size()));

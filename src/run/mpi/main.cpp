@@ -7,7 +7,7 @@
 #include <pthread.h>
 
 #include "run/mpi/mpi_group.hpp"
-#include "run/sens3d.hpp"
+#include "run/run_driver.hpp"
 
 int main(int argc, char** argv) {
   // The interrupts are held back while MPI starts threads of its own, which

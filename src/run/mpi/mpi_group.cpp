@@ -197,13 +197,13 @@ void mpi_group::agree() { begin_step(); }
 
 void mpi_group::share_thresholds(compression& c) {
   begin_step();
-  double t[2] = {c.wctol_surface, c.wctol_borehole};
+  double t[2] = {c.threshold_surface, c.threshold_borehole};
   int64_t k[2] = {c.kept_surface, c.kept_borehole};
   std::lock_guard<std::mutex> hold(lock_);
   MPI_Bcast(t, 2, MPI_DOUBLE, 0, comm_);
   MPI_Bcast(k, 2, MPI_INT64_T, 0, comm_);
-  c.wctol_surface = t[0];
-  c.wctol_borehole = t[1];
+  c.threshold_surface = t[0];
+  c.threshold_borehole = t[1];
   c.kept_surface = k[0];
   c.kept_borehole = k[1];
 }

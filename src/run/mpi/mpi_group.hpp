@@ -60,8 +60,8 @@ class mpi_group final : public run_group, public run_hook {
   int64_t total(int64_t v) override;
   void gather_rows(std::vector<double>& v, row_range rows) override;
   void write_matrix(const std::string& path, const survey& s, const compression& c,
-                    matrix_store& store, row_range rows, const std::vector<double>& sens_sq,
-                    const run_log& out) override;
+                    matrix_store& store, row_range rows,
+                    const std::vector<double>& squared_sensitivity, const run_log& out) override;
   stop settle(const stop& s) override;
 
   // run_hook

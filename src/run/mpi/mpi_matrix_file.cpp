@@ -39,7 +39,8 @@ int errno_of(int mpi_err) {
 class part_file {
  public:
   part_file(const std::string& temp, const std::string& name) : name_(name) {
-    const int err = MPI_File_open(MPI_COMM_SELF, temp.c_str(), MPI_MODE_WRONLY, MPI_INFO_NULL, &fh_);
+    const int err =
+        MPI_File_open(MPI_COMM_SELF, temp.c_str(), MPI_MODE_WRONLY, MPI_INFO_NULL, &fh_);
     if (err != MPI_SUCCESS) {
       fh_ = MPI_FILE_NULL;
       cannot_write(name_, errno_of(err));
@@ -109,11 +110,11 @@ class part_out : public record_out {
 
 void mpi_group::write_matrix(const std::string& path, const survey& s, const compression& c,
                              matrix_store& store, row_range rows,
-                             const std::vector<double>& sens_sq, const run_log& out) {
+                             const std::vector<double>& squared_sensitivity, const run_log& out) {
   out.say_screen("");
   out.say_screen("Writing out the matrix.");
   out.say_screen("");
-  check_matrix_arrays(s, c, store, rows, rank_ == 0 ? &sens_sq : nullptr);
+  check_matrix_arrays(s, c, store, rows, rank_ == 0 ? &squared_sensitivity : nullptr);
   const int64_t head = matrix_head_bytes(s, c);
   const int64_t mine = stored_rows_bytes(s, c, store, rows);
 
@@ -152,10 +153,10 @@ void mpi_group::write_matrix(const std::string& path, const survey& s, const com
     to.flush();
   }
   // Nothing reads the full matrix after this.
-  if (!c.compressed) float_matrix().swap(store.g_full);
+  if (!c.compressed) float_matrix().swap(store.full_rows);
   if (rank_ == 0) {
     part_out to(f, static_cast<MPI_Offset>(head + all_rows));
-    write_matrix_tail(to, s, sens_sq);
+    write_matrix_tail(to, s, squared_sensitivity);
     to.flush();
   }
   f.finish();

@@ -1,4 +1,4 @@
-// KERNEL_MOD: the general row loop, one sensitivity row per datum, in
+// The general row loop, one sensitivity row per datum, in
 // parallel over the data; and the parts of a row loop that both loops share.
 #pragma once
 
@@ -17,7 +17,7 @@
 namespace quolvent {
 
 // row_sums: the two per-cell sums of a row loop: avg of |row| before the
-// weighting, sq of (row / wtz)^2. A thread adds the rows of a group of
+// weighting, sq of (row / weights)^2. A thread adds the rows of a group of
 // sum_group_rows data in datum order, and the group's sums go into these
 // exact sums: rows shared out among any threads and processes in whole
 // groups give the same sums to the last bit.
@@ -25,31 +25,32 @@ struct row_sums {
   exact_sums avg, sq;
 };
 
-// KERNEL
+// general_row_loop
 //   Given:   the survey s (mesh, data, column tops, row length n, weighting);
 //            the sink of the rows; rows, the data this process computes
 //            (whole groups, see row_sums, for sums the same for any layout);
 //            the run's log.
 //   Returns: the rows of `rows` computed over the mesh and handed to the sink
-//            divided by wtz; sums made n long, holding the sums over those
+//            divided by weights; sums made n long, holding the sums over those
 //            rows. The screen shows the progress line of all the run's rows.
 //   Fails:   "kernel g" / "kernel" when a thread's row or its sums can't be
 //            had; arguments that don't fit the rows stop with a text; the
-//            stops of sens_row and of the sink; an interrupt at a row's
+//            stops of prism_row and of the sink; an interrupt at a row's
 //            checkpoint (out.check_interrupt). A stop on any thread ends the
 //            loop on every thread and leaves it once, after the loop.
-void KERNEL(const survey& s, row_sink& sink, row_range rows, row_sums& sums, const run_log& out);
+void general_row_loop(const survey& s, row_sink& sink, row_range rows, row_sums& sums,
+                      const run_log& out);
 
-// KERNEL, every row on this process: sens_avg (n), the mean over the data of
-// |row| before the weighting, and sens_sq (n), the sum over the data of
-// (row / wtz)^2, each rounded once. Fails: as above.
-void KERNEL(const survey& s, row_sink& sink, std::vector<double>& sens_sq,
-            std::vector<double>& sens_avg, const run_log& out);
+// general_row_loop, every row on this process: mean_sensitivity (n), the mean over the data of
+// |row| before the weighting, and squared_sensitivity (n), the sum over the data of
+// (row / weights)^2, each rounded once. Fails: as above.
+void general_row_loop(const survey& s, row_sink& sink, std::vector<double>& squared_sensitivity,
+                      std::vector<double>& mean_sensitivity, const run_log& out);
 
-// round_sums: sens_sq, the sums sq rounded, and sens_avg, the sums avg
+// round_sums: squared_sensitivity, the sums sq rounded, and mean_sensitivity, the sums avg
 // rounded and divided by ndata (left at 0 with no data).
-void round_sums(const row_sums& sums, int32_t ndata, std::vector<double>& sens_sq,
-                std::vector<double>& sens_avg);
+void round_sums(const row_sums& sums, int32_t ndata, std::vector<double>& squared_sensitivity,
+                std::vector<double>& mean_sensitivity);
 
 // row_loop: what the threads of one row loop share: the sums and their
 // adders, the progress line, and the latch that carries a stop out of the

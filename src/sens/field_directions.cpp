@@ -1,11 +1,11 @@
-// GSUS_MOD: the direction products of the prism formula.
-#include "sens/gsus_mod.hpp"
+// The direction products of the prism formula.
+#include "sens/field_directions.hpp"
 
 #include <cmath>
 
 namespace quolvent {
 
-void SET_G_VALUES(double incl, double decl, double aincl, double adecl, dir_products& d) {
+direction_products field_directions(double incl, double decl, double aincl, double adecl) {
   const double rad = 0.017453292519943295;
   const double fi = incl * rad, fd = decl * rad;
   const double ai = aincl * rad, ad = adecl * rad;
@@ -18,20 +18,20 @@ void SET_G_VALUES(double incl, double decl, double aincl, double adecl, dir_prod
   const double mx = std::cos(ai) * std::sin(ad);
   const double mz = std::sin(ai);
 
+  direction_products d;
   d.gyy = ly * my;
   d.gxx = lx * mx;
   d.gzz = lz * mz;
   d.gxy = ly * mx + lx * my;
   d.gyz = ly * mz + lz * my;
   d.gxz = lx * mz + lz * mx;
+  return d;
 }
 
-dir_products survey_directions(const obs_set& obs) {
-  const bool common = obs.idir != 0 || obs.obs_aincl.empty() || obs.obs_adecl.empty();
-  dir_products d;
-  SET_G_VALUES(obs.incl, obs.decl, common ? obs.aincl : obs.obs_aincl[0],
-               common ? obs.adecl : obs.obs_adecl[0], d);
-  return d;
+direction_products survey_directions(const obs_set& obs) {
+  const bool common = obs.idir != 0 || obs.datum_aincl.empty() || obs.datum_adecl.empty();
+  return field_directions(obs.incl, obs.decl, common ? obs.aincl : obs.datum_aincl[0],
+                          common ? obs.adecl : obs.datum_adecl[0]);
 }
 
 }  // namespace quolvent

@@ -1,5 +1,5 @@
 // The run driver: the program's one pipeline, top to bottom.
-#include "run/sens3d.hpp"
+#include "run/run_driver.hpp"
 
 #include <algorithm>
 #include <cstdlib>
@@ -26,15 +26,15 @@
 #include "run/row_store.hpp"
 #include "run/run_group.hpp"
 #include "sens/grid_check.hpp"
-#include "sens/gsus_mod.hpp"
-#include "sens/gsus_no_atan_mod.hpp"
-#include "sens/kernel2_mod.hpp"
-#include "sens/kernel_mod.hpp"
+#include "sens/field_directions.hpp"
+#include "sens/prism_row.hpp"
+#include "sens/grid_row_loop.hpp"
+#include "sens/general_row_loop.hpp"
 #include "topo/ground.hpp"
 #include "wavelet/compression.hpp"
-#include "wavelet/compress_row_mod.hpp"
+#include "wavelet/compress_row.hpp"
 #include "wavelet/threshold.hpp"
-#include "wavelet/uncompressg_mod.hpp"
+#include "wavelet/uncompress.hpp"
 
 namespace quolvent {
 
@@ -84,7 +84,8 @@ class thread_count_scope {
 
 void print_usage(const run_log& out) {
   out.say_screen("");
-  out.say_screen(std::string("   Usage: ") + program_name + " " + program_name + ".inp  [nThreads]");
+  out.say_screen(std::string("   Usage: ") + program_name + " " + program_name +
+                 ".inp  [nThreads]");
   out.say_screen("");
   out.say_screen(std::string("   For a sample input file, type: ") + program_name + " -inp");
 }
@@ -100,8 +101,7 @@ std::string threshold_echo(const std::string& eps_line) {
   return (itol == 1 ? "relative accuracy =" : "relative threshold =") + fmt_fixed(eps, 6, 4);
 }
 
-void print_parameters(const run_params& params, const std::string& input_name,
-                      const run_log& out) {
+void print_parameters(const run_params& params, const std::string& input_name, const run_log& out) {
   out.say_log("with the following parameters:");
   out.say_log("");
   out.say_log("          Input file: " + rtrim(input_name));
@@ -129,13 +129,13 @@ survey read_survey(const run_params& params, const run_log& out) {
   s.top_index = read_topography(params.topo_file, s.mesh, out);
   s.cells = get_active_cells("null", s.mesh, s.top_index, out);
   data_split split = classify_data(s.mesh, mesh_length_scale(s.mesh), s.obs, s.top_index, out);
-  s.obs_type = std::move(split.obs_type);
-  s.data_kind = split.data_kind;
+  s.datum_kinds = std::move(split.datum_kinds);
+  s.survey_kind = split.survey_kind;
   s.n = s.cells.nbelow;
   kmp_set_stacksize_s(worker_stack_bytes(s.n));
   out.flush();
-  s.wtz.assign(static_cast<std::size_t>(s.n), 0.0);
-  read_cell_values(params.weight_file, "weighting", s.cells, s.wtz, out);
+  s.weights.assign(static_cast<std::size_t>(s.n), 0.0);
+  read_cell_values(params.weight_file, "weighting", s.cells, s.weights, out);
   return s;
 }
 
@@ -164,9 +164,10 @@ void run_pipeline(const run_params& params, phase_clock& clock, run_log& out,
   const bool leads = group.leads();
   // init: the model, the data, the ground and the weighting.
   const survey s = read_survey(params, out);
-  const grid_survey grid = grid_check(s.mesh, s.obs, s.data_kind);
+  const grid_survey grid = grid_check(s.mesh, s.obs, s.survey_kind);
   sum.ndata = s.obs.ndata;
-  for (datum_kind k : s.obs_type) (k == datum_kind::borehole ? sum.nborehole : sum.nsurface) += 1;
+  for (datum_kind k : s.datum_kinds)
+    (k == datum_kind::borehole ? sum.nborehole : sum.nsurface) += 1;
   sum.ncells = s.cells.ncell_total;
   sum.nbelow = s.n;
   timed("init");
@@ -174,27 +175,25 @@ void run_pipeline(const run_params& params, phase_clock& clock, run_log& out,
   out.enter_phase("sens");
 
   // sens: the rows, the sensitivity model and the matrix file.
-  std::vector<double> sens_sq, sens_avg;
-  assign_or_stop(sens_sq, static_cast<std::size_t>(s.n), 0.0, "sens3d");
-  assign_or_stop(sens_avg, static_cast<std::size_t>(s.n), 0.0, "sens3d");
+  std::vector<double> squared_sensitivity, mean_sensitivity;
+  assign_or_stop(squared_sensitivity, static_cast<std::size_t>(s.n), 0.0, "sens3d");
+  assign_or_stop(mean_sensitivity, static_cast<std::size_t>(s.n), 0.0, "sens3d");
   // The sample rows of the threshold estimate: the survey's directions, on
   // this thread. The first process estimates; the others take its thresholds.
-  row_workspace sample_ws =
-      make_row_workspace(survey_directions(s.obs), mesh_length_scale(s.mesh));
+  row_workspace sample_ws = make_row_workspace(survey_directions(s.obs), mesh_length_scale(s.mesh));
   const sample_row_fn sample_row = [&](int32_t idat, std::vector<double>& row) {
     const std::size_t d = static_cast<std::size_t>(idat - 1);
-    sens_row(sample_ws, s.obs.geomag, s.mesh.yn.data(), s.mesh.xn.data(), s.mesh.zn.data(),
-             s.mesh.ny, s.mesh.nx, s.mesh.nz, s.top_index.data(), idat, s.obs.obs_y[d],
-             s.obs.obs_x[d], s.mesh.z0 - s.obs.obs_z[d], row.data(), row.size(), out);
+    prism_row(sample_ws, s.obs.geomag, s.mesh.yn.data(), s.mesh.xn.data(), s.mesh.zn.data(),
+              s.mesh.ny, s.mesh.nx, s.mesh.nz, s.top_index.data(), idat, s.obs.northing[d],
+              s.obs.easting[d], s.mesh.z0 - s.obs.elevation[d], row.data(), row.size(), out);
   };
-  compression c =
-      setup_compression(s, params.wavelet, params.eps_line, sample_row, out, leads);
-  DEALLOC_AT(sample_ws.cache);
+  compression c = setup_compression(s, params.wavelet, params.eps_line, sample_row, out, leads);
+  sample_ws.cache = arctangent_cache{};  // the sample rows are done
   group.share_thresholds(c);
   // Before the first row: a run whose outputs can't be written stops now.
   sum.compressed = c.compressed;
-  sum.wctol_surface = c.wctol_surface;
-  sum.wctol_borehole = c.wctol_borehole;
+  sum.threshold_surface = c.threshold_surface;
+  sum.threshold_borehole = c.threshold_borehole;
   const row_range rows = group.rows(s.obs.ndata);
   check_output_room(s, c, output_path(options, "dulmarok.mtx"), out, rows.count());
   matrix_store store = make_matrix_store(c, s.n, rows.count());
@@ -202,15 +201,15 @@ void run_pipeline(const run_params& params, phase_clock& clock, run_log& out,
     store_sink sink(s, c, store, rows);
     row_sums sums;
     if (grid.regular) {
-      KERNEL2(s, grid, sink, rows, sums, out);
+      grid_row_loop(s, grid, sink, rows, sums, out);
     } else {
-      KERNEL(s, sink, rows, sums, out);
+      general_row_loop(s, sink, rows, sums, out);
     }
     group.reduce_sums(sums.sq);
     group.reduce_sums(sums.avg);
     if (leads) {
-      sums.sq.round(sens_sq);
-      round_mean(sums.avg, s.obs.ndata, sens_avg);
+      sums.sq.round(squared_sensitivity);
+      round_mean(sums.avg, s.obs.ndata, mean_sensitivity);
     }
     sum.nnz = int64_t{s.n} * s.obs.ndata;
     if (c.compressed) {
@@ -226,7 +225,7 @@ void run_pipeline(const run_params& params, phase_clock& clock, run_log& out,
       sum.achieved_error = fig.achieved_error;
       sum.row_error_mean = fig.row_error_mean;
       sum.row_error_max = fig.row_error_max;
-      if (params.diag_flag && leads) {
+      if (params.write_diagnostics && leads) {
         write_data_file(output_path(options, "data_notcompressed.txt"), s.obs, sink.data_full());
         write_data_file(output_path(options, "data_compressed.txt"), s.obs, sink.data_comp());
       }
@@ -235,19 +234,21 @@ void run_pipeline(const run_params& params, phase_clock& clock, run_log& out,
   timed("sens");
   out.enter_phase("writing");
   if (leads)
-    write_sensitivity_model(sens_avg, s.mesh, s.top_index, output_path(options, "sensitivity.txt"));
-  group.write_matrix(output_path(options, "dulmarok.mtx"), s, c, store, rows, sens_sq, out);
-  std::vector<double>().swap(sens_sq);
+    write_sensitivity_model(mean_sensitivity, s.mesh, s.top_index,
+                            output_path(options, "sensitivity.txt"));
+  group.write_matrix(output_path(options, "dulmarok.mtx"), s, c, store, rows, squared_sensitivity,
+                     out);
+  std::vector<double>().swap(squared_sensitivity);
 
   // uncompress: what the compressed rows make of the average sensitivity.
-  if (c.compressed && params.diag_flag) {
+  if (c.compressed && params.write_diagnostics) {
     out.enter_phase("uncompress");
     exact_sums sums;
-    UNCOMPRESSG(c, s.cells, store, s.n, rows, s.obs.ndata, s.wtz, sums, out);
+    uncompress_rows(c, s.cells, store, s.n, rows, s.obs.ndata, s.weights, sums, out);
     group.reduce_sums(sums);
     if (leads) {
-      round_mean(sums, s.obs.ndata, sens_avg);
-      write_sensitivity_model(sens_avg, s.mesh, s.top_index,
+      round_mean(sums, s.obs.ndata, mean_sensitivity);
+      write_sensitivity_model(mean_sensitivity, s.mesh, s.top_index,
                               output_path(options, "sensitivity_compressed.txt"));
     }
     timed("uncompress");
@@ -258,7 +259,7 @@ void run_pipeline(const run_params& params, phase_clock& clock, run_log& out,
 
 }  // namespace
 
-void sens3d(int argc, char** argv, run_log& out, const run_options& options) {
+void execute_run(int argc, char** argv, run_log& out, const run_options& options) {
   run_summary scratch;
   run_summary& sum = options.summary ? *options.summary : scratch;
   solo_group solo;
@@ -335,7 +336,7 @@ int run_command_line(int argc, char** argv, std::FILE* screen, const run_options
     if (options.summary) options.summary->report = report_text(s);
   };
   try {
-    sens3d(argc, argv, out, options);
+    execute_run(argc, argv, out, options);
   } catch (const stop& s) {
     deliver(s);
   } catch (const std::bad_alloc&) {

@@ -1,5 +1,5 @@
-// KERNEL2_MOD: the regular-grid row loop.
-#include "sens/kernel2_mod.hpp"
+// The regular-grid row loop.
+#include "sens/grid_row_loop.hpp"
 
 #include <algorithm>
 #include <cmath>
@@ -13,9 +13,9 @@
 #include "base/vector_target.hpp"
 #include "model/mesh.hpp"
 #include "sens/grid_copy.hpp"
-#include "sens/gsus_mod.hpp"
-#include "sens/gsus_no_atan_mod.hpp"
-#include "sens/kernel_mod.hpp"
+#include "sens/field_directions.hpp"
+#include "sens/prism_row.hpp"
+#include "sens/general_row_loop.hpp"
 
 namespace quolvent {
 
@@ -52,12 +52,11 @@ plan_status plan_shifts(const mesh_model& mesh, const obs_set& obs, int32_t ref_
   const int32_t nd = obs.ndata;
   if (ref_datum < 1 || ref_datum > nd) return plan_status::unusable;
   if (mesh.ny < 1 || mesh.nx < 1 || mesh.nz < 0) return plan_status::unusable;
-  if (!(cell_dy > 0.0) || !(cell_dx > 0.0) || !std::isfinite(cell_dy) ||
-      !std::isfinite(cell_dx))
+  if (!(cell_dy > 0.0) || !(cell_dx > 0.0) || !std::isfinite(cell_dy) || !std::isfinite(cell_dx))
     return plan_status::unusable;
 
-  const double oy = obs.obs_y[static_cast<std::size_t>(ref_datum) - 1];
-  const double ox = obs.obs_x[static_cast<std::size_t>(ref_datum) - 1];
+  const double oy = obs.northing[static_cast<std::size_t>(ref_datum) - 1];
+  const double ox = obs.easting[static_cast<std::size_t>(ref_datum) - 1];
   p.iy.resize(static_cast<std::size_t>(nd));
   p.ix.resize(static_cast<std::size_t>(nd));
   // Data reach the mesh edges and the reference may lie off the centre, so a
@@ -65,8 +64,8 @@ plan_status plan_shifts(const mesh_model& mesh, const obs_set& obs, int32_t ref_
   int64_t hy = half_extension(mesh.ny);
   int64_t hx = half_extension(mesh.nx);
   for (int32_t i = 0; i < nd; ++i) {
-    const double sy = (oy - obs.obs_y[static_cast<std::size_t>(i)]) / cell_dy;
-    const double sx = (ox - obs.obs_x[static_cast<std::size_t>(i)]) / cell_dx;
+    const double sy = (oy - obs.northing[static_cast<std::size_t>(i)]) / cell_dy;
+    const double sx = (ox - obs.easting[static_cast<std::size_t>(i)]) / cell_dx;
     if (!(std::fabs(sy) < shift_limit) || !(std::fabs(sx) < shift_limit))
       return plan_status::too_large;
     const int32_t iy = grid_shift(sy);
@@ -111,15 +110,16 @@ int32_t grid_shift(double cells) {
   return static_cast<int32_t>(cells >= 0.0 ? cells + 0.5 : cells - 0.5);
 }
 
-void KERNEL2(const survey& s, const grid_survey& grid, row_sink& sink,
-             std::vector<double>& sens_sq, std::vector<double>& sens_avg, const run_log& out) {
+void grid_row_loop(const survey& s, const grid_survey& grid, row_sink& sink,
+                   std::vector<double>& squared_sensitivity, std::vector<double>& mean_sensitivity,
+                   const run_log& out) {
   row_sums sums;
-  KERNEL2(s, grid, sink, all_rows(s.obs.ndata), sums, out);
-  round_sums(sums, s.obs.ndata, sens_sq, sens_avg);
+  grid_row_loop(s, grid, sink, all_rows(s.obs.ndata), sums, out);
+  round_sums(sums, s.obs.ndata, squared_sensitivity, mean_sensitivity);
 }
 
-void KERNEL2(const survey& s, const grid_survey& grid, row_sink& sink, row_range rows,
-             row_sums& sums, const run_log& out) {
+void grid_row_loop(const survey& s, const grid_survey& grid, row_sink& sink, row_range rows,
+                   row_sums& sums, const run_log& out) {
   const mesh_model& mesh = s.mesh;
   const obs_set& obs = s.obs;
   const std::vector<int32_t>& top_index = s.top_index;
@@ -139,11 +139,11 @@ void KERNEL2(const survey& s, const grid_survey& grid, row_sink& sink, row_range
     else
       out.report_log({"", " Regular survey without a usable reference datum or cell width,",
                       " so the rows are computed datum by datum.", ""});
-    KERNEL(s, sink, rows, sums, out);
+    general_row_loop(s, sink, rows, sums, out);
     return;
   }
   if (!rows_fit(mesh, n, top_index)) stop_text("indx /= size(g)");
-  if (s.wtz.size() != nn) stop_text("size(wtz) /= n");
+  if (s.weights.size() != nn) stop_text("size(weights) /= n");
   if (rows.first < 0 || rows.last > ndata) stop_text("rows outside the data");
 
   // The cube and the extended mesh.
@@ -174,22 +174,22 @@ void KERNEL2(const survey& s, const grid_survey& grid, row_sink& sink, row_range
   const double test_model = sink.test_model();
 
   // The reference row over the extended mesh, on this thread alone, with the
-  // tolerances of the model's mesh: the rows must be those KERNEL would give.
+  // tolerances of the model's mesh: the rows must be those general_row_loop would give.
   const std::size_t r = static_cast<std::size_t>(ref_datum) - 1;
-  const double oy = obs.obs_y[r];
-  const double ox = obs.obs_x[r];
-  const double oz = mesh.z0 - obs.obs_z[r];
+  const double oy = obs.northing[r];
+  const double ox = obs.easting[r];
+  const double oz = mesh.z0 - obs.elevation[r];
   // A process without rows has no use for it.
   if (rows.count() > 0) {
     row_workspace ws = make_row_workspace(survey_directions(obs), mesh_length_scale(mesh));
-    sens_row(ws, obs.geomag, yn2.data(), xn2.data(), mesh.zn.data(), ny2, nx2, nz, top2.data(),
-             ref_datum, oy, ox, oz, gbig.data(), gbig.size(), out);
+    prism_row(ws, obs.geomag, yn2.data(), xn2.data(), mesh.zn.data(), ny2, nx2, nz, top2.data(),
+              ref_datum, oy, ox, oz, gbig.data(), gbig.size(), out);
   }
 
   // Every row a shifted, weighted sub-block of the cube.
   row_loop loop(out, ndata, sums);
   const double* cube = gbig.data();
-  const double* wtz = s.wtz.data();
+  const double* weights = s.weights.data();
   const std::size_t col_stride = static_cast<std::size_t>(nz);
   const std::size_t line_stride = static_cast<std::size_t>(nx2) * col_stride;
 #pragma omp parallel default(shared)
@@ -219,7 +219,7 @@ void KERNEL2(const survey& s, const grid_survey& grid, row_sink& sink, row_range
         float* column = sink.full_column(i);
         double* g = t.g.data();
         const grid_copy_in in{cube + base, line_stride, col_stride, top_index.data(),
-                              ny,          nx,          nz,         wtz};
+                              ny,          nx,          nz,         weights};
         grid_copy_row(target, in, t.avg.data(), t.sq.data(), column != nullptr ? nullptr : g,
                       column);
 
@@ -227,7 +227,7 @@ void KERNEL2(const survey& s, const grid_survey& grid, row_sink& sink, row_range
         if (column == nullptr) {
           double full = 0.0;
           if (test_model != 0.0) {
-            for (std::size_t k = 0; k < nn; ++k) full += test_model * (g[k] * wtz[k]);
+            for (std::size_t k = 0; k < nn; ++k) full += test_model * (g[k] * weights[k]);
           }
           sink.put(*t.part, i, g, full);
         }

@@ -1,8 +1,8 @@
-// WTN_MOD: many lines are filtered at once (wavelet_lanes): along the
+// Many lines are filtered at once (wavelet_lanes): along the
 // strided axes the lines lie side by side already, a block of them at a time
 // so that the block stays in cache; the contiguous lines (z) are turned into
 // such a block first. Nothing is allocated per row.
-#include "wavelet/wtn_mod.hpp"
+#include "wavelet/transform.hpp"
 
 #include <algorithm>
 #include <cmath>
@@ -63,32 +63,31 @@ void set_padded_extents(const mesh_model& mesh, compression& c) {
   if (!too_big) too_big = py * px * pz > max_position;
   if (too_big) {
     stop_report({"", "ERROR: the mesh is too large for wavelet compression: the padded cube of",
-            "       " + fmt_int(py) + " x " + fmt_int(px) + " x " + fmt_int(pz) +
-                " elements has more places than the 2147483647",
-            "       that the positions of a compressed row can address.",
-            "       Use a smaller mesh, or NONE for no compression.",
-            ""});
+                 "       " + fmt_int(py) + " x " + fmt_int(px) + " x " + fmt_int(pz) +
+                     " elements has more places than the 2147483647",
+                 "       that the positions of a compressed row can address.",
+                 "       Use a smaller mesh, or NONE for no compression.", ""});
   }
   c.ny = mesh.ny;
   c.nx = mesh.nx;
   c.nz = mesh.nz;
-  c.nyp = static_cast<int32_t>(py);
-  c.nxp = static_cast<int32_t>(px);
-  c.nzp = static_cast<int32_t>(pz);
-  c.ncube = py * px * pz;
+  c.padded_ny = static_cast<int32_t>(py);
+  c.padded_nx = static_cast<int32_t>(px);
+  c.padded_nz = static_cast<int32_t>(pz);
+  c.cube_size = py * px * pz;
 }
 
-wtn_filters set_filters(const std::vector<double>& c, int32_t nc) {
-  wtn_filters flt;
-  flt.ncof = nc;
-  flt.cc.assign(static_cast<std::size_t>(nc), 0.0);
-  flt.cr.assign(static_cast<std::size_t>(nc), 0.0);
+transform_filters set_filters(const std::vector<double>& c, int32_t nc) {
+  transform_filters filters;
+  filters.filter_length = nc;
+  filters.low_pass.assign(static_cast<std::size_t>(nc), 0.0);
+  filters.high_pass.assign(static_cast<std::size_t>(nc), 0.0);
   for (int32_t k = 1; k <= nc; ++k) {
-    flt.cc[k - 1] = c[k - 1];
-    flt.cr[nc - k] = (k % 2 == 1) ? -c[k - 1] : c[k - 1];
+    filters.low_pass[k - 1] = c[k - 1];
+    filters.high_pass[nc - k] = (k % 2 == 1) ? -c[k - 1] : c[k - 1];
   }
-  flt.ioff = -(nc / 2);
-  return flt;
+  filters.tap_offset = -(nc / 2);
+  return filters;
 }
 
 namespace {
@@ -106,13 +105,14 @@ void row_to_cube(const compression& c, const active_cells& cells, const double* 
                  double* y) {
   const int use_map = row_map(cells, len);
   const int32_t ny = c.ny, nx = c.nx, nz = c.nz;
-  const int32_t nyp = c.nyp, nxp = c.nxp, nzp = c.nzp;
-  const std::size_t zp = static_cast<std::size_t>(nzp);
-  const std::size_t plane = zp * static_cast<std::size_t>(nxp);
+  const int32_t padded_ny = c.padded_ny, padded_nx = c.padded_nx, padded_nz = c.padded_nz;
+  const std::size_t zp = static_cast<std::size_t>(padded_nz);
+  const std::size_t plane = zp * static_cast<std::size_t>(padded_nx);
   std::size_t next = 0;  // plain copy: the next value of x
-  for (int32_t i = 1; i <= nyp; ++i) {
-    for (int32_t j = 1; j <= nxp; ++j) {
-      double* col = y + static_cast<std::size_t>(j - 1) * zp + static_cast<std::size_t>(i - 1) * plane;
+  for (int32_t i = 1; i <= padded_ny; ++i) {
+    for (int32_t j = 1; j <= padded_nx; ++j) {
+      double* col =
+          y + static_cast<std::size_t>(j - 1) * zp + static_cast<std::size_t>(i - 1) * plane;
       std::size_t k0 = 0;
       if (i <= ny && j <= nx) {
         if (use_map) {
@@ -135,9 +135,9 @@ void cube_to_row(const compression& c, const active_cells& cells, double* x, int
                  const double* y) {
   const int use_map = row_map(cells, len);
   const int32_t ny = c.ny, nx = c.nx, nz = c.nz;
-  const int32_t nxp = c.nxp, nzp = c.nzp;
-  const std::size_t zp = static_cast<std::size_t>(nzp);
-  const std::size_t plane = zp * static_cast<std::size_t>(nxp);
+  const int32_t padded_nx = c.padded_nx, padded_nz = c.padded_nz;
+  const std::size_t zp = static_cast<std::size_t>(padded_nz);
+  const std::size_t plane = zp * static_cast<std::size_t>(padded_nx);
   std::size_t next = 0;
   const int32_t* map = cells.active_map.data();
   for (int32_t i = 1; i <= ny; ++i) {
@@ -157,8 +157,8 @@ void cube_to_row(const compression& c, const active_cells& cells, double* x, int
 }
 
 void transform_cube(const compression& c, double* a, int32_t isign, line_buffers& lb) {
-  const int32_t nn[3] = {c.nzp, c.nxp, c.nyp};
-  WTN(c.flt, a, nn, isign, lb);
+  const int32_t nn[3] = {c.padded_nz, c.padded_nx, c.padded_ny};
+  transform_3d(c.filters, a, nn, isign, lb);
 }
 
 namespace {
@@ -166,17 +166,17 @@ namespace {
 // pwt_step: one filtering step with NC taps (NC of 0: the run-time count),
 // so that the usual filter lengths get loops of fixed length.
 template <int NC>
-void pwt_step(const wtn_filters& flt, double* a, int64_t n, bool forward, double* w) {
-  const int32_t nc = NC > 0 ? NC : flt.ncof;
-  const double* cc = flt.cc.data();
-  const double* cr = flt.cr.data();
+void pwt_step(const transform_filters& filters, double* a, int64_t n, bool forward, double* w) {
+  const int32_t nc = NC > 0 ? NC : filters.filter_length;
+  const double* cc = filters.low_pass.data();
+  const double* cr = filters.high_pass.data();
   const int64_t h = n / 2;
   const int64_t mask = n - 1;
-  // ncof * n keeps the sum positive; the mask is the periodic wrap.
-  const int64_t base = static_cast<int64_t>(nc) * n + flt.ioff;
+  // filter_length * n keeps the sum positive; the mask is the periodic wrap.
+  const int64_t base = static_cast<int64_t>(nc) * n + filters.tap_offset;
   // Away from the ends of the line the taps don't wrap: there the positions
   // are plain offsets, taken in the same order, so the sums are the same.
-  const int64_t off = flt.ioff + 1;  // unwrapped, tap k of pair i is at off + 2i + k
+  const int64_t off = filters.tap_offset + 1;  // unwrapped, tap k of pair i is at off + 2i + k
   auto no_wrap = [&](int64_t i) { return off + 2 * i + 1 >= 0 && off + 2 * i + nc < n; };
   if (forward) {
     for (int64_t i = 0; i < h; ++i) {
@@ -206,7 +206,8 @@ void pwt_step(const wtn_filters& flt, double* a, int64_t n, bool forward, double
         double* v = w + (off + 2 * i);
         for (int32_t k = 1; k <= nc; ++k) v[k] += cc[k - 1] * p + cr[k - 1] * q;
       } else {
-        for (int32_t k = 1; k <= nc; ++k) w[(base + 2 * i + 1 + k) & mask] += cc[k - 1] * p + cr[k - 1] * q;
+        for (int32_t k = 1; k <= nc; ++k)
+          w[(base + 2 * i + 1 + k) & mask] += cc[k - 1] * p + cr[k - 1] * q;
       }
     }
   }
@@ -215,20 +216,35 @@ void pwt_step(const wtn_filters& flt, double* a, int64_t n, bool forward, double
 
 }  // namespace
 
-void PWT(const wtn_filters& flt, double* a, int32_t n, bool forward, double* w) {
+void filter_step(const transform_filters& filters, double* a, int32_t n, bool forward, double* w) {
   if (n < 4) return;
-  switch (flt.ncof) {
-    case 2: pwt_step<2>(flt, a, n, forward, w); break;
-    case 4: pwt_step<4>(flt, a, n, forward, w); break;
-    case 6: pwt_step<6>(flt, a, n, forward, w); break;
-    case 8: pwt_step<8>(flt, a, n, forward, w); break;
-    case 10: pwt_step<10>(flt, a, n, forward, w); break;
-    case 12: pwt_step<12>(flt, a, n, forward, w); break;
-    default: pwt_step<0>(flt, a, n, forward, w); break;
+  switch (filters.filter_length) {
+    case 2:
+      pwt_step<2>(filters, a, n, forward, w);
+      break;
+    case 4:
+      pwt_step<4>(filters, a, n, forward, w);
+      break;
+    case 6:
+      pwt_step<6>(filters, a, n, forward, w);
+      break;
+    case 8:
+      pwt_step<8>(filters, a, n, forward, w);
+      break;
+    case 10:
+      pwt_step<10>(filters, a, n, forward, w);
+      break;
+    case 12:
+      pwt_step<12>(filters, a, n, forward, w);
+      break;
+    default:
+      pwt_step<0>(filters, a, n, forward, w);
+      break;
   }
 }
 
-void WTN(const wtn_filters& f, double* a, const int32_t nn[3], int32_t isign, line_buffers& lb) {
+void transform_3d(const transform_filters& f, double* a, const int32_t nn[3], int32_t isign,
+                  line_buffers& lb) {
   const int64_t target = target_of(lb);
   const bool forward = isign >= 0;
   const int64_t ntot = static_cast<int64_t>(nn[0]) * nn[1] * nn[2];
@@ -280,12 +296,13 @@ double row_coefficients(const compression& c, const active_cells& cells, const d
                         int64_t len, double* y, line_buffers& lb) {
   const int use_map = row_map(cells, len);
   const int64_t target = target_of(lb);
-  const wtn_filters& f = c.flt;
+  const transform_filters& f = c.filters;
   const int32_t ny = c.ny, nx = c.nx, nz = c.nz;
-  const std::size_t zp = static_cast<std::size_t>(c.nzp), xp = static_cast<std::size_t>(c.nxp),
-                    yp = static_cast<std::size_t>(c.nyp);
+  const std::size_t zp = static_cast<std::size_t>(c.padded_nz),
+                    xp = static_cast<std::size_t>(c.padded_nx),
+                    yp = static_cast<std::size_t>(c.padded_ny);
   const std::size_t plane = zp * xp;
-  const std::size_t bx = lane_block(c.nxp, zp), by = lane_block(c.nyp, plane);
+  const std::size_t bx = lane_block(c.padded_nx, zp), by = lane_block(c.padded_ny, plane);
   grow(lb.wk, std::max(2 * zp + 320, yp * by));
   grow(lb.wksp, std::max(xp * bx, yp * by));
   double* wk = lb.wk.data();
@@ -301,17 +318,17 @@ double row_coefficients(const compression& c, const active_cells& cells, const d
     double* pl = y + static_cast<std::size_t>(i) * plane;
     const std::size_t first = cz * static_cast<std::size_t>(nx) * static_cast<std::size_t>(i);
     columns_forward(target, f, x, map ? map + first : nullptr, map ? nullptr : x + first, nx, nz,
-                    c.nzp, pl, wk);
+                    c.padded_nz, pl, wk);
     if (xp > 4) {
       for (std::size_t l0 = 0; l0 < zp; l0 += bx)
-        lines_transform(target, f, pl + l0, zp, std::min(bx, zp - l0), c.nxp, nx, true, tmp);
+        lines_transform(target, f, pl + l0, zp, std::min(bx, zp - l0), c.padded_nx, nx, true, tmp);
     } else {
       std::fill(pl + static_cast<std::size_t>(nx) * zp, pl + plane, 0.0);
     }
   }
   if (yp <= 4) {
     std::fill(y + static_cast<std::size_t>(ny) * plane, y + yp * plane, 0.0);
-    return max_abs(target, y, static_cast<std::size_t>(c.ncube));
+    return max_abs(target, y, static_cast<std::size_t>(c.cube_size));
   }
   // Through y a block of lines at a time, copied out of the cube and back:
   // in place, the lines' values a plane apart would crowd the same few
@@ -321,8 +338,8 @@ double row_coefficients(const compression& c, const active_cells& cells, const d
   for (std::size_t l0 = 0; l0 < plane; l0 += by) {
     const std::size_t w = std::min(by, plane - l0);
     copy_rows_max(target, y + l0, plane, blk, w, w, ny);
-    lines_transform(target, f, blk, w, w, c.nyp, ny, true, tmp);
-    m = std::fmax(m, copy_rows_max(target, blk, w, y + l0, plane, w, c.nyp));
+    lines_transform(target, f, blk, w, w, c.padded_ny, ny, true, tmp);
+    m = std::fmax(m, copy_rows_max(target, blk, w, y + l0, plane, w, c.padded_ny));
   }
   return m;
 }

@@ -1,5 +1,5 @@
-// KERNEL_MOD: the general row loop.
-#include "sens/kernel_mod.hpp"
+// The general row loop.
+#include "sens/general_row_loop.hpp"
 
 #include <algorithm>
 #include <cmath>
@@ -9,8 +9,8 @@
 
 #include "base/stop.hpp"
 #include "model/mesh.hpp"
-#include "sens/gsus_mod.hpp"
-#include "sens/gsus_no_atan_mod.hpp"
+#include "sens/field_directions.hpp"
+#include "sens/prism_row.hpp"
 
 namespace quolvent {
 
@@ -70,32 +70,33 @@ void end_thread_rows(row_loop& loop, row_sink& sink, thread_rows& t) {
   t.part.reset();
 }
 
-void round_sums(const row_sums& sums, int32_t ndata, std::vector<double>& sens_sq,
-                std::vector<double>& sens_avg) {
-  sums.sq.round(sens_sq);
-  sums.avg.round(sens_avg);
+void round_sums(const row_sums& sums, int32_t ndata, std::vector<double>& squared_sensitivity,
+                std::vector<double>& mean_sensitivity) {
+  sums.sq.round(squared_sensitivity);
+  sums.avg.round(mean_sensitivity);
   if (ndata > 0) {
-    for (double& v : sens_avg) v /= ndata;
+    for (double& v : mean_sensitivity) v /= ndata;
   }
 }
 
-void KERNEL(const survey& s, row_sink& sink, std::vector<double>& sens_sq,
-            std::vector<double>& sens_avg, const run_log& out) {
+void general_row_loop(const survey& s, row_sink& sink, std::vector<double>& squared_sensitivity,
+                      std::vector<double>& mean_sensitivity, const run_log& out) {
   row_sums sums;
-  KERNEL(s, sink, all_rows(s.obs.ndata), sums, out);
-  round_sums(sums, s.obs.ndata, sens_sq, sens_avg);
+  general_row_loop(s, sink, all_rows(s.obs.ndata), sums, out);
+  round_sums(sums, s.obs.ndata, squared_sensitivity, mean_sensitivity);
 }
 
-void KERNEL(const survey& s, row_sink& sink, row_range rows, row_sums& sums, const run_log& out) {
+void general_row_loop(const survey& s, row_sink& sink, row_range rows, row_sums& sums,
+                      const run_log& out) {
   const mesh_model& mesh = s.mesh;
   const obs_set& obs = s.obs;
   const int32_t n = s.n;
   const int32_t ndata = obs.ndata;
   const std::size_t len = static_cast<std::size_t>(n > 0 ? n : 0);
 
-  if (s.wtz.size() < len ||
+  if (s.weights.size() < len ||
       s.top_index.size() < static_cast<std::size_t>(mesh.ny) * static_cast<std::size_t>(mesh.nx)) {
-    stop_text("size(wtz) /= n");
+    stop_text("size(weights) /= n");
   }
   if (rows.first < 0 || rows.last > ndata) stop_text("rows outside the data");
 
@@ -103,7 +104,7 @@ void KERNEL(const survey& s, row_sink& sink, row_range rows, row_sums& sums, con
   const double test_model = sink.test_model();
 
   row_loop loop(out, ndata, sums);
-  const dir_products master = survey_directions(obs);
+  const direction_products master = survey_directions(obs);
   const double length_scale = mesh_length_scale(mesh);
   const double* yn = mesh.yn.data();
   const double* xn = mesh.xn.data();
@@ -112,7 +113,7 @@ void KERNEL(const survey& s, row_sink& sink, row_range rows, row_sums& sums, con
   const int32_t ny = mesh.ny, nx = mesh.nx, nz = mesh.nz;
   const double z0 = mesh.z0;
   const bool per_datum_dir = obs.idir == 0;
-  const double* wtz = s.wtz.data();
+  const double* weights = s.weights.data();
 
 #pragma omp parallel shared(loop)
   {
@@ -131,9 +132,9 @@ void KERNEL(const survey& s, row_sink& sink, row_range rows, row_sums& sums, con
         out.check_interrupt();
         const std::size_t d = static_cast<std::size_t>(i - 1);
         double* g = t.g.data();
-        const double oy = obs.obs_y[d], ox = obs.obs_x[d], oz = z0 - obs.obs_z[d];
+        const double oy = obs.northing[d], ox = obs.easting[d], oz = z0 - obs.elevation[d];
         if (per_datum_dir)
-          SET_G_VALUES(obs.incl, obs.decl, obs.obs_aincl[d], obs.obs_adecl[d], ws.dir);
+          ws.dir = field_directions(obs.incl, obs.decl, obs.datum_aincl[d], obs.datum_adecl[d]);
         // Each finished row of columns, while in cache: the datum of the test
         // model from the row before the weighting (summed in cell order), the
         // group's sums of |row| before the weighting and of the weighted row
@@ -148,7 +149,7 @@ void KERNEL(const survey& s, row_sink& sink, row_range rows, row_sums& sums, con
           }
           for (std::size_t k = begin; k < end; ++k) {
             avg[k] += std::fabs(g[k]);
-            const double v = g[k] / wtz[k];
+            const double v = g[k] / weights[k];
             g[k] = v;
             sq[k] += v * v;
           }
@@ -156,7 +157,7 @@ void KERNEL(const survey& s, row_sink& sink, row_range rows, row_sums& sums, con
             for (std::size_t k = begin; k < end; ++k) col[k] = static_cast<float>(g[k]);
           }
         };
-        sens_row(ws, obs.geomag, yn, xn, zn, ny, nx, nz, top, i, oy, ox, oz, g, len, out, finish);
+        prism_row(ws, obs.geomag, yn, xn, zn, ny, nx, nz, top, i, oy, ox, oz, g, len, out, finish);
         if (col == nullptr) sink.put(*t.part, i - 1, g, full);
         loop.progress.row_done();
         if (ends_group(i - 1, mine)) end_group(loop, t);

@@ -1,8 +1,8 @@
-// COMPRESS_ROW_MOD: the row is compressed on the thread that computed it:
+// The row is compressed on the thread that computed it:
 // the transform plane by plane, then one pass that keeps the coefficients
 // into the thread's buffers, from which each record is made at its exact
 // size.
-#include "wavelet/compress_row_mod.hpp"
+#include "wavelet/compress_row.hpp"
 
 #include <cmath>
 #include <cstddef>
@@ -21,24 +21,26 @@ namespace {
       {"", "ERROR: cannot allocate any more memory for the compressed sensitivity matrix.", ""});
 }
 
-}  // namespace
-
-void ALLOC_WORK(const compression& c, compress_workspace& ws) {
-  assign_or_stop(ws.work, static_cast<std::size_t>(c.ncube), 0.0, "alloc_work");
+// make_cube: work made a cube of c, or the allocation stop "alloc_work".
+void make_cube(const compression& c, std::vector<double>& work) {
+  assign_or_stop(work, static_cast<std::size_t>(c.cube_size), 0.0, "alloc_work");
 }
 
-void DEALLOC_WORK(compress_workspace& ws) { std::vector<double>().swap(ws.work); }
+}  // namespace
 
-double COMPRESS_ROW(const compression& c, const active_cells& cells, const double* row, int32_t n,
+compress_workspace::compress_workspace(const compression& c) { make_cube(c, work); }
+
+double compress_row(const compression& c, const active_cells& cells, const double* row, int32_t n,
                     compressed_row& rec, int64_t& nnz, datum_kind kind, compress_workspace& ws) {
   std::vector<float>().swap(rec.val);
   std::vector<int32_t>().swap(rec.idx);
-  // A workspace that skipped ALLOC_WORK gets its cube here rather than
-  // writing past an empty one.
-  if (ws.work.size() != static_cast<std::size_t>(c.ncube)) ALLOC_WORK(c, ws);
+  // A workspace made for another cube (or none) gets its own here rather
+  // than writing past the end of the one it has.
+  if (ws.work.size() != static_cast<std::size_t>(c.cube_size)) make_cube(c, ws.work);
   double* w = ws.work.data();
   const double m = row_coefficients(c, cells, row, n, w, ws.lines);
-  const double t = m * ((kind == datum_kind::borehole) ? c.wctol_borehole : c.wctol_surface);
+  const double t =
+      m * ((kind == datum_kind::borehole) ? c.threshold_borehole : c.threshold_surface);
 
   // One pass keeps the coefficients and sums the energy of the row's error:
   // the transform is orthogonal, so what the record leaves out of the
@@ -49,7 +51,7 @@ double COMPRESS_ROW(const compression& c, const active_cells& cells, const doubl
   const double scale = (m > 0.0) ? 1.0 / m : 0.0;
   kept_pack k;
   try {
-    k = pack_kept(ws.lines.vector_target, w, static_cast<std::size_t>(c.ncube), t, scale,
+    k = pack_kept(ws.lines.vector_target, w, static_cast<std::size_t>(c.cube_size), t, scale,
                   ws.kept_idx, ws.kept_val);
     rec.idx.assign(ws.kept_idx.begin(), ws.kept_idx.end());
     rec.val.assign(ws.kept_val.begin(), ws.kept_val.end());
@@ -62,13 +64,13 @@ double COMPRESS_ROW(const compression& c, const active_cells& cells, const doubl
 }
 
 std::vector<double> transform_test_model(const compression& c, const active_cells& cells,
-                                         double value, const std::vector<double>& wtz) {
-  const std::size_t len = wtz.size();
+                                         double value, const std::vector<double>& weights) {
+  const std::size_t len = weights.size();
   std::vector<double> test_model_w;
   try {
     std::vector<double> prod(len);
-    for (std::size_t i = 0; i < len; ++i) prod[i] = value * wtz[i];
-    test_model_w.assign(static_cast<std::size_t>(c.ncube), 0.0);
+    for (std::size_t i = 0; i < len; ++i) prod[i] = value * weights[i];
+    test_model_w.assign(static_cast<std::size_t>(c.cube_size), 0.0);
     row_to_cube(c, cells, prod.data(), static_cast<int64_t>(len), test_model_w.data());
   } catch (const std::bad_alloc&) {
     alloc_failed("transform_test_model");
@@ -84,7 +86,7 @@ double dot_compressed(const std::vector<double>& test_model_w, const compressed_
   double s = 0.0;
   for (std::size_t k = 0; k < m; ++k) {
     const int64_t p = rec.idx[k];
-    // Positions come from COMPRESS_ROW; one outside the cube means the test
+    // Positions come from compress_row; one outside the cube means the test
     // model was never transformed.
     if (p < 1 || static_cast<std::size_t>(p) > size) stop_text("idx outside the test model");
     s += static_cast<double>(rec.val[k]) * test_model_w[static_cast<std::size_t>(p - 1)];
@@ -100,7 +102,8 @@ compression_figures report_compression(int32_t n, int32_t ndata, int64_t nnz,
   out.say_log("");
   out.say_log(fmt_right("Number of non-zeros:", 30) + fmt_int(nnz, 10));
   if (nnz > 0) {
-    const double ratio = static_cast<double>(n) * static_cast<double>(ndata) / static_cast<double>(nnz);
+    const double ratio =
+        static_cast<double>(n) * static_cast<double>(ndata) / static_cast<double>(nnz);
     out.say_log(fmt_right("Compression   ratio:", 30) + fmt_sci(ratio, 12, 4));
     fig.ratio = ratio;
   } else {
@@ -121,7 +124,8 @@ compression_figures report_compression(int32_t n, int32_t ndata, int64_t nnz,
     const double mean = (used > 0) ? sum / static_cast<double>(used) : 0.0;
     out.say_log(fmt_right("achieved relative error:", 30) + fmt_sci(mean, 12, 4));
     fig.achieved_error = mean;
-    if (used < ndata) out.say_log(fmt_right("zero-response data left out:", 30) + fmt_int(ndata - used, 10));
+    if (used < ndata)
+      out.say_log(fmt_right("zero-response data left out:", 30) + fmt_int(ndata - used, 10));
   }
   if (row_err != nullptr) {
     // Every row counts here, one of zeros with its error of 0. Summed in

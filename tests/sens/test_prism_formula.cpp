@@ -8,8 +8,8 @@
 #include <random>
 #include <vector>
 
-#include "sens/gsus_mod.hpp"
-#include "sens/gsus_no_atan_mod.hpp"
+#include "sens/field_directions.hpp"
+#include "sens/prism_row.hpp"
 #include "sens/vector_math.hpp"
 #include "support/test_support.hpp"
 
@@ -86,16 +86,14 @@ double one_cell(quolvent::row_workspace& ws, const vec& lo, const vec& hi, const
   const double yn[2] = {lo[0], hi[0]}, xn[2] = {lo[1], hi[1]}, zn[2] = {lo[2], hi[2]};
   const int32_t top[1] = {0};
   double g = -1;
-  quolvent::sens_row(ws, four_pi, yn, xn, zn, 1, 1, 1, top, 1, p[0], p[1], p[2], &g, 1, out);
+  quolvent::prism_row(ws, four_pi, yn, xn, zn, 1, 1, 1, top, 1, p[0], p[1], p[2], &g, 1, out);
   return g;
 }
 
 // workspace: a thread's workspace for the field (fi, fd) and the measured
 // direction (ai, ad), on meshes with no width below 1 (length scale 1).
 quolvent::row_workspace workspace(double fi, double fd, double ai, double ad) {
-  quolvent::dir_products d;
-  quolvent::SET_G_VALUES(fi, fd, ai, ad, d);
-  return quolvent::make_row_workspace(d, 1.0);
+  return quolvent::make_row_workspace(quolvent::field_directions(fi, fd, ai, ad), 1.0);
 }
 
 }  // namespace
@@ -121,7 +119,7 @@ TEST(Gsus, AgreesWithQuadrature) {
     }
     const double fi = ang(rng), fd = dec(rng), ai = ang(rng), ad = dec(rng);
     const vec l = unit(fi, fd), m = unit(ai, ad);
-    quolvent::SET_G_VALUES(fi, fd, ai, ad, ws.dir);
+    ws.dir = quolvent::field_directions(fi, fd, ai, ad);
     double scale = 0, want = 0;
     if (c % 27 == 13) {  // inside
       scale = std::fabs(want = -four_pi / 3 * (l[0] * m[0] + l[1] * m[1] + l[2] * m[2]));
@@ -182,8 +180,8 @@ TEST(Gsus, EdgesAndNodes) {
   std::vector<double> g(12);
   for (const double d : {0.0, 0.0005, 0.001}) {
     qt::capture cap;
-    quolvent::sens_row(ws, 50000, yn, xn, zn, 2, 3, 2, top, 17, 10 + d, 10 - d, 5, g.data(),
-                       g.size(), cap.out);
+    quolvent::prism_row(ws, 50000, yn, xn, zn, 2, 3, 2, top, 17, 10 + d, 10 - d, 5, g.data(),
+                        g.size(), cap.out);
     for (int e = 0; e < 12; ++e)  // the cells (j, i, 1) around the edge are at 0, 2, 6, 8
       EXPECT_EQ(g[e] == 0.0, d < 0.001 && e % 6 < 3 && e % 2 == 0) << d << " " << e;
     if (d == 0) EXPECT_EQ(cap.log().substr(0, msg.size()), msg);
@@ -191,7 +189,7 @@ TEST(Gsus, EdgesAndNodes) {
   }
   qt::capture cap;
   g.resize(18);
-  quolvent::sens_row(ws, 50000, yn, xn, zn, 3, 3, 2, top, 5, 20, 10, 10, g.data(), g.size(),
-                     cap.out);
+  quolvent::prism_row(ws, 50000, yn, xn, zn, 3, 3, 2, top, 5, 20, 10, 10, g.data(), g.size(),
+                      cap.out);
   for (double v : g) EXPECT_TRUE(std::isfinite(v));
 }

@@ -1,6 +1,6 @@
-// UNCOMPRESSG_MOD: one parallel region over the data, a cube and a row per
+// One parallel region over the data, a cube and a row per
 // thread; the matrix is never formed.
-#include "wavelet/uncompressg_mod.hpp"
+#include "wavelet/uncompress.hpp"
 
 #include <algorithm>
 #include <cmath>
@@ -13,36 +13,36 @@
 #include "base/progress.hpp"
 #include "base/stop.hpp"
 #include "base/stop_latch.hpp"
-#include "wavelet/wtn_mod.hpp"
+#include "wavelet/transform.hpp"
 
 namespace quolvent {
 
-void UNCOMPRESSG(const compression& c, const active_cells& cells, const matrix_store& store,
-                 int32_t n, int32_t ndata_in, const std::vector<double>& wtz,
-                 std::vector<double>& sens_avg, const run_log& out) {
+void uncompress_rows(const compression& c, const active_cells& cells, const matrix_store& store,
+                     int32_t n, int32_t ndata_in, const std::vector<double>& weights,
+                     std::vector<double>& mean_sensitivity, const run_log& out) {
   const int32_t ndata = static_cast<int32_t>(std::min<std::size_t>(
-      store.g_compressed.size(), static_cast<std::size_t>(std::max(ndata_in, 0))));
+      store.compressed_rows.size(), static_cast<std::size_t>(std::max(ndata_in, 0))));
   exact_sums sums;
-  UNCOMPRESSG(c, cells, store, n, all_rows(ndata), ndata, wtz, sums, out);
-  sums.round(sens_avg);
+  uncompress_rows(c, cells, store, n, all_rows(ndata), ndata, weights, sums, out);
+  sums.round(mean_sensitivity);
   if (ndata > 0) {
-    for (double& v : sens_avg) v /= ndata;
+    for (double& v : mean_sensitivity) v /= ndata;
   }
 }
 
-void UNCOMPRESSG(const compression& c, const active_cells& cells, const matrix_store& store,
-                 int32_t n, row_range rows, int32_t ndata, const std::vector<double>& wtz,
-                 exact_sums& sums, const run_log& out) {
+void uncompress_rows(const compression& c, const active_cells& cells, const matrix_store& store,
+                     int32_t n, row_range rows, int32_t ndata, const std::vector<double>& weights,
+                     exact_sums& sums, const run_log& out) {
   out.say_screen(" Uncompressing ...");
   out.say_screen(" % done:");
   if (out.screen()) std::fflush(out.screen());
 
-  const std::vector<compressed_row>& g_compressed = store.g_compressed;
-  const int64_t ncube = c.ncube;
+  const std::vector<compressed_row>& compressed_rows = store.compressed_rows;
+  const int64_t cube_size = c.cube_size;
   const std::size_t len = static_cast<std::size_t>(n > 0 ? n : 0);
-  const std::size_t nc = static_cast<std::size_t>(ncube);
-  if (g_compressed.size() < static_cast<std::size_t>(rows.count()) || wtz.size() < len)
-    stop_text("size(g_compressed) /= ndata");
+  const std::size_t nc = static_cast<std::size_t>(cube_size);
+  if (compressed_rows.size() < static_cast<std::size_t>(rows.count()) || weights.size() < len)
+    stop_text("size(compressed_rows) /= ndata");
   try {
     sums.assign(len);
   } catch (const std::bad_alloc&) {
@@ -78,17 +78,17 @@ void UNCOMPRESSG(const compression& c, const active_cells& cells, const matrix_s
       if (latch.stopped()) continue;
       latch.run([&] {
         out.check_interrupt();
-        const compressed_row& rec = g_compressed[static_cast<std::size_t>(i - rows.first)];
+        const compressed_row& rec = compressed_rows[static_cast<std::size_t>(i - rows.first)];
         std::fill(cube.begin(), cube.end(), 0.0);
         const std::size_t m = std::min(rec.idx.size(), rec.val.size());
         for (std::size_t k = 0; k < m; ++k) {
           const int64_t p = rec.idx[k];
-          if (p < 1 || p > ncube) stop_text("idx outside the cube");
+          if (p < 1 || p > cube_size) stop_text("idx outside the cube");
           cube[static_cast<std::size_t>(p - 1)] = static_cast<double>(rec.val[k]);
         }
         transform_cube(c, cube.data(), -1, lines);
         cube_to_row(c, cells, row.data(), static_cast<int64_t>(len), cube.data());
-        for (std::size_t k = 0; k < len; ++k) my_avg[k] += std::fabs(row[k] * wtz[k]);
+        for (std::size_t k = 0; k < len; ++k) my_avg[k] += std::fabs(row[k] * weights[k]);
         progress.row_done();
         if (ends_group(i, mine)) adder.add_and_clear(my_avg.data(), omp_get_thread_num());
       });

@@ -1,5 +1,5 @@
-// CALC_ARCTANGENTS_MOD: distance and arctangents per mesh node.
-#include "sens/calc_arctangents_mod.hpp"
+// Distance and arctangents per mesh node.
+#include "sens/node_planes.hpp"
 
 #include <algorithm>
 #include <cmath>
@@ -11,9 +11,9 @@
 
 namespace quolvent {
 
-void CALC_ARCTANGENTS(arctangent_cache& c, int64_t target, double shift, const double* yn,
-                      const double* xn, const double* zn, int32_t ny, int32_t nx, int32_t nz,
-                      const int32_t* top, double oy, double ox, double oz, int32_t j) {
+void compute_node_plane(arctangent_cache& c, int64_t target, double shift, const double* yn,
+                        const double* xn, const double* zn, int32_t ny, int32_t nx, int32_t nz,
+                        const int32_t* top, double oy, double ox, double oz, int32_t j) {
   const int32_t ez = std::max(nz, 0) + 1, ex = std::max(nx, 0) + 1, ey = std::max(ny, 0) + 1;
   if (j == 1) {
     // Arrays made for other extents would put nodes in the wrong places (or
@@ -46,7 +46,5 @@ void CALC_ARCTANGENTS(arctangent_cache& c, int64_t target, double shift, const d
   const node_fill_in in{yn, xn, c.z_node.data(), top, ny, nx, ez, ex, ey, oy, ox, shift};
   fill_node_plane(target, in, j, c.plane(j));
 }
-
-void DEALLOC_AT(arctangent_cache& c) { c = arctangent_cache{}; }
 
 }  // namespace quolvent

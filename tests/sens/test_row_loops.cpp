@@ -22,10 +22,10 @@
 #include "base/vector_target.hpp"
 #include "run/row_store.hpp"
 #include "sens/grid_check.hpp"
-#include "sens/kernel2_mod.hpp"
-#include "sens/kernel_mod.hpp"
+#include "sens/grid_row_loop.hpp"
+#include "sens/general_row_loop.hpp"
 #include "support/test_support.hpp"
-#include "wavelet/compress_row_mod.hpp"
+#include "wavelet/compress_row.hpp"
 #include "wavelet/threshold.hpp"
 
 using namespace quolvent;
@@ -51,7 +51,7 @@ struct hills {
   // the survey: every cell below the ground active, the weighting away from 1.
   survey make() const {
     survey s = qt::make_survey(mesh, obs, tops);
-    for (int32_t k = 0; k < s.n; ++k) s.wtz[k] = 1 + 0.25 * (k % 7);
+    for (int32_t k = 0; k < s.n; ++k) s.weights[k] = 1 + 0.25 * (k % 7);
     return s;
   }
 };
@@ -75,7 +75,7 @@ struct result {
   std::string screen, log;
 };
 
-// run: KERNEL, or KERNEL2 over grid, on `threads` threads, as the driver runs
+// run: general_row_loop, or grid_row_loop over grid, on `threads` threads, as the driver runs
 // them: compressed with "daub3" when eps is given, the report after the loop.
 result run(const survey& s, int threads, const grid_survey* grid = nullptr,
            const char* eps = nullptr) {
@@ -90,15 +90,16 @@ result run(const survey& s, int threads, const grid_survey* grid = nullptr,
   }
   matrix_store store = make_matrix_store(c, s.n, s.obs.ndata);
   // A value no row holds, so that a place the loop leaves unwritten shows.
-  std::fill(store.g_full.begin(), store.g_full.end(), -1.0f);
+  std::fill(store.full_rows.begin(), store.full_rows.end(), -1.0f);
   store_sink sink(s, c, store);
   omp_set_num_threads(threads);
-  grid ? KERNEL2(s, *grid, sink, r.sq, r.avg, cap.out) : KERNEL(s, sink, r.sq, r.avg, cap.out);
+  grid ? grid_row_loop(s, *grid, sink, r.sq, r.avg, cap.out)
+       : general_row_loop(s, sink, r.sq, r.avg, cap.out);
   if (c.compressed)
     report_compression(s.n, s.obs.ndata, sink.nnz(), sink.data_full().data(),
                        sink.data_comp().data(), sink.row_error().data(), cap.out);
-  r.rows.assign(store.g_full.begin(), store.g_full.end());
-  r.recs = store.g_compressed, r.screen = cap.screen(), r.log = cap.log();
+  r.rows.assign(store.full_rows.begin(), store.full_rows.end());
+  r.recs = store.compressed_rows, r.screen = cap.screen(), r.log = cap.log();
   return r;
 }
 
@@ -113,10 +114,10 @@ void expect_close(const std::vector<double>& a, const std::vector<double>& b, do
 }  // namespace
 
 // Data at random places, every fifth in a borehole, each with its own
-// direction (idir 0), on 3 threads: the store holds row / wtz of the datum's
-// own row computed alone, sens_avg the mean |row| and sens_sq the sum of
-// (row / wtz)^2.
-TEST(Kernel, RowsAreEachDatumsRowOverTheWeighting) {
+// direction (idir 0), on 3 threads: the store holds row / weights of the datum's
+// own row computed alone, mean_sensitivity the mean |row| and squared_sensitivity the sum of
+// (row / weights)^2.
+TEST(GeneralRowLoop, RowsAreEachDatumsRowOverTheWeighting) {
   std::mt19937_64 rng(7);
   std::uniform_real_distribution<double> u(0, 1);
   hills h(6, 5, 4, 0);
@@ -132,13 +133,13 @@ TEST(Kernel, RowsAreEachDatumsRowOverTheWeighting) {
   for (int32_t i = 0; i < ndata; ++i) {
     const std::vector<double> g = qt::kernel_row(s.mesh, s.obs, s.top_index, i + 1, cap.out);
     for (int32_t k = 0; k < s.n; ++k) {
-      const double w = g[k] / s.wtz[k];
+      const double w = g[k] / s.weights[k];
       ASSERT_EQ(one.rows[static_cast<std::size_t>(i) * s.n + k], static_cast<float>(w));
       avg[k] += std::fabs(g[k]) / ndata, sq[k] += w * w;
     }
   }
-  expect_close(one.avg, avg, 1e-13, "sens_avg");
-  expect_close(one.sq, sq, 1e-13, "sens_sq");
+  expect_close(one.avg, avg, 1e-13, "mean_sensitivity");
+  expect_close(one.sq, sq, 1e-13, "squared_sensitivity");
 }
 
 // Steps of 5 from 0 with 100 data; fewer rows start above 0 and skip the
@@ -159,7 +160,7 @@ TEST(ReportProgress, Texts) {
 // vector target (QUOLVENT_VECTOR): rows and sums to 1e-6, records of the same
 // coefficients, the same screen and log (threshold estimate and compression
 // report included).
-TEST(Kernel2, AgreesWithTheGeneralLoop) {
+TEST(GridRowLoop, AgreesWithTheGeneralLoop) {
   const struct {
     const char* name;
     survey s;
@@ -179,14 +180,14 @@ TEST(Kernel2, AgreesWithTheGeneralLoop) {
     for (const auto& c : cases) {
       SCOPED_TRACE(testing::Message() << c.name << " on " << vector_target_name(t));
       setenv("QUOLVENT_VECTOR", vector_target_name(t).c_str(), 1);
-      const grid_survey grid = grid_check(c.s.mesh, c.s.obs, c.s.data_kind);
+      const grid_survey grid = grid_check(c.s.mesh, c.s.obs, c.s.survey_kind);
       ASSERT_TRUE(grid.regular);
       const result general = run(c.s, 2, nullptr, c.eps), fast = run(c.s, 3, &grid, c.eps);
       EXPECT_EQ(fast.screen, general.screen);
       EXPECT_EQ(fast.log, general.log);
       expect_close(general.rows, fast.rows, 1e-6, "rows");
-      expect_close(general.sq, fast.sq, 1e-6, "sens_sq");
-      expect_close(general.avg, fast.avg, 1e-6, "sens_avg");
+      expect_close(general.sq, fast.sq, 1e-6, "squared_sensitivity");
+      expect_close(general.avg, fast.avg, 1e-6, "mean_sensitivity");
       ASSERT_EQ(fast.recs.size() + general.recs.size(), c.eps ? 2u * c.s.obs.ndata : 0u);
       for (std::size_t i = 0; i < fast.recs.size(); ++i)
         EXPECT_EQ(fast.recs[i].idx, general.recs[i].idx) << "row " << i + 1;
@@ -195,9 +196,9 @@ TEST(Kernel2, AgreesWithTheGeneralLoop) {
 }
 
 // A cube of 2^31 cells (two data 50000 cells apart), or a reference datum or
-// width that can't be used, sends the rows through KERNEL with a note in the
+// width that can't be used, sends the rows through general_row_loop with a note in the
 // log.
-TEST(Kernel2, FallbackToTheGeneralLoop) {
+TEST(GridRowLoop, FallbackToTheGeneralLoop) {
   hills h(1, 1, 1);
   qt::add_datum(h.obs, 305, -690, 51);
   qt::add_datum(h.obs, 305 + 500000, -690 + 1000000, 51);
@@ -241,20 +242,22 @@ struct stopping_sink : store_sink {
 // rows of the two threads' blocks of whole groups of 16 (0..31 and 32..39)
 // stop at the same moment. The loop ends unfinished with the report in the
 // log and on the screen once; run again in the same process it completes.
-TEST(Kernel, AStopInsideTheRowLoopEndsTheRunWithItsReportOnce) {
+TEST(GeneralRowLoop, AStopInsideTheRowLoopEndsTheRunWithItsReportOnce) {
   const survey s = regular(8, 5, 3, 0.5, 1, 8, 0.5, 1, 5, 4);
-  const grid_survey grid = grid_check(s.mesh, s.obs, s.data_kind);
+  const grid_survey grid = grid_check(s.mesh, s.obs, s.survey_kind);
   ASSERT_TRUE(s.obs.ndata == 40 && grid.regular);
   for (const grid_survey* g : {static_cast<const grid_survey*>(nullptr), &grid}) {
-    SCOPED_TRACE(g ? "KERNEL2" : "KERNEL");
+    SCOPED_TRACE(g ? "grid_row_loop" : "general_row_loop");
     const result clean = run(s, 1, g);
     qt::capture cap;
     matrix_store store = make_matrix_store(compression{}, s.n, s.obs.ndata);
     stopping_sink sink(s, store, {0, 32});
     std::vector<double> sq, avg;
     omp_set_num_threads(2);
-    EXPECT_TRUE(cap.stops(
-        [&] { g ? KERNEL2(s, *g, sink, sq, avg, cap.out) : KERNEL(s, sink, sq, avg, cap.out); }));
+    EXPECT_TRUE(cap.stops([&] {
+      g ? grid_row_loop(s, *g, sink, sq, avg, cap.out)
+        : general_row_loop(s, sink, sq, avg, cap.out);
+    }));
     EXPECT_EQ(sink.thrown.load(), 2);
     for (const std::string& text : {cap.log(), cap.screen()}) {
       const std::size_t first = text.find("ERROR: test stop");
@@ -271,10 +274,10 @@ TEST(Kernel, AStopInsideTheRowLoopEndsTheRunWithItsReportOnce) {
 // top at 100, 6 x 6 data 20 apart from the first node, 5 above the top.
 TEST(GridCheck, WhichSurveysAreRegular) {
   const auto shift = [](obs_set& o, double dx, double dy) {
-    for (int k = 0; k < o.ndata; ++k) o.obs_x[k] += dx, o.obs_y[k] += dy;
+    for (int k = 0; k < o.ndata; ++k) o.easting[k] += dx, o.northing[k] += dy;
   };
   const auto stretch = [](obs_set& o) {
-    for (double& x : o.obs_x) x = 1000 + 1.25 * (x - 1000);
+    for (double& x : o.easting) x = 1000 + 1.25 * (x - 1000);
   };
   const struct {
     const char* name;
@@ -285,11 +288,12 @@ TEST(GridCheck, WhichSurveysAreRegular) {
       {"regular", [](obs_set&) {}, true, 29},
       {"a tie goes to the first", [&](obs_set& o) { shift(o, 10, 0); }, true, 28},
       {"just outside above",
-       [&](obs_set& o) { shift(o, 60, 60), o.obs_x[35] = std::nextafter(1160.0, 2e3); }, false, 0},
+       [&](obs_set& o) { shift(o, 60, 60), o.easting[35] = std::nextafter(1160.0, 2e3); }, false,
+       0},
       {"spacing 2.5 cells", stretch, false, 0},
       {"a direction per datum", [](obs_set& o) { o.idir = 0; }, false, 0},
-      {"one line along x", [](obs_set& o) { o.obs_y.assign(36, 5045); }, true, 0},
-      {"levels 1.2% apart", [](obs_set& o) { o.obs_z[4] += 0.06; }, false, 0},
+      {"one line along x", [](obs_set& o) { o.northing.assign(36, 5045); }, true, 0},
+      {"levels 1.2% apart", [](obs_set& o) { o.elevation[4] += 0.06; }, false, 0},
   };
   const mesh_model mesh = qt::uniform_mesh(16, 16, 3, 10, 10, 10, 1000, 5000, 100);
   for (const auto& c : cases) {
@@ -303,7 +307,7 @@ TEST(GridCheck, WhichSurveysAreRegular) {
     if (g.regular) EXPECT_TRUE(g.cell_dy == 10 && g.cell_dx == 10) << c.name;
   }
   // At factors 1e-4 and 1e3 (far from 0) a line whose last gap is half the
-  // others still fails; grids at those factors pass in Kernel2 above.
+  // others still fails; grids at those factors pass in GridRowLoop above.
   for (const double f : {1e-4, 1e3}) {
     const double x0 = f > 1 ? 5e5 : 0;
     obs_set obs = qt::field(65, -12, 58, 20);

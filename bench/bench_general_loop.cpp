@@ -1,11 +1,11 @@
-// Speed of the row kernel (cache fill and prism formula) and of the whole
-// general row loop on a generated survey, uncompressed, without file output.
+// Speed of one row (node planes and prism formula) and of the whole general
+// row loop on a generated survey, uncompressed, without file output.
 //
-//   bench_kernel --benchmark_filter=Row     one row, on each vector target
-//   bench_kernel --benchmark_filter=Kernel  2,000 data over ~100,000 cells
+//   bench_general_loop --benchmark_filter=Row             one row, on each vector target
+//   bench_general_loop --benchmark_filter=GeneralRowLoop  2,000 data over ~100,000 cells
 //
 // Row and Fill take the index of the target in vector_targets() (0: the
-// machine's widest); the label names it. Kernel runs on the run's target
+// machine's widest); the label names it. GeneralRowLoop runs on the run's target
 // (QUOLVENT_VECTOR may name another).
 #include <benchmark/benchmark.h>
 #include <omp.h>
@@ -18,10 +18,10 @@
 #include "model/mesh.hpp"
 #include "model/model.hpp"
 #include "run/row_store.hpp"
-#include "sens/calc_arctangents_mod.hpp"
-#include "sens/gsus_mod.hpp"
-#include "sens/gsus_no_atan_mod.hpp"
-#include "sens/kernel_mod.hpp"
+#include "sens/node_planes.hpp"
+#include "sens/field_directions.hpp"
+#include "sens/prism_row.hpp"
+#include "sens/general_row_loop.hpp"
 #include "sens/vector_math.hpp"
 #include "support/test_support.hpp"
 #include "wavelet/compression.hpp"
@@ -66,8 +66,8 @@ void Row(benchmark::State& state) {
   ws.vector_target = target;
   std::vector<double> g(static_cast<std::size_t>(s.n));
   for (auto _ : state) {
-    sens_row(ws, s.obs.geomag, m.yn.data(), m.xn.data(), m.zn.data(), m.ny, m.nx, m.nz,
-             s.top_index.data(), 1, 251.3, 248.9, -1.5, g.data(), g.size(), quiet);
+    prism_row(ws, s.obs.geomag, m.yn.data(), m.xn.data(), m.zn.data(), m.ny, m.nx, m.nz,
+              s.top_index.data(), 1, 251.3, 248.9, -1.5, g.data(), g.size(), quiet);
     benchmark::DoNotOptimize(g.data());
   }
   state.SetItemsProcessed(state.iterations() * s.n);
@@ -84,8 +84,8 @@ void Fill(benchmark::State& state) {
   arctangent_cache cache;
   for (auto _ : state) {
     for (int32_t j = 1; j <= m.ny + 1; ++j) {
-      CALC_ARCTANGENTS(cache, target, zero_offset(mesh_length_scale(m)), m.yn.data(), m.xn.data(),
-                       m.zn.data(), m.ny, m.nx, m.nz, s.top_index.data(), 251.3, 248.9, -1.5, j);
+      compute_node_plane(cache, target, zero_offset(mesh_length_scale(m)), m.yn.data(), m.xn.data(),
+                         m.zn.data(), m.ny, m.nx, m.nz, s.top_index.data(), 251.3, 248.9, -1.5, j);
       benchmark::DoNotOptimize(cache.at_x.data());
     }
   }
@@ -95,26 +95,26 @@ void Fill(benchmark::State& state) {
 BENCHMARK(Fill)->DenseRange(0, 4)->Unit(benchmark::kMillisecond);
 
 // The whole general row loop: 2,000 data over 102,500 cells, full rows kept
-// in memory (g_full: 820 MB), with the given number of threads.
-void Kernel(benchmark::State& state) {
+// in memory (full_rows: 820 MB), with the given number of threads.
+void GeneralRowLoop(benchmark::State& state) {
   const int threads = static_cast<int>(state.range(0));
   const survey s = make_bench_survey(2000);
   const compression none;
   matrix_store store = make_matrix_store(none, s.n, s.obs.ndata);
   // Its pages touched before the clock starts, as when the store was made
   // zeroed: the loop's own cost, comparable with earlier measurements.
-  std::fill(store.g_full.begin(), store.g_full.end(), 0.0f);
+  std::fill(store.full_rows.begin(), store.full_rows.end(), 0.0f);
   store_sink sink(s, none, store);
-  std::vector<double> sens_sq, sens_avg;
+  std::vector<double> squared_sensitivity, mean_sensitivity;
   omp_set_num_threads(threads);
   for (auto _ : state) {
-    KERNEL(s, sink, sens_sq, sens_avg, quiet);
-    benchmark::DoNotOptimize(store.g_full.data());
+    general_row_loop(s, sink, squared_sensitivity, mean_sensitivity, quiet);
+    benchmark::DoNotOptimize(store.full_rows.data());
   }
   state.SetItemsProcessed(state.iterations() * int64_t{s.n} * s.obs.ndata);
   state.counters["threads"] = threads;
 }
-BENCHMARK(Kernel)->Arg(1)->Arg(2)->Iterations(1)->UseRealTime()->Unit(benchmark::kSecond);
+BENCHMARK(GeneralRowLoop)->Arg(1)->Arg(2)->Iterations(1)->UseRealTime()->Unit(benchmark::kSecond);
 
 }  // namespace
 

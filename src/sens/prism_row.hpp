@@ -1,5 +1,5 @@
-// GSUS_NO_ATAN_MOD: the closed-form prism formula for the cells of one datum,
-// from the cached corner values (sens_row).
+// The closed-form prism formula for the cells of one datum,
+// from the cached corner values (prism_row).
 #pragma once
 
 #include <cstddef>
@@ -7,8 +7,8 @@
 #include <functional>
 
 #include "base/channels.hpp"
-#include "sens/calc_arctangents_mod.hpp"
-#include "sens/gsus_mod.hpp"
+#include "sens/node_planes.hpp"
+#include "sens/field_directions.hpp"
 
 namespace quolvent {
 
@@ -18,7 +18,7 @@ namespace quolvent {
 // (mesh_length_scale), which the geometric tolerances of the prism formula
 // are measured in. Made inside each parallel region, one per thread.
 struct row_workspace {
-  dir_products dir;
+  direction_products dir;
   arctangent_cache cache;
   int64_t vector_target = 0;
   double length_scale = 1.0;
@@ -29,7 +29,7 @@ struct row_workspace {
 // unless QUOLVENT_VECTOR names another). A row over another mesh (the extended
 // mesh of the regular-grid loop) keeps the model's scale, so that both loops
 // treat a point near an edge alike.
-row_workspace make_row_workspace(const dir_products& d, double length_scale);
+row_workspace make_row_workspace(const direction_products& d, double length_scale);
 
 // The prism formula's two tolerances on a mesh of length scale s: the
 // squared distance from a cell edge below which a logarithm has no value,
@@ -64,7 +64,7 @@ enum class axis_side {
 // axis_flag: the side of an axis with plane offsets a < b.
 axis_side axis_flag(double a, double b);
 
-// sens_row
+// prism_row
 //   Given:   the workspace ws (its directions set); the field strength geomag;
 //            the mesh with nodes yn[0..ny], xn[0..nx], zn[0..nz] (zn are
 //            depths) and column tops top[(j-1) + (i-1)*ny]; the datum idat
@@ -87,9 +87,9 @@ axis_side axis_flag(double a, double b);
 //            cell order; column tops that don't give exactly glen cells stop
 //            with "indx /= size(g)" before any cell is computed.
 using row_part_fn = std::function<void(std::size_t begin, std::size_t end)>;
-void sens_row(row_workspace& ws, double geomag, const double* yn, const double* xn,
-              const double* zn, int32_t ny, int32_t nx, int32_t nz, const int32_t* top,
-              int32_t idat, double oy, double ox, double oz, double* g, std::size_t glen,
-              const run_log& out, const row_part_fn& done = {});
+void prism_row(row_workspace& ws, double geomag, const double* yn, const double* xn,
+               const double* zn, int32_t ny, int32_t nx, int32_t nz, const int32_t* top,
+               int32_t idat, double oy, double ox, double oz, double* g, std::size_t glen,
+               const run_log& out, const row_part_fn& done = {});
 
 }  // namespace quolvent

@@ -12,10 +12,10 @@
 #include "model/model.hpp"
 #include "run/row_store.hpp"
 #include "sens/grid_check.hpp"
-#include "sens/gsus_mod.hpp"
-#include "sens/gsus_no_atan_mod.hpp"
-#include "sens/kernel2_mod.hpp"
-#include "sens/kernel_mod.hpp"
+#include "sens/field_directions.hpp"
+#include "sens/prism_row.hpp"
+#include "sens/grid_row_loop.hpp"
+#include "sens/general_row_loop.hpp"
 #include "support/test_support.hpp"
 #include "wavelet/compression.hpp"
 #include "wavelet/threshold.hpp"
@@ -42,7 +42,7 @@ struct bench_run {
   grid_survey grid;
   compression none;
   matrix_store store;
-  std::vector<double> sens_sq, sens_avg;
+  std::vector<double> squared_sensitivity, mean_sensitivity;
 };
 
 bench_run& setup() {
@@ -52,11 +52,11 @@ bench_run& setup() {
     for (int j = 0; j < side; ++j)
       for (int i = 0; i < side; ++i) qt::add_datum(obs, 12.5 + 25.0 * i, 12.5 + 25.0 * j, 2.0);
     b.s = qt::make_survey(qt::uniform_mesh(side, side, layers, 25.0, 25.0, 12.5), obs);
-    b.grid = grid_check(b.s.mesh, b.s.obs, b.s.data_kind);
+    b.grid = grid_check(b.s.mesh, b.s.obs, b.s.survey_kind);
     b.store = make_matrix_store(b.none, b.s.n, b.s.obs.ndata);
     // Pages touched before any clock starts, so that the first loop measured
     // doesn't pay for them.
-    std::fill(b.store.g_full.begin(), b.store.g_full.end(), 0.0f);
+    std::fill(b.store.full_rows.begin(), b.store.full_rows.end(), 0.0f);
     return b;
   }();
   return r;
@@ -65,16 +65,18 @@ bench_run& setup() {
 void BM_kernel(benchmark::State& state) {
   bench_run& r = setup();
   store_sink sink(r.s, r.none, r.store);
-  for (auto _ : state) KERNEL(r.s, sink, r.sens_sq, r.sens_avg, quiet);
+  for (auto _ : state)
+    general_row_loop(r.s, sink, r.squared_sensitivity, r.mean_sensitivity, quiet);
   state.counters["rows"] = r.s.obs.ndata;
   state.counters["cells"] = r.s.n;
 }
 
-void BM_kernel2(benchmark::State& state) {
+void BM_grid_row_loop(benchmark::State& state) {
   bench_run& r = setup();
   if (!r.grid.regular) return state.SkipWithError("survey not regular");
   store_sink sink(r.s, r.none, r.store);
-  for (auto _ : state) KERNEL2(r.s, r.grid, sink, r.sens_sq, r.sens_avg, quiet);
+  for (auto _ : state)
+    grid_row_loop(r.s, r.grid, sink, r.squared_sensitivity, r.mean_sensitivity, quiet);
   state.counters["rows"] = r.s.obs.ndata;
   state.counters["cells"] = r.s.n;
 }
@@ -94,9 +96,9 @@ void BM_extended_row(benchmark::State& state) {
   const std::size_t d = static_cast<std::size_t>(ref) - 1;
   row_workspace ws = make_row_workspace(survey_directions(obs), mesh_length_scale(m));
   for (auto _ : state) {
-    sens_row(ws, obs.geomag, yn2.data(), xn2.data(), m.zn.data(), ny2, nx2, layers, top2.data(),
-             ref, obs.obs_y[d], obs.obs_x[d], m.z0 - obs.obs_z[d], gbig.data(), gbig.size(),
-             quiet);
+    prism_row(ws, obs.geomag, yn2.data(), xn2.data(), m.zn.data(), ny2, nx2, layers, top2.data(),
+              ref, obs.northing[d], obs.easting[d], m.z0 - obs.elevation[d], gbig.data(),
+              gbig.size(), quiet);
     benchmark::DoNotOptimize(gbig.data());
   }
   state.counters["cells"] = static_cast<double>(gbig.size());
@@ -105,6 +107,6 @@ void BM_extended_row(benchmark::State& state) {
 }  // namespace
 
 BENCHMARK(BM_kernel)->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime();
-BENCHMARK(BM_kernel2)->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime();
+BENCHMARK(BM_grid_row_loop)->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime();
 BENCHMARK(BM_extended_row)->Unit(benchmark::kMillisecond)->Iterations(5)->UseRealTime();
 BENCHMARK_MAIN();

@@ -15,16 +15,16 @@ class run_group;
 
 // run_summary: what a run found and made, for a caller that embeds it.
 struct run_summary {
-  int status = 0;             // the exit status the program would give
-  std::string report;         // a stop's report (screen lines, error text); empty after a complete run
-  bool complete = false;      // every output written
+  int status = 0;         // the exit status the program would give
+  std::string report;     // a stop's report (screen lines, error text); empty after a complete run
+  bool complete = false;  // every output written
   int32_t ndata = 0, nsurface = 0, nborehole = 0;
-  int64_t ncells = 0;         // nx * ny * nz
-  int32_t nbelow = 0;         // cells below the ground: the row length
-  std::string wavelet;        // the wavelet field of the control file
+  int64_t ncells = 0;   // nx * ny * nz
+  int32_t nbelow = 0;   // cells below the ground: the row length
+  std::string wavelet;  // the wavelet field of the control file
   bool compressed = false;
-  double wctol_surface = 0.0, wctol_borehole = 0.0;
-  int64_t nnz = 0;            // kept coefficients (n * ndata uncompressed)
+  double threshold_surface = 0.0, threshold_borehole = 0.0;
+  int64_t nnz = 0;  // kept coefficients (n * ndata uncompressed)
   double compression_ratio = 0.0, achieved_error = 0.0;
   double row_error_mean = 0.0, row_error_max = 0.0;
   std::vector<std::pair<std::string, double>> phase_seconds;  // "init", "sens", ..., "TOTAL"
@@ -43,7 +43,7 @@ struct run_options {
   run_group* group = nullptr;
 };
 
-// sens3d
+// execute_run
 //   Given:   the command line (argc, argv: the control file and an optional
 //            thread count); the run's log, whose screen is where the run's
 //            screen goes (nullptr: nowhere); the options. Files are read as
@@ -52,7 +52,7 @@ struct run_options {
 //   Returns: after a complete run: every output written, the log closed.
 //   Fails:   every failure is a stop (an exception carrying its report);
 //            run_command_line delivers it.
-void sens3d(int argc, char** argv, run_log& out, const run_options& options = {});
+void execute_run(int argc, char** argv, run_log& out, const run_options& options = {});
 
 // run_command_line
 //   Given:   the command line; the stream the run calls its screen (nullptr:

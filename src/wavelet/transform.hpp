@@ -1,8 +1,8 @@
-// WTN_MOD: the separable, periodic, orthogonal wavelet transform of a row
+// The separable, periodic, orthogonal wavelet transform of a row
 // laid into a cube whose extents are powers of two.
 //
-// The cube holds ncube values, element (k, j, i) (z, x, y, from 1) at
-// 0-based place (k-1) + (j-1) nzp + (i-1) nzp nxp: z fastest, then x, then y.
+// The cube holds cube_size values, element (k, j, i) (z, x, y, from 1) at
+// 0-based place (k-1) + (j-1) padded_nz + (i-1) padded_nz padded_nx: z fastest, then x, then y.
 #pragma once
 
 #include <cstdint>
@@ -31,20 +31,20 @@ int64_t padded_extent(int32_t n);
 
 // set_padded_extents
 // Given: the mesh; c to complete.
-// Returns: c's mesh extents, nyp, nxp, nzp and ncube set.
+// Returns: c's mesh extents, padded_ny, padded_nx, padded_nz and cube_size set.
 // Fails: a cube of more than 2147483647 elements can't be addressed by the
 //   32-bit positions of a compressed row: reported on screen and log, stop.
 void set_padded_extents(const mesh_model& mesh, compression& c);
 
 // set_filters
-// Given: c, ncof unit-norm coefficients (from check_wavelet).
+// Given: c, filter_length unit-norm coefficients (from check_wavelet).
 // Returns: the low-pass and high-pass filters and their offset.
 // Fails: never.
-wtn_filters set_filters(const std::vector<double>& c, int32_t ncof);
+transform_filters set_filters(const std::vector<double>& c, int32_t filter_length);
 
 // row_to_cube
 // Given: the compression record and the active cells of the mesh; x, a row of
-//   len values; y, a cube of ncube values.
+//   len values; y, a cube of cube_size values.
 // Returns: y holds the row at its cells (through active_map when len is
 //   nactive, a plain copy in cell order when len is ncell_total), 0 elsewhere.
 // Fails: any other len stops with "size(x) /= # of cells".
@@ -60,14 +60,14 @@ void cube_to_row(const compression& c, const active_cells& cells, double* x, int
                  const double* y);
 
 // transform_cube
-// Given: a, a cube of ncube values; isign +1 forward, -1 inverse; the
+// Given: a, a cube of cube_size values; isign +1 forward, -1 inverse; the
 //   calling thread's line buffers.
 // Returns: a transformed in place. Fails: never.
 void transform_cube(const compression& c, double* a, int32_t isign, line_buffers& lb);
 
 // row_coefficients
 // Given: the compression record and the active cells; x, a row of len
-//   values; y, a cube of ncube values (its contents don't matter); the
+//   values; y, a cube of cube_size values (its contents don't matter); the
 //   calling thread's line buffers.
 // Returns: y holds the forward transform of the cube row_to_cube makes of x,
 //   the same values to the last bit (but for the sign of a zero), made plane
@@ -77,22 +77,23 @@ void transform_cube(const compression& c, double* a, int32_t isign, line_buffers
 double row_coefficients(const compression& c, const active_cells& cells, const double* x,
                         int64_t len, double* y, line_buffers& lb);
 
-// WTN
+// transform_3d
 // Given: the filters; a, nn[0] * nn[1] * nn[2] values, nn[0] running fastest;
 //   isign >= 0 forward, < 0 inverse. Extents above 4 are transformed down to
 //   4 elements; extents of 4 or less are left alone.
 // Returns: a transformed in place, several lines at a time on the vector
-//   target of lb: each value as PWT along each axis gives it, to the last
+//   target of lb: each value as filter_step along each axis gives it, to the last
 //   bit (but for the sign of a zero).
 // Fails: never.
-void WTN(const wtn_filters& f, double* a, const int32_t nn[3], int32_t isign, line_buffers& lb);
+void transform_3d(const transform_filters& f, double* a, const int32_t nn[3], int32_t isign,
+                  line_buffers& lb);
 
-// PWT
+// filter_step
 // Given: the filters; a line of n values, n a power of two, at least 4; a
 //   work line w of at least n values.
 // Returns: one periodic filtering step in place: forward puts the smooth half
 //   in front of the detail half; inverse undoes it.
 // Fails: never.
-void PWT(const wtn_filters& f, double* a, int32_t n, bool forward, double* w);
+void filter_step(const transform_filters& f, double* a, int32_t n, bool forward, double* w);
 
 }  // namespace quolvent

@@ -1,4 +1,4 @@
-// CALC_ARCTANGENTS_MOD: the per-node part of the prism formula, computed once
+// The per-node part of the prism formula, computed once
 // per observation point: the distance to each mesh node and two arctangents.
 // Each thread of a row loop keeps its own cache; the prism formula only reads it.
 #pragma once
@@ -40,7 +40,7 @@ struct arctangent_cache {
   }
 };
 
-// CALC_ARCTANGENTS: fills plane j (1..ny+1) of the cache c for the point
+// compute_node_plane: fills plane j (1..ny+1) of the cache c for the point
 // (oy, ox, oz) over the mesh yn[0..ny], xn[0..nx], zn[0..nz] (zn are depths),
 // column tops top[(j-1) + (i-1)*ny], on the vector target `target`
 // (vector_math.hpp). At j = 1 it first sets z_node for the point, and makes
@@ -51,11 +51,8 @@ struct arctangent_cache {
 // is computed: from 1 + the smallest top of the four columns around the node
 // down, the rim of the mesh always whole.
 // Fails: no memory for the arrays: the allocation stop "calc_arctangents".
-void CALC_ARCTANGENTS(arctangent_cache& c, int64_t target, double shift, const double* yn,
-                      const double* xn, const double* zn, int32_t ny, int32_t nx, int32_t nz,
-                      const int32_t* top, double oy, double ox, double oz, int32_t j);
-
-// DEALLOC_AT: frees the cache's arrays.
-void DEALLOC_AT(arctangent_cache& c);
+void compute_node_plane(arctangent_cache& c, int64_t target, double shift, const double* yn,
+                        const double* xn, const double* zn, int32_t ny, int32_t nx, int32_t nz,
+                        const int32_t* top, double oy, double ox, double oz, int32_t j);
 
 }  // namespace quolvent

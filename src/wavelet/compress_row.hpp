@@ -1,4 +1,4 @@
-// COMPRESS_ROW_MOD: one row at a time into the sparse wavelet store, and the
+// One row at a time into the sparse wavelet store, and the
 // test model that checks what the compression cost.
 #pragma once
 
@@ -8,34 +8,31 @@
 #include "base/channels.hpp"
 #include "model/model.hpp"
 #include "wavelet/compression.hpp"
-#include "wavelet/wtn_mod.hpp"
+#include "wavelet/transform.hpp"
 
 namespace quolvent {
 
 // compress_workspace: one thread's cube, line buffers and the kept
-// coefficients of its current row, made inside the parallel region.
+// coefficients of its current row, made inside the parallel region. The
+// default one is empty (a sink of uncompressed rows needs none).
+// Fails: no memory for the cube of c: the allocation stop "alloc_work".
 struct compress_workspace {
-  std::vector<double> work;
+  compress_workspace() = default;
+  explicit compress_workspace(const compression& c);
+
+  std::vector<double> work;  // the cube, cube_size values
   line_buffers lines;
   std::vector<int32_t> kept_idx;
   std::vector<float> kept_val;
 };
 
-// ALLOC_WORK
-// Given: the compression record. Returns: ws.work, a cube of ncube values.
-// Fails: no memory: the allocation stop "alloc_work".
-void ALLOC_WORK(const compression& c, compress_workspace& ws);
-
-// DEALLOC_WORK: ws's cube given back.
-void DEALLOC_WORK(compress_workspace& ws);
-
-// COMPRESS_ROW
+// compress_row
 // Given: the compression record and the active cells; row[0..n-1], already
-//   divided by wtz; the record of its datum; the thread's nnz accumulator;
+//   divided by weights; the record of its datum; the thread's nnz accumulator;
 //   the datum's kind; the thread's workspace.
 // Returns: rec holds, in ascending 1-based cube positions, every wavelet
 //   coefficient whose magnitude reaches the relative threshold of its kind
-//   (wctol_borehole for a borehole datum, else wctol_surface) times the row's
+//   (threshold_borehole for a borehole datum, else threshold_surface) times the row's
 //   largest, rounded to 32 bits; its count is added to nnz. The row is not
 //   changed. The result is the relative error of the stored row: the square
 //   root of the energy of the dropped coefficients and of the rounding of the
@@ -45,18 +42,18 @@ void DEALLOC_WORK(compress_workspace& ws);
 //   in vector lanes (the last bits of the error, not the coefficients,
 //   depend on the vector target).
 // Fails: no memory for the record: message and stop.
-double COMPRESS_ROW(const compression& c, const active_cells& cells, const double* row, int32_t n,
+double compress_row(const compression& c, const active_cells& cells, const double* row, int32_t n,
                     compressed_row& rec, int64_t& nnz, datum_kind kind, compress_workspace& ws);
 
 // transform_test_model
-// Given: the uniform value of the test model and wtz (one row's length).
-// Returns: the forward transform of the cube of value * wtz, ncube values.
+// Given: the uniform value of the test model and weights (one row's length).
+// Returns: the forward transform of the cube of value * weights, cube_size values.
 // Fails: no memory: the allocation stop "transform_test_model".
 std::vector<double> transform_test_model(const compression& c, const active_cells& cells,
-                                         double value, const std::vector<double>& wtz);
+                                         double value, const std::vector<double>& weights);
 
 // dot_compressed
-// Given: the transformed test model and a record filled by COMPRESS_ROW.
+// Given: the transformed test model and a record filled by compress_row.
 // Returns: the sum of val(k) * test_model_w(idx(k)); 0 for an empty record.
 // Fails: a position outside the test model stops with a text.
 double dot_compressed(const std::vector<double>& test_model_w, const compressed_row& rec);
@@ -64,7 +61,7 @@ double dot_compressed(const std::vector<double>& test_model_w, const compressed_
 // report_compression
 // Given: the row length, ndata, the total kept count; data_full and
 //   data_comp (ndata each, or both nullptr); row_err, the relative error of
-//   each stored row from COMPRESS_ROW (ndata, or nullptr); the run's log.
+//   each stored row from compress_row (ndata, or nullptr); the run's log.
 // Returns: the report in the log, and its numbers. A datum whose exact response is 0 is left
 //   out of the mean error of the test model's data and counted on a line of
 //   its own; the mean and the largest row error follow; with nothing kept

@@ -1,6 +1,6 @@
-// GSUS_NO_ATAN_MOD: the prism formula for one cell, from the cached corner
+// The prism formula for one cell, from the cached corner
 // values, and the walk over the cells of one datum.
-#include "sens/gsus_no_atan_mod.hpp"
+#include "sens/prism_row.hpp"
 
 #include <algorithm>
 #include <cmath>
@@ -35,8 +35,8 @@ struct cache_view {
 // edge guard, or the point on the cell's node (2, 2, 2).
 inline bool gsus_prepare(const cache_view& cv, axis_side sy, axis_side sx, axis_side sz, double y1,
                          double y2, double x1, double x2, double z1, double z2, double y1sq,
-                         double y2sq, double x1sq, double x2sq, double z1sq, double z2sq,
-                         int32_t i, int32_t k, double* q, double* s) {
+                         double y2sq, double x1sq, double x2sq, double z1sq, double z2sq, int32_t i,
+                         int32_t k, double* q, double* s) {
   // Node (a, b, c) of the cell: plane a (lo or hi), place b11 + bc below.
   const std::size_t b11 = static_cast<std::size_t>(k - 1) + cv.sx * static_cast<std::size_t>(i - 1);
   const std::size_t b12 = b11 + 1, b21 = b11 + cv.sx, b22 = b21 + 1;
@@ -56,39 +56,39 @@ inline bool gsus_prepare(const cache_view& cv, axis_side sy, axis_side sx, axis_
   double Qy, Qx, Qz;
   if (sy == axis_side::positive) {
     Qy = ((R222 + y2) * (R121 + y1) * (R112 + y1) * (R211 + y2)) /
-          ((R122 + y1) * (R221 + y2) * (R212 + y2) * (R111 + y1));
+         ((R122 + y1) * (R221 + y2) * (R212 + y2) * (R111 + y1));
   } else if (sy == axis_side::negative) {
     Qy = ((R122 - y1) * (R221 - y2) * (R212 - y2) * (R111 - y1)) /
-          ((R222 - y2) * (R121 - y1) * (R112 - y1) * (R211 - y2));
+         ((R222 - y2) * (R121 - y1) * (R112 - y1) * (R211 - y2));
   } else {
     const double q1 = x2sq + z2sq, q2 = x2sq + z1sq, q3 = x1sq + z2sq, q4 = x1sq + z1sq;
     if (!(q1 > edge_sq) || !(q2 > edge_sq) || !(q3 > edge_sq) || !(q4 > edge_sq)) return false;
     Qy = ((R222 + y2) * (R122 - y1) * q2 * q3 * (R111 - y1) * (R211 + y2)) /
-          (q1 * (R121 - y1) * (R221 + y2) * (R112 - y1) * (R212 + y2) * q4);
+         (q1 * (R121 - y1) * (R221 + y2) * (R112 - y1) * (R212 + y2) * q4);
   }
   if (sx == axis_side::positive) {
     Qx = ((R222 + x2) * (R211 + x1) * (R112 + x1) * (R121 + x2)) /
-          ((R212 + x1) * (R221 + x2) * (R122 + x2) * (R111 + x1));
+         ((R212 + x1) * (R221 + x2) * (R122 + x2) * (R111 + x1));
   } else if (sx == axis_side::negative) {
     Qx = ((R212 - x1) * (R221 - x2) * (R122 - x2) * (R111 - x1)) /
-          ((R222 - x2) * (R211 - x1) * (R112 - x1) * (R121 - x2));
+         ((R222 - x2) * (R211 - x1) * (R112 - x1) * (R121 - x2));
   } else {
     const double q1 = y2sq + z2sq, q2 = y2sq + z1sq, q3 = y1sq + z2sq, q4 = y1sq + z1sq;
     if (!(q1 > edge_sq) || !(q2 > edge_sq) || !(q3 > edge_sq) || !(q4 > edge_sq)) return false;
     Qx = ((R222 + x2) * (R212 - x1) * q2 * q3 * (R121 + x2) * (R111 - x1)) /
-          (q1 * (R221 + x2) * (R211 - x1) * (R122 + x2) * (R112 - x1) * q4);
+         (q1 * (R221 + x2) * (R211 - x1) * (R122 + x2) * (R112 - x1) * q4);
   }
   if (sz == axis_side::positive) {
     Qz = ((R222 + z2) * (R211 + z1) * (R121 + z1) * (R112 + z2)) /
-          ((R221 + z1) * (R212 + z2) * (R122 + z2) * (R111 + z1));
+         ((R221 + z1) * (R212 + z2) * (R122 + z2) * (R111 + z1));
   } else if (sz == axis_side::negative) {
     Qz = ((R221 - z1) * (R212 - z2) * (R122 - z2) * (R111 - z1)) /
-          ((R222 - z2) * (R211 - z1) * (R121 - z1) * (R112 - z2));
+         ((R222 - z2) * (R211 - z1) * (R121 - z1) * (R112 - z2));
   } else {
     const double q1 = x2sq + y2sq, q2 = y2sq + x1sq, q3 = x2sq + y1sq, q4 = x1sq + y1sq;
     if (!(q1 > edge_sq) || !(q2 > edge_sq) || !(q3 > edge_sq) || !(q4 > edge_sq)) return false;
     Qz = ((R222 + z2) * (R221 - z1) * q2 * q3 * (R112 + z2) * (R111 - z1)) /
-          (q1 * (R212 + z2) * (R211 - z1) * (R122 + z2) * (R121 - z1) * q4);
+         (q1 * (R212 + z2) * (R211 - z1) * (R122 + z2) * (R121 - z1) * q4);
   }
   q[0] = Qy;
   q[1] = Qx;
@@ -104,8 +104,7 @@ inline bool gsus_prepare(const cache_view& cv, axis_side sy, axis_side sx, axis_
 
   // A plane at offset 0 was cached as if at +zero_offset; it stands for the
   // side of the plane the cell's value needs.
-  const bool inside =
-      sy == axis_side::across && sx == axis_side::across && sz == axis_side::across;
+  const bool inside = sy == axis_side::across && sx == axis_side::across && sz == axis_side::across;
   if (y1 == 0.0 && !inside) P1 = -P1;
   if (y2 == 0.0 && inside) P2 = -P2;
   if (x1 == 0.0 && !inside) Q1 = -Q1;
@@ -123,7 +122,7 @@ inline bool gsus_prepare(const cache_view& cv, axis_side sy, axis_side sx, axis_
 
 // gsus_finish: the value from the logarithms L and the sums s: each log term
 // paired with the product of the two other axes, each sum with its own.
-inline double gsus_finish(const dir_products& d, const double* L, const double* s) {
+inline double gsus_finish(const direction_products& d, const double* L, const double* s) {
   return d.gxz * L[0] + d.gyz * L[1] + d.gxy * L[2] + d.gyy * s[0] + d.gxx * s[1] + d.gzz * s[2];
 }
 
@@ -145,7 +144,7 @@ double on_node(double v, const double* nodes, int32_t m, double tol) {
   return v;
 }
 
-row_workspace make_row_workspace(const dir_products& d, double length_scale) {
+row_workspace make_row_workspace(const direction_products& d, double length_scale) {
   row_workspace ws;
   ws.dir = d;
   ws.vector_target = run_vector_target();
@@ -159,17 +158,18 @@ axis_side axis_flag(double a, double b) {
   return axis_side::across;
 }
 
-void sens_row(row_workspace& ws, double geomag, const double* yn, const double* xn,
-              const double* zn, int32_t ny, int32_t nx, int32_t nz, const int32_t* top,
-              int32_t idat, double oy, double ox, double oz, double* g, std::size_t glen,
-              const run_log& out, const row_part_fn& done) {
+void prism_row(row_workspace& ws, double geomag, const double* yn, const double* xn,
+               const double* zn, int32_t ny, int32_t nx, int32_t nz, const int32_t* top,
+               int32_t idat, double oy, double ox, double oz, double* g, std::size_t glen,
+               const run_log& out, const row_part_fn& done) {
   // The walk must fill g exactly: checked before anything is written.
   std::size_t cells = 0;
   for (int32_t j = 1; j <= ny; ++j)
     for (int32_t i = 1; i <= nx; ++i)
       cells += static_cast<std::size_t>(
-          nz - std::clamp(top[static_cast<std::size_t>(j - 1) + static_cast<std::size_t>(i - 1) * ny],
-                          0, nz));
+          nz -
+          std::clamp(top[static_cast<std::size_t>(j - 1) + static_cast<std::size_t>(i - 1) * ny], 0,
+                     nz));
   if (cells != glen) stop_text("indx /= size(g)");
 
   const double scale = geomag / four_pi;
@@ -181,36 +181,38 @@ void sens_row(row_workspace& ws, double geomag, const double* yn, const double* 
   oz = on_node(oz, zn, nz, tol);
   arctangent_cache& c = ws.cache;
   const double shift = zero_offset(ws.length_scale);
-  CALC_ARCTANGENTS(c, ws.vector_target, shift, yn, xn, zn, ny, nx, nz, top, oy, ox, oz, 1);
+  compute_node_plane(c, ws.vector_target, shift, yn, xn, zn, ny, nx, nz, top, oy, ox, oz, 1);
 
   // The side of each layer's planes, and the runs of one side: a column
   // splits into at most three stretches (above the point, across its depth,
   // below it), each one straight vector loop.
   for (int32_t k = 1; k <= nz; ++k)
-    c.z_side[static_cast<std::size_t>(k)] = static_cast<unsigned char>(
-        axis_flag(c.z_node[static_cast<std::size_t>(k - 1)], c.z_node[static_cast<std::size_t>(k)]));
+    c.z_side[static_cast<std::size_t>(k)] = static_cast<unsigned char>(axis_flag(
+        c.z_node[static_cast<std::size_t>(k - 1)], c.z_node[static_cast<std::size_t>(k)]));
   for (int32_t k = nz; k >= 1; --k)
     c.run_end[static_cast<std::size_t>(k)] =
-        (k < nz && c.z_side[static_cast<std::size_t>(k)] == c.z_side[static_cast<std::size_t>(k + 1)])
+        (k < nz &&
+         c.z_side[static_cast<std::size_t>(k)] == c.z_side[static_cast<std::size_t>(k + 1)])
             ? c.run_end[static_cast<std::size_t>(k + 1)]
             : k;
 
   const double edge_sq = edge_guard_sq(ws.length_scale);
-  const prism_row_in in{c.ez,   c.ex, yn, xn, c.z_node.data(), c.z_side.data(), c.run_end.data(),
-                        top,    ny,   nx, nz, oy,              ox,              edge_sq,
-                        scale,  ws.dir};
+  const prism_row_in in{
+      c.ez, c.ex, yn, xn,      c.z_node.data(), c.z_side.data(), c.run_end.data(), top, ny, nx,
+      nz,   oy,   ox, edge_sq, scale,           ws.dir};
   // One row of columns at a time, from the two node planes around it: the
   // cache stays in cache, and the caller's pass over the finished cells finds
   // them there too.
   std::size_t indx = 0;
   for (int32_t j = 1; j <= ny; ++j) {
-    CALC_ARCTANGENTS(c, ws.vector_target, shift, yn, xn, zn, ny, nx, nz, top, oy, ox, oz, j + 1);
+    compute_node_plane(c, ws.vector_target, shift, yn, xn, zn, ny, nx, nz, top, oy, ox, oz, j + 1);
     const cache_view cv{c.plane(j), c.plane(j + 1), static_cast<std::size_t>(c.ez), edge_sq};
     const std::size_t first = indx;
     for (int32_t i = 1; i <= nx; ++i)
       indx += static_cast<std::size_t>(
-          nz - std::clamp(top[static_cast<std::size_t>(j - 1) + static_cast<std::size_t>(i - 1) * ny],
-                          0, nz));
+          nz -
+          std::clamp(top[static_cast<std::size_t>(j - 1) + static_cast<std::size_t>(i - 1) * ny], 0,
+                     nz));
     c.flagged.clear();
     prism_columns(ws.vector_target, in, j, cv.lo, cv.hi, g + first, first, c.col.data(), c.flagged);
 
@@ -222,9 +224,9 @@ void sens_row(row_workspace& ws, double geomag, const double* yn, const double* 
       const double x1 = xn[i - 1] - ox, x2 = xn[i] - ox;
       const double z1 = zn[k - 1] - oz, z2 = zn[k] - oz;
       double q[3], s[3];
-      const bool ok = gsus_prepare(cv, axis_flag(y1, y2), axis_flag(x1, x2), axis_flag(z1, z2), y1,
-                                   y2, x1, x2, z1, z2, y1 * y1, y2 * y2, x1 * x1, x2 * x2, z1 * z1,
-                                   z2 * z2, i, k, q, s);
+      const bool ok =
+          gsus_prepare(cv, axis_flag(y1, y2), axis_flag(x1, x2), axis_flag(z1, z2), y1, y2, x1, x2,
+                       z1, z2, y1 * y1, y2 * y2, x1 * x1, x2 * x2, z1 * z1, z2 * z2, i, k, q, s);
       double v = 0.0;
       if (ok) {
         for (double& e : q) e = std::log(e);
