@@ -124,6 +124,9 @@ py::dict run(const std::vector<std::string>& args, const std::string& outdir, bo
   d["achieved_error"] = s.achieved_error;
   d["row_error_mean"] = s.row_error_mean;
   d["row_error_max"] = s.row_error_max;
+  d["rows_measured"] = s.rows_measured;
+  d["row_bound_mean"] = s.row_bound_mean;
+  d["row_bound_max"] = s.row_bound_max;
   py::dict times;
   for (const auto& [phase, seconds] : s.phase_seconds) times[py::str(phase)] = seconds;
   d["times"] = times;

@@ -37,7 +37,8 @@ void store_sink::begin(int32_t n, int32_t ndata, const char* alloc_name) {
   if (!c_.compressed) return;
   assign_or_stop(data_full_, nd, 0.0, alloc_name);
   assign_or_stop(data_comp_, nd, 0.0, alloc_name);
-  assign_or_stop(row_err_, nd, 0.0, alloc_name);
+  assign_or_stop(row_bound_, nd, 0.0, alloc_name);
+  assign_or_stop(row_exact_, nd, 0.0, alloc_name);
   test_model_w_ = transform_test_model(c_, s_.cells, test_model_value, s_.weights);
 }
 
@@ -67,7 +68,9 @@ void store_sink::put(thread_part& t, int32_t datum, const double* row, double te
   const std::size_t d = static_cast<std::size_t>(datum);
   compressed_row& rec = store_.compressed_rows[static_cast<std::size_t>(datum - rows_.first)];
   data_full_[d] = test_datum;
-  row_err_[d] = compress_row(c_, s_.cells, row, s_.n, rec, part.nnz, s_.datum_kinds[d], part.ws);
+  row_bound_[d] =
+      compress_row(c_, s_.cells, row, s_.n, rec, part.nnz, s_.datum_kinds[d], part.ws);
+  if (exact_error_row(datum)) row_exact_[d] = stored_row_error(c_, s_.cells, row, s_.n, rec, part.ws);
   data_comp_[d] = dot_compressed(test_model_w_, rec);
 }
 
@@ -82,7 +85,8 @@ void store_sink::release_check() {
   std::vector<double>().swap(test_model_w_);
   std::vector<double>().swap(data_full_);
   std::vector<double>().swap(data_comp_);
-  std::vector<double>().swap(row_err_);
+  std::vector<double>().swap(row_bound_);
+  std::vector<double>().swap(row_exact_);
 }
 
 }  // namespace quolvent

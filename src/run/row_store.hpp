@@ -42,11 +42,13 @@ class store_sink : public row_sink {
   int64_t nnz() const { return nnz_; }
   const std::vector<double>& data_full() const { return data_full_; }
   const std::vector<double>& data_comp() const { return data_comp_; }
-  const std::vector<double>& row_error() const { return row_err_; }
+  const std::vector<double>& row_bound() const { return row_bound_; }
+  const std::vector<double>& row_exact() const { return row_exact_; }
   // The same, to be completed with the values of other processes' rows.
   std::vector<double>& data_full() { return data_full_; }
   std::vector<double>& data_comp() { return data_comp_; }
-  std::vector<double>& row_error() { return row_err_; }
+  std::vector<double>& row_bound() { return row_bound_; }
+  std::vector<double>& row_exact() { return row_exact_; }
   // release_check: frees the arrays of the compression check.
   void release_check();
 
@@ -55,7 +57,7 @@ class store_sink : public row_sink {
   const compression& c_;
   matrix_store& store_;
   row_range rows_;
-  std::vector<double> test_model_w_, data_full_, data_comp_, row_err_;
+  std::vector<double> test_model_w_, data_full_, data_comp_, row_bound_, row_exact_;
   int64_t nnz_ = 0;
   std::mutex lock_;
 };

@@ -7,8 +7,8 @@
 #include <omp.h>
 #include <string>
 #include <vector>
-#include <xmmintrin.h>
 
+#include "base/denormals.hpp"
 #include "base/format.hpp"
 #include "base/interrupt.hpp"
 #include "base/stop.hpp"
@@ -42,20 +42,6 @@ namespace {
 
 constexpr const char* program_name = "quolvent";
 constexpr std::size_t field_width = 500;
-
-// denormals_to_zero: for the run, denormal results are flushed to zero and
-// denormal operands count as zero on this thread (the row loops gain nothing
-// from them); the thread's own setting is back when the run ends.
-class denormals_to_zero {
- public:
-  denormals_to_zero() : saved_(_mm_getcsr()) { _mm_setcsr(saved_ | 0x8040); }
-  denormals_to_zero(const denormals_to_zero&) = delete;
-  denormals_to_zero& operator=(const denormals_to_zero&) = delete;
-  ~denormals_to_zero() { _mm_setcsr(saved_); }
-
- private:
-  unsigned int saved_;
-};
 
 // thread_count_from: nThreads of the second argument, or 0 when it can't be
 // parsed; 0 and below leave the runtime's default.
@@ -216,15 +202,19 @@ void run_pipeline(const run_params& params, phase_clock& clock, run_log& out,
       const int64_t nnz = group.total(sink.nnz());
       group.gather_rows(sink.data_full(), rows);
       group.gather_rows(sink.data_comp(), rows);
-      group.gather_rows(sink.row_error(), rows);
-      const compression_figures fig =
-          report_compression(s.n, s.obs.ndata, nnz, sink.data_full().data(),
-                             sink.data_comp().data(), sink.row_error().data(), out);
+      group.gather_rows(sink.row_bound(), rows);
+      group.gather_rows(sink.row_exact(), rows);
+      const compression_figures fig = report_compression(
+          s.n, s.obs.ndata, nnz, sink.data_full().data(), sink.data_comp().data(),
+          sink.row_bound().data(), sink.row_exact().data(), out);
       sum.nnz = nnz;
       sum.compression_ratio = fig.ratio;
       sum.achieved_error = fig.achieved_error;
       sum.row_error_mean = fig.row_error_mean;
       sum.row_error_max = fig.row_error_max;
+      sum.rows_measured = fig.rows_measured;
+      sum.row_bound_mean = fig.row_bound_mean;
+      sum.row_bound_max = fig.row_bound_max;
       if (params.write_diagnostics && leads) {
         write_data_file(output_path(options, "data_notcompressed.txt"), s.obs, sink.data_full());
         write_data_file(output_path(options, "data_compressed.txt"), s.obs, sink.data_comp());

@@ -26,7 +26,9 @@ struct run_summary {
   double threshold_surface = 0.0, threshold_borehole = 0.0;
   int64_t nnz = 0;  // kept coefficients (n * ndata uncompressed)
   double compression_ratio = 0.0, achieved_error = 0.0;
-  double row_error_mean = 0.0, row_error_max = 0.0;
+  double row_error_mean = 0.0, row_error_max = 0.0;  // exact, over the rows measured
+  int32_t rows_measured = 0;                          // one datum in 32, from the first
+  double row_bound_mean = 0.0, row_bound_max = 0.0;  // a bound, over every row
   std::vector<std::pair<std::string, double>> phase_seconds;  // "init", "sens", ..., "TOTAL"
 };
 

@@ -4,9 +4,11 @@
 // size.
 #include "wavelet/compress_row.hpp"
 
+#include <algorithm>
 #include <cmath>
 #include <cstddef>
 #include <new>
+#include <string>
 
 #include "base/format.hpp"
 #include "base/stop.hpp"
@@ -63,6 +65,34 @@ double compress_row(const compression& c, const active_cells& cells, const doubl
   return (k.energy == 0.0) ? 0.0 : std::sqrt(k.lost / k.energy);
 }
 
+double stored_row_error(const compression& c, const active_cells& cells, const double* row,
+                        int32_t n, const compressed_row& rec, compress_workspace& ws) {
+  if (ws.work.size() != static_cast<std::size_t>(c.cube_size)) make_cube(c, ws.work);
+  std::fill(ws.work.begin(), ws.work.end(), 0.0);
+  const std::size_t kept = std::min(rec.idx.size(), rec.val.size());
+  for (std::size_t k = 0; k < kept; ++k) {
+    const int64_t p = rec.idx[k];
+    if (p < 1 || p > c.cube_size) stop_text("idx outside the cube");
+    ws.work[static_cast<std::size_t>(p - 1)] = rec.val[k];
+  }
+  transform_cube(c, ws.work.data(), -1, ws.lines);
+  const std::size_t len = static_cast<std::size_t>(n > 0 ? n : 0);
+  if (ws.row.size() < len) ws.row.resize(len);
+  cube_to_row(c, cells, ws.row.data(), n, ws.work.data());
+  // Scaled by the row's largest value, so that no square overflows or
+  // flushes to zero.
+  double big = 0.0;
+  for (std::size_t i = 0; i < len; ++i) big = std::fmax(big, std::fabs(row[i]));
+  if (big == 0.0) return 0.0;
+  double energy = 0.0, lost = 0.0;
+  for (std::size_t i = 0; i < len; ++i) {
+    const double r = row[i] / big, d = (row[i] - ws.row[i]) / big;
+    energy += r * r;
+    lost += d * d;
+  }
+  return std::sqrt(lost / energy);
+}
+
 std::vector<double> transform_test_model(const compression& c, const active_cells& cells,
                                          double value, const std::vector<double>& weights) {
   const std::size_t len = weights.size();
@@ -96,7 +126,8 @@ double dot_compressed(const std::vector<double>& test_model_w, const compressed_
 
 compression_figures report_compression(int32_t n, int32_t ndata, int64_t nnz,
                                        const double* data_full, const double* data_comp,
-                                       const double* row_err, const run_log& out) {
+                                       const double* row_bound, const double* row_exact,
+                                       const run_log& out) {
   compression_figures fig;
   out.say_log("");
   out.say_log("");
@@ -127,19 +158,35 @@ compression_figures report_compression(int32_t n, int32_t ndata, int64_t nnz,
     if (used < ndata)
       out.say_log(fmt_right("zero-response data left out:", 30) + fmt_int(ndata - used, 10));
   }
-  if (row_err != nullptr) {
-    // Every row counts here, one of zeros with its error of 0. Summed in
-    // datum order, so that the thread count changes nothing; a NaN shows.
-    double sum = 0.0, worst = 0.0;
-    for (int32_t i = 0; i < ndata; ++i) {
-      sum += row_err[i];
-      if (!(row_err[i] <= worst)) worst = row_err[i];
-    }
-    const double mean = (ndata > 0) ? sum / static_cast<double>(ndata) : 0.0;
-    out.say_log(fmt_right("mean relative row error:", 30) + fmt_sci(mean, 12, 4));
-    out.say_log(fmt_right("max relative row error:", 30) + fmt_sci(worst, 12, 4));
-    fig.row_error_mean = mean;
-    fig.row_error_max = worst;
+  if (row_bound != nullptr && row_exact != nullptr) {
+    // Every row counts, one of zeros with its error of 0. Summed in datum
+    // order, so that the thread count changes nothing; a NaN shows.
+    const auto mean_max = [&](const double* err, bool measured_only, double& mean, double& worst) {
+      double sum = 0.0;
+      int32_t count = 0;
+      worst = 0.0;
+      for (int32_t i = 0; i < ndata; ++i) {
+        if (measured_only && !exact_error_row(i)) continue;
+        sum += err[i];
+        ++count;
+        if (!(err[i] <= worst)) worst = err[i];
+      }
+      mean = (count > 0) ? sum / count : 0.0;
+      return count;
+    };
+    fig.rows_measured = mean_max(row_exact, true, fig.row_error_mean, fig.row_error_max);
+    mean_max(row_bound, false, fig.row_bound_mean, fig.row_bound_max);
+    const std::string measured = "  exact, " + std::to_string(fig.rows_measured) + " of " +
+                                 std::to_string(ndata) + " rows";
+    const std::string every = "  all " + std::to_string(ndata) + " rows";
+    out.say_log(fmt_right("mean relative row error:", 30) + fmt_sci(fig.row_error_mean, 12, 4) +
+                measured);
+    out.say_log(fmt_right("max relative row error:", 30) + fmt_sci(fig.row_error_max, 12, 4) +
+                measured);
+    out.say_log(fmt_right("mean bound on row error:", 30) + fmt_sci(fig.row_bound_mean, 12, 4) +
+                every);
+    out.say_log(fmt_right("max bound on row error:", 30) + fmt_sci(fig.row_bound_max, 12, 4) +
+                every);
   }
   out.say_log("");
   if (out.log() != nullptr) std::fflush(out.log());

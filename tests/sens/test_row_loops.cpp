@@ -97,7 +97,8 @@ result run(const survey& s, int threads, const grid_survey* grid = nullptr,
        : general_row_loop(s, sink, r.sq, r.avg, cap.out);
   if (c.compressed)
     report_compression(s.n, s.obs.ndata, sink.nnz(), sink.data_full().data(),
-                       sink.data_comp().data(), sink.row_error().data(), cap.out);
+                       sink.data_comp().data(), sink.row_bound().data(), sink.row_exact().data(),
+                       cap.out);
   r.rows.assign(store.full_rows.begin(), store.full_rows.end());
   r.recs = store.compressed_rows, r.screen = cap.screen(), r.log = cap.log();
   return r;

@@ -339,6 +339,7 @@ TEST(CompressRow, RowErrorAgainstTheDecompressedRow) {
         double lost = 0.0;
         for (int32_t i = 0; i < n; ++i) lost += (back[i] - row[i]) * (back[i] - row[i]);
         const double seen = std::sqrt(lost / energy);
+        EXPECT_NEAR(stored_row_error(k.c, k.cells, row.data(), n, rec, ws), seen, 1e-9 * seen);
         if (c.fills)
           EXPECT_NEAR(got, seen, 1e-6 * got + 1e-10);
         else
@@ -349,21 +350,27 @@ TEST(CompressRow, RowErrorAgainstTheDecompressedRow) {
 }
 
 TEST(ReportCompression, LogLines) {
-  // Row errors: mean and largest over every row, a row of zeros (error 0) included. A datum
-  // of zero response has no relative error: left out, and counted right below the error.
-  const double full[3] = {0.0, 2.0, 0.0}, comp[3] = {1.0, 2.5, 0.0}, rows[3] = {0.03, 0.0, 0.0525};
+  // 33 data. A datum of zero response has no relative error: left out of the test
+  // model's error, and counted below it. The exact row errors of the rows measured (the
+  // 1st and the 33rd, the others never read), then the bounds over every row, a row of
+  // zeros (error 0) included.
+  std::vector<double> full(33, 1.0), comp(33, 1.0), bound(33, 0.0), exact(33, 99.0);
+  full[0] = full[2] = 0.0, comp[0] = 1.0, full[1] = 2.0, comp[1] = 2.5, comp[2] = 0.0;
+  bound[0] = 0.03, bound[2] = 0.0525, exact[0] = 0.02, exact[32] = 0.01;
   const std::string nnz = "\n\n          Number of non-zeros:",
                     ratio = "\n          Compression   ratio:";
   qt::capture cap;
-  report_compression(100, 4, 0, nullptr, nullptr, nullptr, cap.out);
+  report_compression(100, 4, 0, nullptr, nullptr, nullptr, nullptr, cap.out);
   EXPECT_EQ(cap.log(), nnz + "         0" + ratio + "   no coefficient kept\n\n\n");
   qt::capture cap2;
-  report_compression(7, 3, 9, full, comp, rows, cap2.out);
+  report_compression(7, 33, 9, full.data(), comp.data(), bound.data(), exact.data(), cap2.out);
   EXPECT_EQ(cap2.log(), nnz + "         9" + ratio +
-                            "  2.3333E+00\n\n      achieved relative error:  2.5000E-01\n"
+                            "  2.5667E+01\n\n      achieved relative error:  8.0645E-03\n"
                             "  zero-response data left out:         2\n"
-                            "      mean relative row error:  2.7500E-02\n"
-                            "       max relative row error:  5.2500E-02\n\n");
+                            "      mean relative row error:  1.5000E-02  exact, 2 of 33 rows\n"
+                            "       max relative row error:  2.0000E-02  exact, 2 of 33 rows\n"
+                            "      mean bound on row error:  2.5000E-03  all 33 rows\n"
+                            "       max bound on row error:  5.2500E-02  all 33 rows\n\n");
   EXPECT_EQ(cap.screen() + cap2.screen(), "");
 }
 
