@@ -162,14 +162,15 @@ void prism_row(row_workspace& ws, double geomag, const double* yn, const double*
                const double* zn, int32_t ny, int32_t nx, int32_t nz, const int32_t* top,
                int32_t idat, double oy, double ox, double oz, double* g, std::size_t glen,
                const run_log& out, const row_part_fn& done) {
+  // The layers of column (j, i) above the ground.
+  auto top_of = [&](int32_t j, int32_t i) {
+    return std::clamp(top[static_cast<std::size_t>(j - 1) + static_cast<std::size_t>(i - 1) * ny],
+                      0, nz);
+  };
   // The walk must fill g exactly: checked before anything is written.
   std::size_t cells = 0;
   for (int32_t j = 1; j <= ny; ++j)
-    for (int32_t i = 1; i <= nx; ++i)
-      cells += static_cast<std::size_t>(
-          nz -
-          std::clamp(top[static_cast<std::size_t>(j - 1) + static_cast<std::size_t>(i - 1) * ny], 0,
-                     nz));
+    for (int32_t i = 1; i <= nx; ++i) cells += static_cast<std::size_t>(nz - top_of(j, i));
   if (cells != glen) stop_text("indx /= size(g)");
 
   const double scale = geomag / four_pi;
@@ -208,13 +209,15 @@ void prism_row(row_workspace& ws, double geomag, const double* yn, const double*
     compute_node_plane(c, ws.vector_target, shift, yn, xn, zn, ny, nx, nz, top, oy, ox, oz, j + 1);
     const cache_view cv{c.plane(j), c.plane(j + 1), static_cast<std::size_t>(c.ez), edge_sq};
     const std::size_t first = indx;
-    for (int32_t i = 1; i <= nx; ++i)
-      indx += static_cast<std::size_t>(
-          nz -
-          std::clamp(top[static_cast<std::size_t>(j - 1) + static_cast<std::size_t>(i - 1) * ny], 0,
-                     nz));
+    for (int32_t i = 1; i <= nx; ++i) indx += static_cast<std::size_t>(nz - top_of(j, i));
     c.flagged.clear();
     prism_columns(ws.vector_target, in, j, cv.lo, cv.hi, g + first, first, c.col.data(), c.flagged);
+    if (ws.every_cell_alone) {
+      c.flagged.clear();
+      std::size_t at = first;
+      for (int32_t i = 1; i <= nx; ++i)
+        for (int32_t k = top_of(j, i) + 1; k <= nz; ++k) c.flagged.push_back({at++, j, i, k});
+    }
 
     // The cells the vector loop set aside, in cell order, one at a time: those
     // with a value get it here, the others 0 and the edge message.

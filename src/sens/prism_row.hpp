@@ -22,6 +22,9 @@ struct row_workspace {
   arctangent_cache cache;
   int64_t vector_target = 0;
   double length_scale = 1.0;
+  // Every cell through the one-cell formula, which otherwise sees only the
+  // cells the vector loop sets aside: a check of that formula on every cell.
+  bool every_cell_alone = false;
 };
 
 // make_row_workspace: a workspace for directions d and the model mesh's length

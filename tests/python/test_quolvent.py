@@ -144,7 +144,14 @@ def test_hand_made_file_and_format_errors(tmp_path):
     grid = m.to_grid([1.0, 2.0, 3.0])
     assert np.isnan(grid[0, 0, 0]) and np.array_equal(grid[1, 0, :], [1.0, 3.0]) and grid[0, 0, 1] == 2.0
     np.testing.assert_array_equal(m.dot([1.0, 1.0, 1.0]), [1 + 4 + 12, -4 + 1 + 1])
+    # Cut short, a frame longer than the rest, sizes out of range (a count
+    # below zero, more cells than the mesh has, no layers), extra bytes.
+    sizes = [rec("<5i", *v) + body[28:] for v in
+             [(-1, 3, 1, 2, 2), (2, -1, 1, 2, 2), (2, 3, -1, 2, 2), (2, 3, 1, -1, 2), (2, 3, 1, 2, -1),
+              (2, 5, 1, 2, 2), (2, 3, 1, 2, 0)]]
     for bad, record in [(body[:-3], "record 9"), (body[:30], "record 2"), (body[:2], "record 1"),
+                        (struct.pack("<i", 200) + body[4:200], "record 1: a frame longer than the rest"),
+                        *[(b, "record 1: sizes out of range") for b in sizes],
                         (body + b"x", "after record 9")]:
         (tmp_path / "bad.mtx").write_bytes(bad)
         with pytest.raises(quolvent.FormatError, match=record):

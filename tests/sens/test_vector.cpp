@@ -69,7 +69,8 @@ TEST(VectorMath, AtanAndLogAgreeWithTheLibrary) {
 // (so columns in three stretches, and the cell it is in), on a node line
 // below it and on a vertical edge: every entry is, to the bit, the entry of
 // the same cell on a mesh of that one cell; on every target. The edge
-// messages are the same on every target, in cell order.
+// messages are the same on every target, in cell order; and the same, to the
+// logarithms' rounding, with every cell through the one-cell formula.
 TEST(PrismLanes, EveryCellAsIfAlone) {
   const int32_t ny = 3, nx = 4, nz = 19;
   std::vector<double> yn{0}, xn{-7}, zn{0};
@@ -95,6 +96,17 @@ TEST(PrismLanes, EveryCellAsIfAlone) {
                 g.data(), glen, cap.out);
       if (t == vector_targets().front()) logs[p] = cap.log();
       EXPECT_EQ(cap.log(), logs[p]) << vector_target_name(t) << " point " << p;
+      // The one-cell formula on every cell: the same to the rounding of the
+      // logarithms, the same messages.
+      qt::capture cap2;
+      std::vector<double> alone_all(glen, -1.0);
+      ws.every_cell_alone = true;
+      prism_row(ws, 50000, yn.data(), xn.data(), zn.data(), ny, nx, nz, top.data(), 3, oy, ox, oz,
+                alone_all.data(), glen, cap2.out);
+      ws.every_cell_alone = false;
+      EXPECT_EQ(cap2.log(), logs[p]);
+      for (std::size_t e = 0; e < glen; ++e)
+        ASSERT_NEAR(alone_all[e], g[e], 1e-12 * 50000) << "point " << p << " entry " << e;
       std::size_t indx = 0;
       for (int32_t j = 1; j <= ny; ++j)
         for (int32_t i = 1; i <= nx; ++i)
