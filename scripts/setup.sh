@@ -18,6 +18,10 @@ packages=(
   python3-numpy
   python3-matplotlib
   python3-pytest
+  python3-venv
+  python3-pip
+  python3-setuptools
+  python3-wheel
 )
 
 missing=()
