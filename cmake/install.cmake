@@ -1,5 +1,5 @@
 # What `cmake --install` puts under its prefix:
-#   bin/                      quolvent, quolvent-mpi where built
+#   bin/                      quolvent, quolvent-mpi and quolvent-gpu where built
 #   lib/                      the layer libraries (static)
 #   include/quolvent/         the public headers (run.hpp, matrix.hpp)
 #   include/quolvent/detail/  the headers of src/ those include, and no others
@@ -42,6 +42,9 @@ endforeach()
 set(installed_programs quolvent)
 if(TARGET quolvent-mpi)
   list(APPEND installed_programs quolvent-mpi)
+endif()
+if(TARGET quolvent-gpu)
+  list(APPEND installed_programs quolvent-gpu)
 endif()
 # The programs keep the build's path to libomp (outside the linker's default
 # folders on Debian) and need no other: they are linked with it once, and

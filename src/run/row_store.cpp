@@ -1,6 +1,8 @@
 // The row loops' sink over the matrix store.
 #include "run/row_store.hpp"
 
+#include <utility>
+
 #include "base/resources.hpp"
 #include "base/stop.hpp"
 #include "wavelet/compress_row.hpp"
@@ -72,6 +74,21 @@ void store_sink::put(thread_part& t, int32_t datum, const double* row, double te
       compress_row(c_, s_.cells, row, s_.n, rec, part.nnz, s_.datum_kinds[d], part.ws);
   if (exact_error_row(datum)) row_exact_[d] = stored_row_error(c_, s_.cells, row, s_.n, rec, part.ws);
   data_comp_[d] = dot_compressed(test_model_w_, rec);
+}
+
+void store_sink::put_record(thread_part& t, int32_t datum, compressed_row&& rec, double bound,
+                            double test_datum, const double* row) {
+  if (!c_.compressed) stop_text("a record for rows kept whole");
+  auto& part = static_cast<compress_part&>(t);
+  const std::size_t d = static_cast<std::size_t>(datum);
+  compressed_row& stored = store_.compressed_rows[static_cast<std::size_t>(datum - rows_.first)];
+  stored = std::move(rec);
+  part.nnz += static_cast<int64_t>(stored.idx.size());
+  data_full_[d] = test_datum;
+  row_bound_[d] = bound;
+  if (exact_error_row(datum))
+    row_exact_[d] = stored_row_error(c_, s_.cells, row, s_.n, stored, part.ws);
+  data_comp_[d] = dot_compressed(test_model_w_, stored);
 }
 
 void store_sink::close_thread(thread_part& t) {

@@ -35,6 +35,15 @@ class store_sink : public row_sink {
   void put(thread_part& t, int32_t datum, const double* row, double test_datum) override;
   void close_thread(thread_part& t) override;
 
+  // put_record: datum's row compressed elsewhere (on a device), as put would
+  // have stored it: its record, moved in; the bound of its error
+  // (compress_row's result); the datum of the test model from the row before
+  // the weighting; row, the weighted row where exact_error_row(datum) asks
+  // for the exact error of the record (else not read, may be nullptr).
+  // Fails: a sink of whole rows stops with a text.
+  void put_record(thread_part& t, int32_t datum, compressed_row&& rec, double bound,
+                  double test_datum, const double* row);
+
   // After the loop: the total of kept coefficients, the data of the test
   // model from the full rows and from the compressed ones, and each stored
   // row's relative error, by datum (empty when the rows are not compressed;

@@ -23,6 +23,7 @@
 #include "output/matrix_file.hpp"
 #include "output/output_room.hpp"
 #include "run/control_file.hpp"
+#include "run/row_engine.hpp"
 #include "run/row_store.hpp"
 #include "run/run_group.hpp"
 #include "sens/grid_check.hpp"
@@ -186,7 +187,9 @@ void run_pipeline(const run_params& params, phase_clock& clock, run_log& out,
   {
     store_sink sink(s, c, store, rows);
     row_sums sums;
-    if (grid.regular) {
+    if (options.engine != nullptr) {
+      options.engine->make_rows(s, grid, c, sink, rows, sums, out);
+    } else if (grid.regular) {
       grid_row_loop(s, grid, sink, rows, sums, out);
     } else {
       general_row_loop(s, sink, rows, sums, out);
@@ -264,7 +267,11 @@ void execute_run(int argc, char** argv, run_log& out, const run_options& options
   const thread_count_scope threads(nargs == 2 ? thread_count_from(argv[2]) : 0);
   phase_clock clock;
   clock.phase_timer("start", 0, out.screen(), nullptr);
-  print_banner("QUOLVENT", out.screen(), group.banner_line());
+  // The banner's line of the group and of the engine, where they have one.
+  std::string banner_line = group.banner_line();
+  if (options.engine != nullptr && !options.engine->banner_line().empty())
+    banner_line += (banner_line.empty() ? "" : "\n") + options.engine->banner_line();
+  print_banner("QUOLVENT", out.screen(), banner_line);
   if (nargs < 1) {
     print_usage(out);
     stop_plain();
@@ -276,7 +283,7 @@ void execute_run(int argc, char** argv, run_log& out, const run_options& options
     out.open_log(output_path(options, "quolvent.log"));
   else
     out.adopt_log(group.side_log());
-  print_banner("QUOLVENT", out.log(), group.banner_line());
+  print_banner("QUOLVENT", out.log(), banner_line);
   const run_params params = read_control_file(input_name, out);
   print_timestamp("QUOLVENT started on: ", out.log());
   print_parameters(params, input_name, out);

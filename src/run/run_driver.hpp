@@ -12,6 +12,7 @@
 namespace quolvent {
 
 class run_group;
+class row_engine;
 
 // run_summary: what a run found and made, for a caller that embeds it.
 struct run_summary {
@@ -37,12 +38,14 @@ struct run_summary {
 // A program sets its own thread affinity; a caller that embeds runs in a
 // process of its own may keep the runtime from binding its threads. group:
 // the processes that share the run (nullptr: this one alone); only the first
-// of them writes the screen and the log.
+// of them writes the screen and the log. engine: what makes the rows
+// (nullptr: this process's threads).
 struct run_options {
   std::string outdir;
   run_summary* summary = nullptr;
   bool set_affinity = true;
   run_group* group = nullptr;
+  row_engine* engine = nullptr;
 };
 
 // execute_run

@@ -33,17 +33,6 @@ int32_t half_extension(int32_t m) {
   return static_cast<int32_t>(static_cast<float>(m) * 0.5f + 0.5f);
 }
 
-// shift_plan: the shift of every datum's sub-block, in cells, and the growth
-// of the mesh on each side that keeps every sub-block inside the cube.
-struct shift_plan {
-  std::vector<int32_t> iy, ix;
-  int32_t hy = 0, hx = 0;
-  int32_t ny2 = 0, nx2 = 0;
-  std::size_t cube = 0;  // nz * ny2 * nx2
-};
-
-enum class plan_status { ok, unusable, too_large };
-
 // plan_shifts: unusable when the arguments give no shift to work with,
 // too_large when the cube would need 2^31 positions or more; in both cases
 // the general loop runs instead.
@@ -106,6 +95,61 @@ bool rows_fit(const mesh_model& mesh, int32_t n, const std::vector<int32_t>& top
 
 }  // namespace
 
+bool plan_grid(const survey& s, const grid_survey& grid, shift_plan& plan, const run_log& out) {
+  const plan_status st = plan_shifts(s.mesh, s.obs, grid.ref_datum, grid.cell_dy, grid.cell_dx, plan);
+  if (st != plan_status::ok) {
+    if (st == plan_status::too_large)
+      out.report_log({"", " Regular survey: the extended mesh would reach 2**31 cells,",
+                      " so the rows are computed datum by datum.", ""});
+    else
+      out.report_log({"", " Regular survey without a usable reference datum or cell width,",
+                      " so the rows are computed datum by datum.", ""});
+    return false;
+  }
+  if (!rows_fit(s.mesh, s.n, s.top_index)) stop_text("indx /= size(g)");
+  if (s.weights.size() != static_cast<std::size_t>(std::max(s.n, 0)))
+    stop_text("size(weights) /= n");
+  return true;
+}
+
+std::vector<double> reference_cube(const survey& s, const grid_survey& grid,
+                                   const shift_plan& plan, const run_log& out) {
+  const mesh_model& mesh = s.mesh;
+  const int32_t hy = plan.hy, hx = plan.hx, ny2 = plan.ny2, nx2 = plan.nx2;
+  std::vector<double> gbig, yn2, xn2;
+  std::vector<int32_t> top2;
+  try {
+    gbig.resize(plan.cube);
+    yn2.resize(static_cast<std::size_t>(ny2) + 1);
+    xn2.resize(static_cast<std::size_t>(nx2) + 1);
+    top2.resize(static_cast<std::size_t>(ny2) * static_cast<std::size_t>(nx2));
+  } catch (const std::bad_alloc&) {
+    alloc_failed("kernel2");
+  } catch (const std::length_error&) {
+    alloc_failed("kernel2");
+  }
+
+  // Extended nodes at the mean width throughout, accumulated like the
+  // model's nodes.
+  yn2[0] = mesh.yn[0] - hy * grid.cell_dy;
+  for (std::size_t k = 1; k < yn2.size(); ++k) yn2[k] = yn2[k - 1] + grid.cell_dy;
+  xn2[0] = mesh.xn[0] - hx * grid.cell_dx;
+  for (std::size_t k = 1; k < xn2.size(); ++k) xn2[k] = xn2[k - 1] + grid.cell_dx;
+
+  // Every column of the extended mesh is full. The reference row, on this
+  // thread alone, with the tolerances of the model's mesh: the rows must be
+  // those general_row_loop would give.
+  std::fill(top2.begin(), top2.end(), 0);
+  const std::size_t r = static_cast<std::size_t>(grid.ref_datum) - 1;
+  const double oy = s.obs.northing[r];
+  const double ox = s.obs.easting[r];
+  const double oz = mesh.z0 - s.obs.elevation[r];
+  row_workspace ws = make_row_workspace(survey_directions(s.obs), mesh_length_scale(mesh));
+  prism_row(ws, s.obs.geomag, yn2.data(), xn2.data(), mesh.zn.data(), ny2, nx2, mesh.nz,
+            top2.data(), grid.ref_datum, oy, ox, oz, gbig.data(), gbig.size(), out);
+  return gbig;
+}
+
 int32_t grid_shift(double cells) {
   return static_cast<int32_t>(cells >= 0.0 ? cells + 0.5 : cells - 0.5);
 }
@@ -127,64 +171,19 @@ void grid_row_loop(const survey& s, const grid_survey& grid, row_sink& sink, row
   const int32_t ndata = obs.ndata;
   const int32_t ny = mesh.ny, nx = mesh.nx, nz = mesh.nz;
   const std::size_t nn = static_cast<std::size_t>(std::max(n, 0));
-  const double cell_dy = grid.cell_dy, cell_dx = grid.cell_dx;
-  const int32_t ref_datum = grid.ref_datum;
 
   shift_plan plan;
-  const plan_status st = plan_shifts(mesh, obs, ref_datum, cell_dy, cell_dx, plan);
-  if (st != plan_status::ok) {
-    if (st == plan_status::too_large)
-      out.report_log({"", " Regular survey: the extended mesh would reach 2**31 cells,",
-                      " so the rows are computed datum by datum.", ""});
-    else
-      out.report_log({"", " Regular survey without a usable reference datum or cell width,",
-                      " so the rows are computed datum by datum.", ""});
+  if (!plan_grid(s, grid, plan, out)) {
     general_row_loop(s, sink, rows, sums, out);
     return;
   }
-  if (!rows_fit(mesh, n, top_index)) stop_text("indx /= size(g)");
-  if (s.weights.size() != nn) stop_text("size(weights) /= n");
   if (rows.first < 0 || rows.last > ndata) stop_text("rows outside the data");
-
-  // The cube and the extended mesh.
-  const int32_t hy = plan.hy, hx = plan.hx, ny2 = plan.ny2, nx2 = plan.nx2;
-  std::vector<double> gbig, yn2, xn2;
-  std::vector<int32_t> top2;
-  try {
-    gbig.resize(plan.cube);
-    yn2.resize(static_cast<std::size_t>(ny2) + 1);
-    xn2.resize(static_cast<std::size_t>(nx2) + 1);
-    top2.resize(static_cast<std::size_t>(ny2) * static_cast<std::size_t>(nx2));
-  } catch (const std::bad_alloc&) {
-    alloc_failed("kernel2");
-  } catch (const std::length_error&) {
-    alloc_failed("kernel2");
-  }
-
-  // Extended nodes at the mean width throughout, accumulated like the
-  // model's nodes.
-  yn2[0] = mesh.yn[0] - hy * cell_dy;
-  for (std::size_t k = 1; k < yn2.size(); ++k) yn2[k] = yn2[k - 1] + cell_dy;
-  xn2[0] = mesh.xn[0] - hx * cell_dx;
-  for (std::size_t k = 1; k < xn2.size(); ++k) xn2[k] = xn2[k - 1] + cell_dx;
-
-  // Every column of the extended mesh is full.
-  std::fill(top2.begin(), top2.end(), 0);
   begin_rows(sink, n, ndata, "kernel2", sums, out);
   const double test_model = sink.test_model();
-
-  // The reference row over the extended mesh, on this thread alone, with the
-  // tolerances of the model's mesh: the rows must be those general_row_loop would give.
-  const std::size_t r = static_cast<std::size_t>(ref_datum) - 1;
-  const double oy = obs.northing[r];
-  const double ox = obs.easting[r];
-  const double oz = mesh.z0 - obs.elevation[r];
-  // A process without rows has no use for it.
-  if (rows.count() > 0) {
-    row_workspace ws = make_row_workspace(survey_directions(obs), mesh_length_scale(mesh));
-    prism_row(ws, obs.geomag, yn2.data(), xn2.data(), mesh.zn.data(), ny2, nx2, nz, top2.data(),
-              ref_datum, oy, ox, oz, gbig.data(), gbig.size(), out);
-  }
+  // A process without rows has no use for the cube.
+  std::vector<double> gbig;
+  if (rows.count() > 0) gbig = reference_cube(s, grid, plan, out);
+  const int32_t hy = plan.hy, hx = plan.hx, nx2 = plan.nx2;
 
   // Every row a shifted, weighted sub-block of the cube.
   row_loop loop(out, ndata, sums);
@@ -241,9 +240,6 @@ void grid_row_loop(const survey& s, const grid_survey& grid, row_sink& sink, row
   loop.progress.finish();
 
   std::vector<double>().swap(gbig);
-  std::vector<double>().swap(yn2);
-  std::vector<double>().swap(xn2);
-  std::vector<int32_t>().swap(top2);
 }
 
 }  // namespace quolvent

@@ -36,6 +36,34 @@ void grid_row_loop(const survey& s, const grid_survey& grid, row_sink& sink,
 void grid_row_loop(const survey& s, const grid_survey& grid, row_sink& sink, row_range rows,
                    row_sums& sums, const run_log& out);
 
+// shift_plan: the shift of every datum's sub-block, in cells, and the growth
+// of the mesh on each side that keeps every sub-block inside the cube.
+struct shift_plan {
+  std::vector<int32_t> iy, ix;
+  int32_t hy = 0, hx = 0;
+  int32_t ny2 = 0, nx2 = 0;
+  std::size_t cube = 0;  // nz * ny2 * nx2
+};
+
+enum class plan_status { ok, unusable, too_large };
+
+// plan_grid
+// Given: the survey s and the grid of grid_check; the run's log.
+// Returns: true with the shifts of every datum; false, with a line in the
+//   log, when the extended mesh would reach 2^31 cells or the grid gives no
+//   usable shift: the rows are then the general loop's.
+// Fails: "indx /= size(g)" when top_index and n disagree, "size(weights) /= n".
+bool plan_grid(const survey& s, const grid_survey& grid, shift_plan& plan, const run_log& out);
+
+// reference_cube
+// Given: the survey, the grid and its plan; the run's log.
+// Returns: the reference datum's row over the extended mesh of the plan,
+//   every column full: the cube every row is a sub-block of, cell (j', i', k)
+//   at ((j'-1) nx2 + i'-1) nz + k-1.
+// Fails: "kernel2" allocation stop; the stops of prism_row.
+std::vector<double> reference_cube(const survey& s, const grid_survey& grid,
+                                   const shift_plan& plan, const run_log& out);
+
 // grid_shift
 // Given: the offset of the reference point from a datum along one axis, in
 //   cells.
