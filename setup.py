@@ -46,7 +46,7 @@ class cmake_build_ext(build_ext):
             if not os.path.exists(os.path.join(tree, "CMakeCache.txt")):
                 configure = [cmake, "-S", root, "-B", tree, "-DCMAKE_CXX_COMPILER=clang++",
                              "-DCMAKE_BUILD_TYPE=Release", "-DQUOLVENT_TESTS=OFF",
-                             "-DQUOLVENT_BENCH=OFF", "-DQUOLVENT_FUZZ=OFF",
+                             "-DQUOLVENT_BENCH=OFF", "-DQUOLVENT_FUZZ=OFF", "-DQUOLVENT_GPU=OFF",
                              f"-DPython3_EXECUTABLE={sys.executable}"]
                 if shutil.which("ninja"):
                     configure += ["-G", "Ninja"]
