@@ -22,6 +22,7 @@ packages=(
   python3-pip
   python3-setuptools
   python3-wheel
+  strace
 )
 
 missing=()

@@ -1,5 +1,5 @@
 // Topography reader and column tops: the exact texts of every failure, the warning, the
-// corner nodes, and the tops of grounds of known shape, flat ones on layer boundaries.
+// frame at the mesh corners, and the tops of grounds of known shape, flat ones on layer boundaries.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -115,15 +115,45 @@ TEST(TopoReader, TextsOfFailuresAndWarningsAndTheTopsOfFlatGrounds) {
   }
 }
 
-TEST(TopoReader, CornerNodesTakeTheNearestPointsElevation) {
-  // Points at 100 but one near each corner: each plan corner takes that point's elevation.
-  const reading r = read_text(file_of({{5, 300, 100}, {300, 5, 100}, {595, 300, 100},
-                                       {300, 595, 100}, {300, 300, 100}, {160, 160, 32},
-                                       {160, 440, 52}, {440, 160, 72}, {440, 440, 88}}));
-  ASSERT_EQ(r.words, "");
-  EXPECT_EQ((std::vector{top_at(r.tops, 30, 1, 1), top_at(r.tops, 30, 30, 1),
-                         top_at(r.tops, 30, 1, 30), top_at(r.tops, 30, 30, 30)}),
-            (std::vector{layers_above(32), layers_above(52), layers_above(72), layers_above(88)}));
+// The frame at the mesh's plan corners: the tops over clouds that leave
+// every corner, the west corners, the south corners and one corner within a
+// quarter cell, against the tops over the same cloud with the frame the user
+// would expect given as points of the file (each corner beyond the cloud to
+// the south or north and to the west or east, farther than a quarter cell
+// from every point, at the elevation of the point nearest to it; corners
+// given as points get no frame). A mesh longer than wide, off the origin, of
+// 1 m layers: the corners' elevations apart by several layers.
+TEST(TopoReader, FrameCornersTakeTheNearestPointsElevation) {
+  const mesh_model m = qt::uniform_mesh(12, 7, 50, 10.0, 10.0, 1.0, 1000.0, 2000.0, 100.0);
+  const double x1 = 1000, xe = 1120, y1 = 2000, ye = 2070;
+  std::vector<std::array<double, 3>> cloud;
+  for (int i = 0; i < 40; ++i)  // irrational steps: no four points on a circle
+    cloud.push_back({x1 + 4 + 112 * std::fmod(i * 0.6180339887, 1.0),
+                     y1 + 4 + 62 * std::fmod(i * 0.4142135623 + 0.3, 1.0),
+                     55 + 40 * std::fmod(i * 0.7548776662, 1.0)});
+  const std::array<double, 3> extra[] = {{0, 0, 0}, {x1 - 5, 2030, 80}, {1060, y1 - 5, 70},
+                                         {xe - 1, ye - 1, 60}};
+  for (const auto& e : extra) {
+    std::vector<std::array<double, 3>> points = cloud, framed;
+    if (e[0] != 0) points.push_back(e);
+    for (const auto& [cx, cy] : {std::pair{x1, y1}, {x1, ye}, {xe, y1}, {xe, ye}}) {
+      bool beyond_x = true, beyond_y = true;
+      double nearest = 1e300, elevation = 0;
+      for (const auto& p : points) {
+        beyond_x &= cx == x1 ? p[0] > cx : p[0] < cx;
+        beyond_y &= cy == y1 ? p[1] > cy : p[1] < cy;
+        if (std::hypot(p[0] - cx, p[1] - cy) < nearest)
+          nearest = std::hypot(p[0] - cx, p[1] - cy), elevation = p[2];
+      }
+      if (beyond_x && beyond_y && nearest > 2.5) framed.push_back({cx, cy, elevation});
+    }
+    EXPECT_EQ(framed.size(), e[0] == 0 ? 4u : e[0] == xe - 1 ? 3u : 2u);
+    framed.insert(framed.end(), points.begin(), points.end());
+    const reading got = read_text(file_of(points), "topo.txt", m);
+    const reading want = read_text(file_of(framed), "topo.txt", m);
+    EXPECT_EQ(got.words, "");
+    EXPECT_EQ(got.tops, want.tops) << "with " << e[0] << " " << e[1];
+  }
 }
 
 TEST(ColumnTops, TiesOnBoundariesAndTheLowestOfNineSamples) {
