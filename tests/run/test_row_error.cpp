@@ -50,20 +50,21 @@ TEST(RowError, LogLinesAgreeWithTheStoredRows) {
       qt::write_flat_survey(dir, 24, 14, 6, 40, false, "daub2");  // padded 16 x 32 x 8
     ASSERT_EQ(qt::run_program(dir.path.string(), {"run.inp", "2"}).status, 0);
     const std::string log = qt::read_file(dir.file("quolvent.log"));
-    const stored_matrix m(dir.file("dulmarok.mtx"));
-    const matrix_contents& mc = m.contents();
-    const int32_t ndata = mc.ndata, n = mc.n, measured = (ndata + 31) / 32;
-    ASSERT_EQ(ndata, hills ? 72 : 40);
     const run_log quiet(nullptr);
     const mesh_model mesh = read_mesh(dir.file("mesh.txt"));
     const obs_set obs = read_data_file(dir.file("obs.mag"));
-    // The header read field by field by the tests' reader: the mesh file's
-    // mesh, each padded extent the smallest power of two not below its count.
+    // The header read field by field by the tests' reader, ahead of the
+    // program's: the mesh file's mesh, each padded extent the smallest power
+    // of two not below its count.
     const matrix_header h = header_of(matrix_records(dir.file("dulmarok.mtx")));
-    EXPECT_EQ(std::tuple(h.ndata, h.n, h.ny, h.nx, h.nz, h.yn, h.xn, h.zn, h.z0),
-              std::tuple(ndata, n, mesh.ny, mesh.nx, mesh.nz, mesh.yn, mesh.xn, mesh.zn, mesh.z0));
+    EXPECT_EQ(std::tuple(h.ndata, h.ny, h.nx, h.nz, h.yn, h.xn, h.zn, h.z0),
+              std::tuple(obs.ndata, mesh.ny, mesh.nx, mesh.nz, mesh.yn, mesh.xn, mesh.zn, mesh.z0));
     const auto pow2 = [](int32_t v) { return static_cast<int32_t>(std::bit_ceil(unsigned(v))); };
     EXPECT_EQ(std::tuple(h.nyp, h.nxp, h.nzp), std::tuple(pow2(mesh.ny), pow2(mesh.nx), pow2(mesh.nz)));
+    const stored_matrix m(dir.file("dulmarok.mtx"));
+    const matrix_contents& mc = m.contents();
+    const int32_t ndata = mc.ndata, n = mc.n, measured = (ndata + 31) / 32;
+    ASSERT_EQ(std::tuple(ndata, n), std::tuple(hills ? 72 : 40, h.n));
     // The lines right after the error of the test model's data, each saying what it is.
     const std::string exact = "  exact, " + std::to_string(measured) + " of " +
                               std::to_string(ndata) + " rows\n",
