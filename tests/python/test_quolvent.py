@@ -159,26 +159,22 @@ def test_hand_made_file_and_format_errors(tmp_path):
 
 
 def test_pictures_show_the_models_slices(tmp_path, monkeypatch):
-    # The pictures written; on a mesh of three sizes, the arrays drawn against sensitivity.txt taken
-    # here cell by cell by its place in the file (y outermost, then x, z
-    # innermost), as each plot's title and coordinates say.
+    # The pictures written, and the arrays drawn on a mesh of three sizes against sensitivity.txt
+    # taken here cell by cell (y outermost, then x, z innermost) where each plot's title says.
     from quolvent import plot
     import matplotlib.figure
     nx, ny, nz = 7, 5, 3
     (tmp_path / "mesh.txt").write_text(f"{nx} {ny} {nz}\n0 0 0\n{nx}*10\n{ny}*10\n{nz}*5\n")
-    obs = [f"{70 * ((i * 0.618) % 1):.3f} {50 * ((i * 0.414) % 1):.3f} 2.0" for i in range(9)]
-    (tmp_path / "obs.mag").write_text("65 20 50000\n65 20 1\n9\n" + "\n".join(obs) + "\n")
-    (tmp_path / "run.inp").write_text("\n".join([str(tmp_path / "mesh.txt"), str(tmp_path / "obs.mag"),
-                                                 "null", "VALUE 1.0", "daub2", "null", "1"]) + "\n")
-    out = tmp_path / "out"
-    quolvent.run(str(tmp_path / "run.inp"), threads=1, outdir=str(out))
-    text = np.abs(np.loadtxt(out / "sensitivity.txt"))
-    def cell(iz, iy, ix):
-        return text[(iy * nx + ix) * nz + iz]
+    obs = "".join(f"{70 * (i * 0.618 % 1):.3f} {50 * (i * 0.414 % 1):.3f} 2.0\n" for i in range(9))
+    (tmp_path / "obs.mag").write_text("65 20 50000\n65 20 1\n9\n" + obs)
+    (tmp_path / "run.inp").write_text(f"{tmp_path}/mesh.txt\n{tmp_path}/obs.mag\nnull\nVALUE 1.0\ndaub2\nnull\n1\n")
+    quolvent.run(str(tmp_path / "run.inp"), threads=1, outdir=str(tmp_path / "out"))
+    text = np.abs(np.loadtxt(tmp_path / "out" / "sensitivity.txt"))
+    cell = lambda iz, iy, ix: text[(iy * nx + ix) * nz + iz]  # noqa: E731
     figures, save = [], matplotlib.figure.Figure.savefig
     monkeypatch.setattr(matplotlib.figure.Figure, "savefig",
                         lambda fig, *a, **k: (figures.append(fig), save(fig, *a, **k)))
-    written = plot.draw(str(out))
+    written = plot.draw(str(tmp_path / "out"))
     assert [os.path.basename(f) for f in written] == ["sensitivity.png", "compression.png"]
     assert all(open(f, "rb").read(8) == b"\x89PNG\r\n\x1a\n" for f in written)
     drawn = {a.get_title(): (np.ma.filled(q.get_array(), np.nan), q.get_coordinates())
@@ -186,16 +182,13 @@ def test_pictures_show_the_models_slices(tmp_path, monkeypatch):
              if a.get_title() and isinstance(q, matplotlib.collections.QuadMesh)}
     assert len(drawn) == nz + 2
     for title, (values, nodes) in drawn.items():
-        words = title.split()
-        if words[0] == "depth":  # "depth 5 to 10"
-            k = int(float(words[1]) / 5)
-            want = [[cell(k, iy, ix) for ix in range(nx)] for iy in range(ny)]
-        elif words[2] == "northing":  # "section at northing 25": the bottom layer first
-            iy = int(float(words[3]) // 10)
-            want = [[cell(iz, iy, ix) for ix in range(nx)] for iz in reversed(range(nz))]
-        else:
-            ix = int(float(words[3]) // 10)
-            want = [[cell(iz, iy, ix) for iy in range(ny)] for iz in reversed(range(nz))]
-        want = np.where(np.array(want) == 0, np.nan, want)
+        words = title.split()  # "depth 5 to 10", "section at northing 25" (bottom layer first)
+        at = int(float(words[-1]) // 10)
+        want = np.array([[cell(int(float(words[1]) / 5), iy, ix) for ix in range(nx)] for iy in range(ny)]
+                        if words[0] == "depth" else
+                        [[cell(iz, at, ix) for ix in range(nx)] for iz in reversed(range(nz))]
+                        if words[2] == "northing" else
+                        [[cell(iz, iy, at) for iy in range(ny)] for iz in reversed(range(nz))])
+        want[want == 0] = np.nan
         assert np.array_equal(values.reshape(want.shape), want, equal_nan=True), title
         assert np.array_equal(nodes[0, :, 0], 10 * np.arange(want.shape[1] + 1)), title

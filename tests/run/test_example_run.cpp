@@ -89,9 +89,9 @@ TEST(ExampleRun, UncompressedRowsMatchEachDatumsRow) {
 }
 
 // On the portable vector target, whose arithmetic is the same on every
-// x86-64 machine, the thresholds as printed and the matrix file are golden:
-// they follow from the sample datum of each kind (the first of the data
-// nearest the mesh centre where two are as near).
+// x86-64 machine, the thresholds as printed, each under its own kind's label,
+// and the matrix file are golden: they follow from the sample datum of each
+// kind (the first of the data nearest the mesh centre where two are as near).
 TEST(ExampleRun, CompressedRunWritesEveryFileAndItsReport) {
   example_run r("daub2", "scalar");
   EXPECT_EQ(r.threshold("    Sensitivity of surface  data:"), "  1.2347E-02");
@@ -102,10 +102,6 @@ TEST(ExampleRun, CompressedRunWritesEveryFileAndItsReport) {
   for (const char* f : {"dulmarok.mtx", "sensitivity.txt", "sensitivity_compressed.txt",
                         "data_notcompressed.txt", "data_compressed.txt"})
     EXPECT_TRUE(r.has(f)) << f;
-  // The surface datum's estimate first, under its own label, then the borehole one.
-  const std::size_t surface = r.log.find("    Sensitivity of surface  data:"),
-                    borehole = r.log.find("    Sensitivity of borehole data:");
-  EXPECT_TRUE(surface < borehole && borehole != std::string::npos) << r.log;
   EXPECT_NE(r.log.find("uncompress cpu time:"), std::string::npos);
   const double ratio = r.logged("Compression   ratio:");
   EXPECT_GT(ratio, 1.0);

@@ -79,30 +79,21 @@ inline std::vector<std::string> matrix_records(const std::string& path) {
 // file's order: the counts (y before x), the node lines and the mesh top, the
 // padded extents (y, x, z).
 struct matrix_header {
-  int32_t ndata = 0, n = 0, ny = 0, nx = 0, nz = 0;
+  int32_t ndata, n, ny, nx, nz, nyp, nxp, nzp;
   std::vector<double> yn, xn, zn;
-  double z0 = 0.0;
-  int32_t nyp = 0, nxp = 0, nzp = 0;
+  double z0;
 };
 inline matrix_header header_of(const std::vector<std::string>& recs) {
-  matrix_header h;
-  EXPECT_GE(recs.size(), 6u);
-  if (recs.size() < 6) return h;
-  EXPECT_EQ(recs[0].size(), 20u);
-  const auto counts = values_of<int32_t>(recs[0], 0, 5);
-  h.ndata = counts[0], h.n = counts[1], h.ny = counts[2], h.nx = counts[3], h.nz = counts[4];
-  const auto ny = static_cast<std::size_t>(h.ny), nx = static_cast<std::size_t>(h.nx),
-             nz = static_cast<std::size_t>(h.nz);
-  EXPECT_EQ(recs[1].size(), 8 * (ny + nx + nz + 4));
-  if (recs[1].size() != 8 * (ny + nx + nz + 4)) return h;
-  h.yn = values_of<double>(recs[1], 0, ny + 1);
-  h.xn = values_of<double>(recs[1], 8 * (ny + 1), nx + 1);
-  h.zn = values_of<double>(recs[1], 8 * (ny + nx + 2), nz + 1);
-  h.z0 = values_of<double>(recs[1], 8 * (ny + nx + nz + 3), 1)[0];
-  EXPECT_EQ(recs[4].size(), 12u);
-  const auto padded = values_of<int32_t>(recs[4], 0, 3);
-  h.nyp = padded[0], h.nxp = padded[1], h.nzp = padded[2];
-  return h;
+  const bool sized = recs.size() > 5 && recs[0].size() == 20 && recs[4].size() == 12;
+  EXPECT_TRUE(sized);
+  if (!sized) return {};
+  const auto c = values_of<int32_t>(recs[0], 0, 5), p = values_of<int32_t>(recs[4], 0, 3);
+  const std::size_t y = std::size_t(c[2]) + 1, x = std::size_t(c[3]) + 1, z = std::size_t(c[4]) + 1;
+  EXPECT_EQ(recs[1].size(), 8 * (y + x + z + 1));
+  if (recs[1].size() != 8 * (y + x + z + 1)) return {};
+  const auto v = values_of<double>(recs[1], 0, y + x + z + 1);
+  return {c[0], c[1], c[2], c[3], c[4], p[0], p[1], p[2], {v.begin(), v.begin() + y},
+          {v.begin() + y, v.end() - z - 1}, {v.end() - z - 1, v.end() - 1}, v.back()};
 }
 
 }  // namespace
