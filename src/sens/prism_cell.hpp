@@ -1,9 +1,10 @@
 // The prism formula one node and one cell at a time, written once for the
 // host and for a device (compiled by the device compiler with __host__
-// __device__). It is the arithmetic of fill_node_plane and of the one-cell
-// formula of prism_row, operation for operation, so that a device's rows
-// agree with the program's but for the last bits of the arctangents and
-// logarithms. Compile without fused multiply-adds, as the vector loops are.
+// __device__). cell_value is prism_row's formula for the cells the vector
+// loop sets aside, and the vector loop does its arithmetic operation for
+// operation; node_at is fill_node_plane's. So a device's rows agree with the
+// program's but for the last bits of the arctangents and logarithms. Compile
+// without fused multiply-adds, as the vector loops are.
 #pragma once
 
 #include <cmath>

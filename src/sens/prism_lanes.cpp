@@ -2,7 +2,7 @@
 // This file is compiled once per vector target (Highway's foreach_target).
 //
 // Every lane does exactly the arithmetic of the one-cell formula
-// (gsus_prepare), operation for operation, without fused multiply-adds:
+// (cell_value, sens/prism_cell.hpp), operation for operation, without fused multiply-adds:
 // only the arctangents and logarithms (Highway's, not the C library's)
 // differ from it in the last bits.
 #undef HWY_TARGET_INCLUDE
