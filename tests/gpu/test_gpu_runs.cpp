@@ -4,6 +4,8 @@
 // rows within 1e-10 of their largest entry (and the 32-bit rounding), the
 // same kept coefficients but near the threshold, the sums to 1e-12, and the
 // same bytes from two batch sizes. Every test needs a CUDA device.
+// QUOLVENT_EXE and QUOLVENT_GPU_EXE name the programs of a build carried to
+// the device's machine.
 #include <gtest/gtest.h>
 
 #include <cuda_runtime.h>
@@ -27,11 +29,24 @@ bool have_device() {
 #define NEED_DEVICE() \
   if (!have_device()) GTEST_SKIP() << "no CUDA device: quolvent-gpu's runs need one"
 
+// program: the program the environment variable name points at (a build
+// carried to another machine), else the one built with the tests.
+std::string program(const char* name, const char* built) {
+  const char* v = std::getenv(name);
+  return v != nullptr && *v != '\0' ? v : built;
+}
+
+// run_plain: quolvent in d.
+qt::program_run run_plain(const qt::scratch_dir& d) {
+  return qt::start_program(d.path.string(), {"run.inp", "2"}, {},
+                           program("QUOLVENT_EXE", QUOLVENT_EXE)).wait();
+}
+
 // run_gpu: quolvent-gpu in d, batches of `batch` rows (0: the device's own).
 qt::program_run run_gpu(const qt::scratch_dir& d, int batch) {
   return qt::start_program(d.path.string(), {"run.inp", "2"}, [batch] {
            if (batch > 0) setenv("QUOLVENT_GPU_BATCH_ROWS", std::to_string(batch).c_str(), 1);
-         }, QUOLVENT_GPU_EXE).wait();
+         }, program("QUOLVENT_GPU_EXE", QUOLVENT_GPU_EXE)).wait();
 }
 
 // numbers_agree: two texts the same but for numbers within rel of each other.
@@ -107,7 +122,7 @@ TEST(GpuRuns, AgreeWithThePlainProgram) {
   for (const auto& k : surveys) {
     qt::scratch_dir d("qgpu");
     qt::write_layout_survey(d, k);
-    const auto plain = qt::layout_outputs(d, qt::run_program(d.path.string(), {"run.inp", "2"}).screen);
+    const auto plain = qt::layout_outputs(d, run_plain(d).screen);
     std::filesystem::rename(d.file("dulmarok.mtx"), d.file("cpu.mtx"));
     const qt::program_run small = run_gpu(d, 16);
     ASSERT_EQ(small.status, 0) << k.name << small.screen;
@@ -132,7 +147,7 @@ TEST(GpuRuns, StopsAsThePlainProgram) {
   qt::scratch_dir d("qgpu");
   qt::write_layout_survey(d, qt::layout_surveys()[0]);
   qt::write_file(d.file("w.txt"), "1.0\n2.0\n");
-  const auto plain = qt::run_program(d.path.string(), {"run.inp", "1"});
+  const auto plain = run_plain(d);
   const auto gpu = run_gpu(d, 0);
   EXPECT_EQ(plain.status, gpu.status);
   EXPECT_FALSE(std::filesystem::exists(d.file("dulmarok.mtx")));

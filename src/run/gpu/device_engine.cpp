@@ -263,7 +263,8 @@ void device_engine::make_rows(const survey& s, const grid_survey& grid, const co
     sl.h_rows.grow((c.compressed ? exact_rows : b) * nn);
     if (c.compressed) {
       sl.cube = device_array<double>(b * cube);
-      sl.lines = device_array<double>(b * cube);
+      // The work lines hold each row's limit and scale after the transform.
+      sl.lines = device_array<double>(b * std::max<std::size_t>(cube, 2));
       sl.kept_idx = device_array<int32_t>(b * cube);
       sl.kept_val = device_array<float>(b * cube);
       sl.packed_idx = device_array<int32_t>(b * cube);

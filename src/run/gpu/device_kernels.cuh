@@ -36,7 +36,7 @@ struct device_batch {
   double* group_avg;      // rows/16 x n
   double* group_sq;       // rows/16 x n
   double* cube;           // rows x cube
-  double* lines;          // rows x cube: work lines of the transform
+  double* lines;          // rows x max(cube, 2): work lines of the transform
   int32_t* kept_idx;      // rows x cube: kept positions in each row's own place
   float* kept_val;        // rows x cube
   int32_t* counts;        // rows
