@@ -155,6 +155,10 @@ TEST(Stops, EachKindCarriesItsReportForScreenLogAndErrorStream) {
     int status;
   } cases[] = {
       {[] { alloc_failed("kernel g"); }, "\nMemory allocation error in: kernel g\n\n", "", "", 0},
+      {[] {  // more elements than a vector can hold
+         std::vector<double> v;
+         assign_or_stop(v, v.max_size() + 1, 0.0, "kernel g");
+       }, "\nMemory allocation error in: kernel g\n\n", "", "", 0},
       {[] { stop_report_log({"a", "b"}); }, "", "a\nb\n", "", 0},
       {[] { stop_text("i /= nnz"); }, "", "", "i /= nnz", 0},
       {[] { platform_failure("cannot write x"); }, "", "", "quolvent: cannot write x", 1},
