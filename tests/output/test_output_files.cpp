@@ -107,7 +107,7 @@ TEST(OutputFile, ReplacesWholeOrNotAtAll) {
 }
 
 // Columns in file order (iy outermost) with tops 0, 1, 3 and 2 of 3 cells,
-// each value over dz * (dx * dy), a cell of no volume 0; too few values stop.
+// each value over dz * (dx * dy), a cell of no volume 0; too few values, widths or tops stop.
 // A data file with idir 0 carries each datum's own direction.
 TEST(DiagnosticFiles, ExactLines) {
   qt::scratch_dir dir;
@@ -120,6 +120,14 @@ TEST(DiagnosticFiles, ExactLines) {
                                     " 1.00000E+01\n 5.00000E-02\n 1.0E-20\n 1.0E-20\n 1.0E-20\n"
                                     " 1.0E-20\n 1.0E-20\n 0.00000E+00\n");
   EXPECT_THROW(write_sensitivity_model({1, 2}, mesh, tops, "short.txt"), quolvent::stop);
+  // Widths or tops one short of the mesh: a stop, not a read past their end.
+  const std::vector<double> values(6);
+  for (auto widths : {&mesh_model::dy, &mesh_model::dx, &mesh_model::dz}) {
+    mesh_model cut = mesh;
+    (cut.*widths).pop_back();
+    EXPECT_THROW(write_sensitivity_model(values, cut, tops, "short.txt"), quolvent::stop);
+  }
+  EXPECT_THROW(write_sensitivity_model(values, mesh, {0, 3, 1}, "short.txt"), quolvent::stop);
   obs_set obs = qt::field(65.5, -3.25, 90, 0, 51234.5, 0);
   qt::add_datum(obs, 1234.5, -0.125, 100, -12.5, 100.25);
   write_data_file("d.txt", obs, {-1234.5678});
