@@ -7,6 +7,9 @@ slices and two vertical sections, on a logarithmic colour scale, with the
 ground and the data) and, when the run wrote its compression files,
 DIR/compression.png (the data of the test model without and with
 compression on the survey map, and their relative differences).
+
+Only the files of the run whose log is in DIR are drawn (its log names
+them); a file of another run is skipped, with a line that says so.
 """
 
 import os
@@ -40,11 +43,25 @@ def read_data_file(path):
     return a[:, :3], a[:, 3]
 
 
-def data_positions(run_dir):
+def run_of_log(run_dir):
+    """The run whose log is in run_dir: the outputs its log names (none when
+    it stopped before they were put in place) and when it started."""
+    try:
+        with open(os.path.join(run_dir, "quolvent.log")) as f:
+            text = f.read()
+    except OSError:
+        return set(), ""
+    outputs = re.search(r"^Outputs written: (.*)$", text, re.M)
+    started = re.search(r"started on: +(.*\S)", text)
+    return (set(outputs.group(1).split(", ")) if outputs else set(),
+            started.group(1) if started else "")
+
+
+def data_positions(run_dir, outputs):
     """The data positions of the run: from its data files, else from the
     observation file its log names (as the run saw it, from run_dir)."""
     full = os.path.join(run_dir, "data_notcompressed.txt")
-    if os.path.exists(full):
+    if "data_notcompressed.txt" in outputs:
         return read_data_file(full)[0]
     log = os.path.join(run_dir, "quolvent.log")
     if not os.path.exists(log):
@@ -82,7 +99,7 @@ def ground_elevation(m):
     return mesh.z0 - mesh.zn[m.top_index]
 
 
-def draw_sensitivity(run_dir, m, out):
+def draw_sensitivity(run_dir, m, out, outputs, started):
     mesh = m.mesh
     grid = np.abs(sensitivity_grid(run_dir, m))
     grid[grid == 0] = np.nan
@@ -90,7 +107,7 @@ def draw_sensitivity(run_dir, m, out):
     if finite.size == 0:
         finite = np.array([1.0])
     norm = LogNorm(vmin=max(finite.min(), finite.max() * 1e-6), vmax=finite.max())
-    pts = data_positions(run_dir)
+    pts = data_positions(run_dir, outputs)
     ground = ground_elevation(m)
     elev = mesh.z0 - mesh.zn  # layer boundaries as elevations
 
@@ -132,12 +149,12 @@ def draw_sensitivity(run_dir, m, out):
     for a in axes[1][2:]:
         a.axis("off")
     fig.colorbar(image, ax=axes, shrink=0.7, label="average |sensitivity| per unit volume")
-    fig.suptitle("Average sensitivity (sensitivity.txt)")
+    fig.suptitle(f"Average sensitivity (sensitivity.txt of the run started {started})")
     fig.savefig(out, dpi=110)
     plt.close(fig)
 
 
-def draw_compression(run_dir, out):
+def draw_compression(run_dir, out, started):
     pos, full = read_data_file(os.path.join(run_dir, "data_notcompressed.txt"))
     _, comp = read_data_file(os.path.join(run_dir, "data_compressed.txt"))
     scale = np.max(np.abs(full)) if full.size else 1.0
@@ -156,19 +173,32 @@ def draw_compression(run_dir, out):
         a.set_aspect("equal")
         a.set_xlabel("easting")
         a.set_ylabel("northing")
+    fig.suptitle(f"Data files of the run started {started}")
     fig.savefig(out, dpi=110)
     plt.close(fig)
 
 
 def draw(run_dir):
-    """Draws the pictures of the run in run_dir; returns the files written."""
-    m = read_matrix(os.path.join(run_dir, "dulmarok.mtx"))
-    written = [os.path.join(run_dir, "sensitivity.png")]
-    draw_sensitivity(run_dir, m, written[0])
-    if all(os.path.exists(os.path.join(run_dir, f))
-           for f in ("data_notcompressed.txt", "data_compressed.txt")):
+    """Draws the pictures of the run whose log is in run_dir; returns the
+    files written. A file there of another run is skipped, with a line on
+    standard error."""
+    outputs, started = run_of_log(run_dir)
+
+    def of_the_run(*names):
+        for name in names:
+            if name not in outputs and os.path.exists(os.path.join(run_dir, name)):
+                print(f"skipped {name}: not written by the run of quolvent.log in {run_dir}",
+                      file=sys.stderr)
+        return all(name in outputs for name in names)
+
+    written = []
+    if of_the_run("dulmarok.mtx", "sensitivity.txt"):
+        written.append(os.path.join(run_dir, "sensitivity.png"))
+        m = read_matrix(os.path.join(run_dir, "dulmarok.mtx"))
+        draw_sensitivity(run_dir, m, written[-1], outputs, started)
+    if of_the_run("data_notcompressed.txt", "data_compressed.txt"):
         written.append(os.path.join(run_dir, "compression.png"))
-        draw_compression(run_dir, written[-1])
+        draw_compression(run_dir, written[-1], started)
     return written
 
 

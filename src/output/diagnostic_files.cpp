@@ -14,7 +14,7 @@
 namespace quolvent {
 
 void write_sensitivity_model(const std::vector<double>& values, const mesh_model& mesh,
-                             const std::vector<int32_t>& top_index, const std::string& name) {
+                             const std::vector<int32_t>& top_index, output_file& file) {
   const int32_t ny = std::max(mesh.ny, 0), nx = std::max(mesh.nx, 0), nz = std::max(mesh.nz, 0);
   if (top_index.size() < static_cast<std::size_t>(ny) * static_cast<std::size_t>(nx) ||
       mesh.dy.size() < static_cast<std::size_t>(ny) ||
@@ -33,7 +33,6 @@ void write_sensitivity_model(const std::vector<double>& values, const mesh_model
     for (int32_t ix = 1; ix <= nx; ++ix) below += static_cast<std::size_t>(nz - column_top(iy, ix));
   if (values.size() < below) stop_text("size(values) /= cells below the ground");
 
-  output_file file(name, "w");
   const std::string air = fmt_sci(1e-20, 8, 1);
   std::size_t next = 0;
   for (int32_t iy = 1; iy <= ny; ++iy)
@@ -48,10 +47,10 @@ void write_sensitivity_model(const std::vector<double>& values, const mesh_model
         file.line(fmt_sci(v, 12, 5));
       }
     }
-  file.close();
+  file.finish();
 }
 
-void write_data_file(const std::string& name, const obs_set& obs,
+void write_data_file(output_file& file, const obs_set& obs,
                      const std::vector<double>& values) {
   const int32_t ndata = obs.ndata;
   const std::size_t count = static_cast<std::size_t>(ndata > 0 ? ndata : 0);
@@ -60,7 +59,6 @@ void write_data_file(const std::string& name, const obs_set& obs,
       (obs.idir <= 0 && (obs.datum_aincl.size() < count || obs.datum_adecl.size() < count))) {
     stop_text("size(values) /= ndata");
   }
-  output_file file(name, "w");
   file.line(fmt_fixed(obs.incl, 10, 2) + fmt_fixed(obs.decl, 10, 2) +
                   fmt_fixed(obs.geomag, 10, 2) + "  !! incl, decl, geomag");
   file.line(fmt_fixed(obs.aincl, 10, 2) + fmt_fixed(obs.adecl, 10, 2) + "     " +
@@ -76,7 +74,7 @@ void write_data_file(const std::string& name, const obs_set& obs,
     line += fmt_sci(values[d], 14, 6);
     file.line(line);
   }
-  file.close();
+  file.finish();
 }
 
 }  // namespace quolvent

@@ -150,7 +150,7 @@ void write_matrix_tail(record_out& f, const survey& s,
   write_record(f, {{squared_sensitivity.data(), 8 * count_of(s.n)}}, record_limit);
 }
 
-void write_matrix(const std::string& path, const survey& s, const compression& c,
+void write_matrix(output_file& f, const survey& s, const compression& c,
                   matrix_store& store, int32_t flag, const std::vector<double>& squared_sensitivity,
                   const run_log& out, int64_t record_limit) {
   out.say_screen("");
@@ -159,7 +159,6 @@ void write_matrix(const std::string& path, const survey& s, const compression& c
 
   const row_range rows = all_rows(s.obs.ndata);
   check_matrix_arrays(s, c, store, rows, &squared_sensitivity);
-  output_file f(path, "wb");
   file_out to(f);
   write_matrix_head(to, s, c, flag, record_limit);
   write_matrix_rows(to, s, c, store, rows, out, record_limit);
@@ -167,11 +166,9 @@ void write_matrix(const std::string& path, const survey& s, const compression& c
   if (!c.compressed) float_matrix().swap(store.full_rows);
   write_matrix_tail(to, s, squared_sensitivity, record_limit);
 
-  // The last checkpoint: after the sync, which can take a while for a large
-  // file, and before the file takes the place of an earlier one.
-  f.sync();
+  // A checkpoint after the sync, which can take a while for a large file.
+  f.finish();
   out.check_interrupt();
-  f.close();
 }
 
 int64_t framed_bytes(int64_t payload, int64_t limit) {

@@ -46,20 +46,20 @@ void write_record(output_file& f, const std::vector<record_block>& blocks,
                   int64_t limit = subrecord_limit);
 
 // write_matrix
-// Given: the file's path; the survey (its mesh, column tops, row length,
+// Given: the file (opened, empty); the survey (its mesh, column tops, row length,
 //   weighting, ndata); the compression record; the store of the rows; the
 //   flag of record 6; squared_sensitivity (n); the run's log; the frame limit (tests
 //   lower it).
 // Returns: the file written and closed: the sizes, the nodes, the column
 //   tops, the filter, the padded extents, flag and weights, one record per row
 //   (compressed records or the rows of full_rows, which is then freed), and
-//   squared_sensitivity. "Writing out the matrix." on the screen. The file appears
-//   whole under path or not at all (output_file).
+//   squared_sensitivity. "Writing out the matrix." on the screen. The file is
+//   finished, waiting to be put in place (output_file, output_set).
 // Fails: a file that can't be written: cannot_write; an interrupt (a
-//   checkpoint at each row record and before the file is put in place);
+//   checkpoint at each row record and after the file is on the device);
 //   arrays shorter than their counts stop the run with a text. An earlier
-//   file at path stays as it was.
-void write_matrix(const std::string& path, const survey& s, const compression& c,
+//   file of its name stays as it was.
+void write_matrix(output_file& f, const survey& s, const compression& c,
                   matrix_store& store, int32_t flag, const std::vector<double>& squared_sensitivity,
                   const run_log& out, int64_t record_limit = subrecord_limit);
 

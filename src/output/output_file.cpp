@@ -22,7 +22,7 @@ int open_temporary(const std::string& name, std::string& temp) {
   std::random_device rd;
   for (int attempt = 0; attempt < 100; ++attempt) {
     temp = output_file::temporary_prefix(name);
-    for (int k = 0; k < 6; ++k) temp.push_back(letters[rd() % (sizeof letters - 1)]);
+    for (std::size_t k = 0; k < output_file::temporary_tag_length; ++k) temp.push_back(letters[rd() % (sizeof letters - 1)]);
     // 0666: the umask makes it what a new file of the user's would be.
     const int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
     if (fd >= 0 || errno != EEXIST) return fd;
@@ -51,9 +51,6 @@ output_file::output_file(const std::string& name, const char* mode) : name_(name
     temp_.clear();
     cannot_write(name_, err);
   }
-  // The file it replaces keeps its permissions, as when it was written in place.
-  struct stat old {};
-  if (::stat(name_.c_str(), &old) == 0 && S_ISREG(old.st_mode)) ::fchmod(fd, old.st_mode & 07777);
   f_ = ::fdopen(fd, mode);
   if (!f_) {
     const int err = errno;
@@ -93,14 +90,29 @@ void output_file::sync() {
   synced_ = true;
 }
 
-void output_file::close() {
+void output_file::finish() {
+  if (!f_) return;
   sync();
+  // The file it replaces keeps its permissions, as when it was written in
+  // place; taken only now, so that a read-only one doesn't keep the writers
+  // of other processes out of the temporary file.
+  struct stat old {};
+  if (::stat(name_.c_str(), &old) == 0 && S_ISREG(old.st_mode))
+    ::fchmod(::fileno(f_), old.st_mode & 07777);
   std::FILE* f = f_;
   f_ = nullptr;
   if (std::fclose(f) != 0) fail(errno);
+}
+
+void output_file::place() {
   if (std::rename(temp_.c_str(), name_.c_str()) != 0) fail(errno);
   temp_.clear();
   sync_directory(name_);
+}
+
+void output_file::close() {
+  finish();
+  place();
 }
 
 void output_file::probe(const std::string& name) {

@@ -2,7 +2,9 @@
 // written under a temporary name beside its own, flushed and synced, and
 // renamed over the final name only when it is complete; a stop that unwinds
 // before that (a failure, an interrupt) removes the temporary file, so that a
-// file of that name from an earlier run stays exactly as it was.
+// file of that name from an earlier run stays exactly as it was. A file
+// finished but not yet put in place waits for the rest of its set
+// (output/run_folder).
 #pragma once
 
 #include <cstdio>
@@ -13,9 +15,11 @@ namespace quolvent {
 
 class output_file {
  public:
-  // Creates a temporary file "<name>.XXXXXX" beside name, opened with the
-  // fopen mode ("w" or "wb"), with a large buffer. Its permissions are those
-  // of the file it will replace, or those of a new file (0666 less the umask).
+  // Creates a temporary file "<name>.unfinished.XXXXXX" beside name, opened
+  // with the fopen mode ("w" or "wb"), with a large buffer. When it is
+  // finished it takes the permissions of the file it will replace (a rename
+  // replaces a read-only file too), or those of a new file (0666 less the
+  // umask); until then its owner, or another process, can write it.
   // Fails: a file that can't be created: cannot_write(name, reason).
   output_file(const std::string& name, const char* mode);
   output_file(const output_file&) = delete;
@@ -29,9 +33,16 @@ class output_file {
   void line(std::string_view text);
   // sync: every byte written so far on the device. Fails: as write.
   void sync();
-  // close: syncs, closes, and renames the file over name.
+  // finish: syncs, takes the permissions, closes; the file waits under its
+  // temporary name. Fails: as close.
+  void finish();
+  // place: renames the finished file over name. Fails: as close.
+  void place();
+  // close: finish, then place.
   // Fails: any of these that fails: cannot_write; the temporary file is gone.
   void close();
+  bool finished() const { return f_ == nullptr; }
+  const std::string& name() const { return name_; }
 
   // probe: a file can be made beside name (the directory is there and
   // writable); the one made for the test is removed at once.
@@ -42,8 +53,10 @@ class output_file {
   // once it is in place), for other writers of the same file.
   const std::string& temporary() const { return temp_; }
 
-  // temporary_prefix: what the names of temporary files of name begin with.
-  static std::string temporary_prefix(const std::string& name) { return name + "."; }
+  // temporary_prefix: what the names of temporary files of name begin with;
+  // six letters or digits follow it.
+  static std::string temporary_prefix(const std::string& name) { return name + ".unfinished."; }
+  static constexpr std::size_t temporary_tag_length = 6;
 
  private:
   std::string name_;

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <new>
+#include <optional>
 #include <omp.h>
 #include <string>
 #include <vector>
@@ -22,6 +23,7 @@
 #include "output/diagnostic_files.hpp"
 #include "output/matrix_file.hpp"
 #include "output/output_room.hpp"
+#include "output/run_folder.hpp"
 #include "run/control_file.hpp"
 #include "run/row_engine.hpp"
 #include "run/row_store.hpp"
@@ -132,6 +134,16 @@ std::string output_path(const run_options& options, const std::string& name) {
   return options.outdir.back() == '/' ? options.outdir + name : options.outdir + "/" + name;
 }
 
+// run_outputs: every output a run may write, in the order they are put in
+// place, the matrix file last.
+std::vector<std::string> run_outputs(const run_options& options) {
+  std::vector<std::string> names;
+  for (const char* name : {"data_notcompressed.txt", "data_compressed.txt", "sensitivity.txt",
+                           "sensitivity_compressed.txt", "dulmarok.mtx"})
+    names.push_back(output_path(options, name));
+  return names;
+}
+
 // round_mean: the exact sums rounded, and divided by ndata (no data: 0).
 void round_mean(const exact_sums& sums, int32_t ndata, std::vector<double>& mean) {
   sums.round(mean);
@@ -149,6 +161,10 @@ void run_pipeline(const run_params& params, phase_clock& clock, run_log& out,
     sum.phase_seconds.emplace_back(label, clock.phase_timer(label, 1, out.screen(), out.log()));
   };
   const bool leads = group.leads();
+  // The outputs wait under their temporary names until the whole run is
+  // through; a directory in the place of one refuses the run now.
+  output_set outputs(run_outputs(options));
+  if (leads) outputs.prepare(out);
   // init: the model, the data, the ground and the weighting.
   const survey s = read_survey(params, out);
   const grid_survey grid = grid_check(s.mesh, s.obs, s.survey_kind);
@@ -219,8 +235,10 @@ void run_pipeline(const run_params& params, phase_clock& clock, run_log& out,
       sum.row_bound_mean = fig.row_bound_mean;
       sum.row_bound_max = fig.row_bound_max;
       if (params.write_diagnostics && leads) {
-        write_data_file(output_path(options, "data_notcompressed.txt"), s.obs, sink.data_full());
-        write_data_file(output_path(options, "data_compressed.txt"), s.obs, sink.data_comp());
+        write_data_file(outputs.open(output_path(options, "data_notcompressed.txt"), "w"), s.obs,
+                        sink.data_full());
+        write_data_file(outputs.open(output_path(options, "data_compressed.txt"), "w"), s.obs,
+                        sink.data_comp());
       }
     }
   }
@@ -228,9 +246,9 @@ void run_pipeline(const run_params& params, phase_clock& clock, run_log& out,
   out.enter_phase("writing");
   if (leads)
     write_sensitivity_model(mean_sensitivity, s.mesh, s.top_index,
-                            output_path(options, "sensitivity.txt"));
-  group.write_matrix(output_path(options, "dulmarok.mtx"), s, c, store, rows, squared_sensitivity,
-                     out);
+                            outputs.open(output_path(options, "sensitivity.txt"), "w"));
+  output_file* matrix = leads ? &outputs.open(output_path(options, "dulmarok.mtx"), "wb") : nullptr;
+  group.write_matrix(matrix, s, c, store, rows, squared_sensitivity, out);
   std::vector<double>().swap(squared_sensitivity);
 
   // uncompress: what the compressed rows make of the average sensitivity.
@@ -242,22 +260,31 @@ void run_pipeline(const run_params& params, phase_clock& clock, run_log& out,
     if (leads) {
       round_mean(sums, s.obs.ndata, mean_sensitivity);
       write_sensitivity_model(mean_sensitivity, s.mesh, s.top_index,
-                              output_path(options, "sensitivity_compressed.txt"));
+                              outputs.open(output_path(options, "sensitivity_compressed.txt"), "w"));
     }
     timed("uncompress");
   }
-  // Every process is through, and every output in place.
+  // Every process is through: the outputs take the places of an earlier
+  // run's, all of them, after a last checkpoint.
+  group.agree();
+  if (leads) {
+    out.check_interrupt();
+    outputs.commit(out);
+  }
   group.agree();
 }
 
 }  // namespace
 
-void execute_run(int argc, char** argv, run_log& out, const run_options& options) {
+void execute_run(int argc, char** argv, run_log& out, const run_options& options,
+                 const std::vector<std::string>& lock_warning) {
   run_summary scratch;
   run_summary& sum = options.summary ? *options.summary : scratch;
   solo_group solo;
   run_group& group = options.group ? *options.group : solo;
   out.set_hook(group.hook());
+  // Every process learns whether the first one got the folder.
+  group.agree();
   const int nargs = argc - 1;
 
   // Set-up: floating-point control, affinity and threads, before any
@@ -284,6 +311,10 @@ void execute_run(int argc, char** argv, run_log& out, const run_options& options
   else
     out.adopt_log(group.side_log());
   print_banner("QUOLVENT", out.log(), banner_line);
+  for (const auto& line : lock_warning) {
+    out.say_screen(line);
+    out.say_log(line);
+  }
   const run_params params = read_control_file(input_name, out);
   print_timestamp("QUOLVENT started on: ", out.log());
   print_parameters(params, input_name, out);
@@ -321,6 +352,9 @@ int run_command_line(int argc, char** argv, std::FILE* screen, const run_options
   // so that the workers hold them back too; the mask is the caller's again
   // when the run ends.
   const interrupt_watch watch;
+  // The folder is the run's from before its log is made until after it is
+  // closed, the report of a stop included.
+  std::optional<folder_lock> folder;
   run_log out(screen);
   out.watch_interrupts(&watch);
   int status = 0;
@@ -333,7 +367,9 @@ int run_command_line(int argc, char** argv, std::FILE* screen, const run_options
     if (options.summary) options.summary->report = report_text(s);
   };
   try {
-    execute_run(argc, argv, out, options);
+    const bool leads = options.group ? options.group->leads() : true;
+    if (leads && argc >= 2) folder.emplace(options.outdir);
+    execute_run(argc, argv, out, options, folder ? folder->warning() : std::vector<std::string>{});
   } catch (const stop& s) {
     deliver(s);
   } catch (const std::bad_alloc&) {

@@ -53,19 +53,22 @@ struct run_options {
 //            thread count); the run's log, whose screen is where the run's
 //            screen goes (nullptr: nowhere); the options. Files are read as
 //            the command line names them, the outputs written in the
-//            options' directory.
+//            options' directory, which the caller holds (folder_lock), and
+//            the lines of the lock's warning, if any.
 //   Returns: after a complete run: every output written, the log closed.
 //   Fails:   every failure is a stop (an exception carrying its report);
 //            run_command_line delivers it.
-void execute_run(int argc, char** argv, run_log& out, const run_options& options = {});
+void execute_run(int argc, char** argv, run_log& out, const run_options& options = {},
+                 const std::vector<std::string>& lock_warning = {});
 
 // run_command_line
 //   Given:   the command line; the stream the run calls its screen (nullptr:
 //            nowhere); the options.
 //   Returns: the exit status of the program: 0 after a complete run and after
 //            every reported stop on its input, 1 when an output can't be
-//            written (or the log created), 128 + N when signal N (SIGINT,
-//            SIGTERM, SIGHUP) interrupted the run. A stop's report is on the
+//            written (or the log created), 75 when another run holds the
+//            output folder (this one then touches nothing there), 128 + N
+//            when signal N (SIGINT, SIGTERM, SIGHUP) interrupted the run. A stop's report is on the
 //            screen, in the log and on the error stream as it says; the log
 //            is closed; unfinished outputs are removed and earlier files of
 //            their names left as they were. Nothing is left open or held, and

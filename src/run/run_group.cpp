@@ -5,10 +5,10 @@
 
 namespace quolvent {
 
-void solo_group::write_matrix(const std::string& path, const survey& s, const compression& c,
+void solo_group::write_matrix(output_file* file, const survey& s, const compression& c,
                               matrix_store& store, row_range,
                               const std::vector<double>& squared_sensitivity, const run_log& out) {
-  quolvent::write_matrix(path, s, c, store, 1, squared_sensitivity, out);
+  quolvent::write_matrix(*file, s, c, store, 1, squared_sensitivity, out);
 }
 
 }  // namespace quolvent

@@ -20,6 +20,7 @@
 #include "base/run_hook.hpp"
 #include "base/stop.hpp"
 #include "model/model.hpp"
+#include "output/output_file.hpp"
 #include "wavelet/compression.hpp"
 
 namespace quolvent {
@@ -64,11 +65,12 @@ class run_group {
   //   gather_rows: on the first process, v (ndata values) completed with the
   //   values of every process's rows; each process's own at its rows.
   virtual void gather_rows(std::vector<double>& v, row_range rows) = 0;
-  //   write_matrix: the matrix file written (as the function of that name):
-  //   records 1 to 6 and the last by the first process, the rows of each
-  //   process by that process; squared_sensitivity is read on the first process only.
-  //   full_rows freed.
-  virtual void write_matrix(const std::string& path, const survey& s, const compression& c,
+  //   write_matrix: the matrix file written (as the function of that name)
+  //   into file, the first process's output (nullptr on the others): records
+  //   1 to 6 and the last by the first process, the rows of each process by
+  //   that process; squared_sensitivity is read on the first process only.
+  //   full_rows freed. The file is finished, waiting to be put in place.
+  virtual void write_matrix(output_file* file, const survey& s, const compression& c,
                             matrix_store& store, row_range rows,
                             const std::vector<double>& squared_sensitivity, const run_log& out) = 0;
 
@@ -93,7 +95,7 @@ class solo_group : public run_group {
   void reduce_sums(exact_sums&) override {}
   int64_t total(int64_t v) override { return v; }
   void gather_rows(std::vector<double>&, row_range) override {}
-  void write_matrix(const std::string& path, const survey& s, const compression& c,
+  void write_matrix(output_file* file, const survey& s, const compression& c,
                     matrix_store& store, row_range rows,
                     const std::vector<double>& squared_sensitivity, const run_log& out) override;
   stop settle(const stop& s) override { return s; }

@@ -128,3 +128,36 @@ TEST(MpiRuns, StopInsideTheRowLoopOfOneProcess) {
   EXPECT_EQ(qt::read_file(d.file("dulmarok.mtx")), earlier);
   EXPECT_EQ(qt::temporary_outputs(d), std::vector<std::string>{});
 }
+
+// The folder's rules as the plain program keeps them: quolvent-mpi started
+// while quolvent holds the folder stops on every process at once, status 75,
+// the report once, the log untouched; a read-only earlier matrix file is
+// replaced; a directory in the matrix file's place stops the run before the
+// first row.
+TEST(MpiRuns, FolderRulesAsThePlainProgram) {
+  qt::scratch_dir d("qmpi");
+  qt::write_flat_survey(d, 18, 16, 8, 48, false, "daub2");
+  auto first = qt::start_held(d.path.string(), {"run.inp", "1"}, qt::has_log);
+  ASSERT_GT(first.pid, 0);
+  const std::string log = qt::read_file(d.file("quolvent.log"));
+  const auto second = start_mpi(d, 2, 1).wait();
+  EXPECT_EQ(second.status, 75);
+  EXPECT_EQ(count(second.screen, "ERROR: another run is writing its outputs in "), 1u)
+      << second.screen;
+  EXPECT_EQ(qt::read_file(d.file("quolvent.log")), log);
+  ASSERT_EQ(qt::let_go(first).status, 0);
+
+  const std::string matrix = qt::read_file(d.file("dulmarok.mtx"));
+  const auto read_only = std::filesystem::perms{0444};
+  std::filesystem::permissions(d.path / "dulmarok.mtx", read_only);
+  EXPECT_EQ(start_mpi(d, 2, 1).wait().status, 0);
+  EXPECT_EQ(qt::read_file(d.file("dulmarok.mtx")), matrix);
+  EXPECT_EQ(std::filesystem::status(d.path / "dulmarok.mtx").permissions(), read_only);
+
+  std::filesystem::remove(d.path / "dulmarok.mtx");
+  std::filesystem::create_directory(d.path / "dulmarok.mtx");
+  const auto r = start_mpi(d, 2, 1).wait();
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.screen.find("Calculating"), std::string::npos) << r.screen;
+  EXPECT_EQ(count(r.screen, "ERROR: cannot write dulmarok.mtx: Is a directory"), 1u) << r.screen;
+}

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -22,6 +23,13 @@ const auto bytes = [](const auto& v) {
   return std::string(reinterpret_cast<const char*>(v.data()), v.size() * sizeof(v[0]));
 };
 const auto i32 = [](int32_t v) { return bytes(std::vector<int32_t>{v}); };
+
+// put_in_place: the file name as writer writes it, then put in place.
+void put_in_place(const std::string& name, const std::function<void(output_file&)>& writer) {
+  output_file f(name, "wb");
+  writer(f);
+  f.place();
+}
 
 // One record of two blocks cut at limits 5 (whole frames, no empty one behind)
 // and 10 (one frame), then an empty record; middle frames are read back below.
@@ -57,7 +65,7 @@ TEST(MatrixFile, ChainedFileReadsBackAndItsSizeIsKnownAhead) {
     compressed_row& g = store.compressed_rows.emplace_back();
     for (int k = 0; k < 3 * i; ++k) g.idx.push_back(1 + 2 * k + i), g.val.push_back(0.25f * k - i);
   }
-  write_matrix("dulmarok.mtx", s, c, store, 1, sq, cap.out, 10);
+  put_in_place("dulmarok.mtx", [&](output_file& f) { write_matrix(f, s, c, store, 1, sq, cap.out, 10); });
   EXPECT_EQ(cap.screen(), "\nWriting out the matrix.\n\n");
   frame_reader rd{file_bytes("dulmarok.mtx"), 0, 10, {}};
   std::vector<std::string> recs;
@@ -77,7 +85,7 @@ TEST(MatrixFile, ChainedFileReadsBackAndItsSizeIsKnownAhead) {
   EXPECT_EQ(matrix_file_bytes(s, c, kept, 10), static_cast<int64_t>(rd.bytes.size()));
   const compression none;  // uncompressed, in frames of every record's size
   store.full_rows.assign(30 * 3, 0.5f);
-  write_matrix("u.mtx", s, none, store, 1, sq, cap.out);
+  put_in_place("u.mtx", [&](output_file& f) { write_matrix(f, s, none, store, 1, sq, cap.out); });
   const auto u = static_cast<int64_t>(file_bytes("u.mtx").size());
   EXPECT_EQ(matrix_file_bytes(s, none, [&](int32_t) { return uncompressed_row_payload(s.n); }), u);
   EXPECT_EQ(predicted_matrix_bytes(s, none), u);
@@ -115,22 +123,30 @@ TEST(DiagnosticFiles, ExactLines) {
   mesh_model mesh = qt::uniform_mesh(2, 2, 3, 1, 1, 1);
   mesh.dy = {2, 0}, mesh.dx = {1, 5}, mesh.dz = {10, 0.5, 2};
   const std::vector<int32_t> tops{0, 3, 1, 2};
-  write_sensitivity_model({20, -3, 4, 50, 1, 80}, mesh, tops, "s.txt");
+  put_in_place("s.txt", [&](output_file& f) {
+    write_sensitivity_model({20, -3, 4, 50, 1, 80}, mesh, tops, f);
+  });
   EXPECT_EQ(qt::read_file("s.txt"), " 1.00000E+00\n-3.00000E+00\n 1.00000E+00\n 1.0E-20\n"
                                     " 1.00000E+01\n 5.00000E-02\n 1.0E-20\n 1.0E-20\n 1.0E-20\n"
                                     " 1.0E-20\n 1.0E-20\n 0.00000E+00\n");
-  EXPECT_THROW(write_sensitivity_model({1, 2}, mesh, tops, "short.txt"), quolvent::stop);
-  // Widths or tops one short of the mesh: a stop, not a read past their end.
+  // Too few values, widths or tops one short of the mesh: a stop, not a read past their end.
+  const auto short_model = [&](const std::vector<double>& v, const mesh_model& m,
+                               const std::vector<int32_t>& t) {
+    EXPECT_THROW(put_in_place("short.txt",
+                              [&](output_file& f) { write_sensitivity_model(v, m, t, f); }),
+                 quolvent::stop);
+  };
+  short_model({1, 2}, mesh, tops);
   const std::vector<double> values(6);
   for (auto widths : {&mesh_model::dy, &mesh_model::dx, &mesh_model::dz}) {
     mesh_model cut = mesh;
     (cut.*widths).pop_back();
-    EXPECT_THROW(write_sensitivity_model(values, cut, tops, "short.txt"), quolvent::stop);
+    short_model(values, cut, tops);
   }
-  EXPECT_THROW(write_sensitivity_model(values, mesh, {0, 3, 1}, "short.txt"), quolvent::stop);
+  short_model(values, mesh, {0, 3, 1});
   obs_set obs = qt::field(65.5, -3.25, 90, 0, 51234.5, 0);
   qt::add_datum(obs, 1234.5, -0.125, 100, -12.5, 100.25);
-  write_data_file("d.txt", obs, {-1234.5678});
+  put_in_place("d.txt", [&](output_file& f) { write_data_file(f, obs, {-1234.5678}); });
   EXPECT_EQ(qt::read_file("d.txt"),
             "     65.50     -3.25  51234.50  !! incl, decl, geomag\n"
             "     90.00      0.00      0     !! aincl, adecl, idir\n"

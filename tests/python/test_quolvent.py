@@ -4,8 +4,11 @@ matrix products against the dense matrix."""
 
 import os
 import re
+import shutil
+import signal
 import struct
 import subprocess
+import time
 
 import numpy as np
 import pytest
@@ -158,7 +161,7 @@ def test_hand_made_file_and_format_errors(tmp_path):
             quolvent.read_matrix(tmp_path / "bad.mtx")
 
 
-def test_pictures_show_the_models_slices(tmp_path, monkeypatch):
+def test_pictures_show_the_models_slices(tmp_path, monkeypatch, capsys):
     # The pictures written, and the arrays drawn on a mesh of three sizes against sensitivity.txt
     # taken here cell by cell (y outermost, then x, z innermost) where each plot's title says.
     from quolvent import plot
@@ -192,3 +195,31 @@ def test_pictures_show_the_models_slices(tmp_path, monkeypatch):
         want[want == 0] = np.nan
         assert np.array_equal(values.reshape(want.shape), want, equal_nan=True), title
         assert np.array_equal(nodes[0, :, 0], 10 * np.arange(want.shape[1] + 1)), title
+    # Data files that the run of the log did not write: not drawn, and said so.
+    stale = shutil.copytree(tmp_path / "out", tmp_path / "stale")
+    log = (stale / "quolvent.log").read_text()
+    (stale / "quolvent.log").write_text(
+        re.sub(r"Outputs written: .*", "Outputs written: sensitivity.txt, dulmarok.mtx", log))
+    assert [os.path.basename(f) for f in plot.draw(str(stale))] == ["sensitivity.png"]
+    assert "skipped data_compressed.txt: not written by the run of quolvent.log" in capsys.readouterr().err
+
+
+def test_second_run_in_a_folder_stops_at_once(tmp_path):
+    # The program holds the folder (stopped once it has made its log); a run
+    # in this process stops with the folder's name and touches nothing there.
+    (tmp_path / "run.inp").write_text(control("daub2", diag=0))
+    first = subprocess.Popen([EXE, "run.inp", "1"], cwd=tmp_path, stdout=subprocess.DEVNULL)
+    while not (tmp_path / "quolvent.log").exists() and first.poll() is None:
+        time.sleep(0.001)
+    os.kill(first.pid, signal.SIGSTOP)
+    try:
+        with open(f"/proc/{first.pid}/stat") as f:
+            assert f.read().rsplit(")", 1)[1].split()[0] == "T"
+        log = (tmp_path / "quolvent.log").read_bytes()
+        with pytest.raises(quolvent.Stop, match="another run is writing its outputs in "
+                           + re.escape(str(tmp_path.resolve()))):
+            quolvent.run(str(tmp_path / "run.inp"), outdir=str(tmp_path))
+        assert (tmp_path / "quolvent.log").read_bytes() == log
+    finally:
+        os.kill(first.pid, signal.SIGCONT)
+    assert first.wait() == 0

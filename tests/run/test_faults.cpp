@@ -5,6 +5,7 @@
 // screen and the log say why.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <regex>
@@ -12,14 +13,16 @@
 #include <sys/resource.h>
 #include <sys/wait.h>
 
-#include "support/test_support.hpp"
+#include "support/layout_runs.hpp"
 
 namespace {
 
 const std::string earlier = "an earlier run's file\n";
+const std::vector<std::string> outputs{"dulmarok.mtx", "sensitivity.txt", "data_notcompressed.txt",
+                                       "data_compressed.txt", "sensitivity_compressed.txt"};
+// put_earlier: an earlier run's outputs, every one of them.
 void put_earlier(const qt::scratch_dir& d) {
-  qt::write_file(d.file("dulmarok.mtx"), earlier);
-  qt::write_file(d.file("sensitivity.txt"), earlier);
+  for (const auto& name : outputs) qt::write_file(d.file(name), earlier);
 }
 
 // last_lines: the report at the end of a text: its last two non-empty lines.
@@ -29,14 +32,14 @@ std::string last_lines(std::string text) {
   return text.substr(cut == std::string::npos ? 0 : cut + 1);
 }
 
-// expect_stopped: the report last on screen and in the log, the earlier matrix
-// file as it was, no temporary file.
+// expect_stopped: the report last on screen and in the log, every earlier
+// output as it was, no temporary file.
 void expect_stopped(const qt::scratch_dir& d, const qt::program_run& r, int status,
                     const std::string& report) {
   EXPECT_EQ(r.status, status) << report;
   EXPECT_EQ(last_lines(r.screen), report);
   EXPECT_EQ(last_lines(qt::read_file(d.file("quolvent.log"))), report);
-  EXPECT_EQ(qt::read_file(d.file("dulmarok.mtx")), earlier);
+  for (const auto& name : outputs) EXPECT_EQ(qt::read_file(d.file(name)), earlier) << name;
   EXPECT_EQ(qt::temporary_outputs(d), std::vector<std::string>{});
 }
 
@@ -47,18 +50,30 @@ qt::program_run run_with(const qt::scratch_dir& d, const std::string& wavelet,
   return qt::start_program(d.path.string(), {"run.inp", "1"}, before).wait();
 }
 
+// in_rows, writing: where a run of write_flat_survey is.
+bool in_rows(const qt::child_program& c) {
+  const std::string screen = c.screen();
+  return screen.find("Calculating") != std::string::npos && screen.find(" 100.") == std::string::npos;
+}
+bool writing(const qt::child_program& c) {
+  std::error_code ec;
+  for (const auto& name : qt::temporary_outputs(c.dir))
+    if (name.starts_with("dulmarok.mtx.") && std::filesystem::file_size(c.dir + "/" + name, ec) > 0)
+      return true;
+  return false;
+}
+
 }  // namespace
 
 // A file size limit (`ulimit -f`, SIGXFSZ at its default) that the matrix file
 // passes, and one the sensitivity model passes: status 1, the file named with
-// the system's reason, each output not completed kept as it was.
+// the system's reason, every earlier output as it was.
 TEST(Faults, WriteThatFailsLeavesTheEarlierFile) {
   const struct {
     rlim_t limit;
     const char* failing;
-    bool model_replaced;
-  } cases[] = {{64 << 10, "dulmarok.mtx", true},      // model 30 KB, matrix 450 KB
-               {16 << 10, "sensitivity.txt", false}};  // the log stays below both
+  } cases[] = {{64 << 10, "dulmarok.mtx"},      // model 30 KB, matrix 450 KB
+               {16 << 10, "sensitivity.txt"}};  // the log stays below both
   for (const auto& k : cases) {
     qt::scratch_dir d("qfault");
     put_earlier(d);
@@ -71,65 +86,89 @@ TEST(Faults, WriteThatFailsLeavesTheEarlierFile) {
                                ": File too large\n       (an earlier " + k.failing +
                                ", if any, is left as it was)";
     expect_stopped(d, r, 1, report);
-    EXPECT_EQ(qt::read_file(d.file("sensitivity.txt")) != earlier, k.model_replaced);
   }
 }
 
-// SIGTERM and SIGHUP (a closed terminal) in the row loop (a compressed
-// general-loop run, hit after its first row), SIGINT and SIGHUP while the
+// SIGINT and SIGHUP (a closed terminal) in the row loop (a compressed
+// general-loop run, hit after its first row), SIGTERM and SIGHUP while the
 // 77 MB matrix file is written: status 128 + the signal, the report last on
-// screen and in the log, the earlier file alone.
-TEST(Faults, InterruptLeavesTheEarlierFile) {
+// screen and in the log, every earlier output as it was. SIGKILL at the same
+// places: the next run in the folder completes and removes what the killed
+// one left.
+TEST(Faults, InterruptLeavesTheEarlierOutputs) {
   const struct {
     int sig;
     const char* name;
     bool in_write;
-  } cases[] = {{SIGTERM, "SIGTERM", false}, {SIGINT, "SIGINT", true}, {SIGHUP, "SIGHUP", false},
-               {SIGHUP, "SIGHUP", true}};
+  } cases[] = {{SIGINT, "SIGINT", false},   {SIGHUP, "SIGHUP", false},
+               {SIGTERM, "SIGTERM", true},   {SIGHUP, "SIGHUP", true},
+               {SIGKILL, "SIGKILL", false}, {SIGKILL, "SIGKILL", true}};
   for (const auto& k : cases) {
     qt::scratch_dir d("qfault");
     qt::write_flat_survey(d, 40, 40, 20, 600, k.in_write, k.in_write ? "NONE" : "daub2");
-    // The matrix file's temporary file with bytes in it (the room check makes
-    // and removes an empty one before the rows).
-    const auto writing = [&] {
-      std::error_code ec;
-      for (const auto& name : qt::temporary_outputs(d))
-        if (name.starts_with("dulmarok.mtx.") && std::filesystem::file_size(d.path / name, ec) > 0)
-          return true;
-      return false;
-    };
-    // The child is held (SIGSTOP) while the signal is sent, so that a busy
-    // machine can't let it run past the phase; if it got past, try again.
-    qt::program_run r;
-    bool hit = false;
-    for (int attempt = 0; attempt < 3 && !hit; ++attempt) {
-      put_earlier(d);
-      auto child = qt::start_program(d.path.string(), {"run.inp", "2"}, qt::as_in_a_terminal);
-      qt::wait_until([&] {
-        return k.in_write ? writing() : child.screen().find("Calculating") != std::string::npos;
-      });
-      kill(child.pid, SIGSTOP);
-      int st = 0;
-      waitpid(child.pid, &st, WUNTRACED);
-      hit = WIFSTOPPED(st) &&
-            (k.in_write ? writing() : child.screen().find(" 100.") == std::string::npos);
-      if (hit) kill(child.pid, k.sig);
-      if (WIFSTOPPED(st)) kill(child.pid, SIGCONT);
-      r = child.wait();
+    put_earlier(d);
+    auto child =
+        qt::start_held(d.path.string(), {"run.inp", "2"}, k.in_write ? writing : in_rows, k.sig);
+    ASSERT_GT(child.pid, 0) << k.name;
+    const auto r = qt::let_go(child);
+    if (k.sig != SIGKILL) {
+      const std::string report = std::string("Interrupted by ") + k.name + " during " +
+                                 (k.in_write ? "writing" : "sens") +
+                                 ": the run is stopped.\n"
+                                 "Outputs it had not finished are left as they were.";
+      expect_stopped(d, r, 128 + k.sig, report);
+      continue;
     }
-    ASSERT_TRUE(hit) << r.screen;
-    const std::string report = std::string("Interrupted by ") + k.name + " during " +
-                               (k.in_write ? "writing" : "sens") +
-                               ": the run is stopped.\n"
-                               "Outputs it had not finished are left as they were.";
-    expect_stopped(d, r, 128 + k.sig, report);
+    EXPECT_EQ(r.status, 128 + SIGKILL);
+    // Killed in the write: the model's and the matrix file's temporary files.
+    auto left = qt::temporary_outputs(d);
+    std::sort(left.begin(), left.end());
+    EXPECT_EQ(left.size(), k.in_write ? 2u : 0u);
+    ASSERT_EQ(qt::run_program(d.path.string(), {"run.inp", "2"}).status, 0);
+    EXPECT_EQ(qt::temporary_outputs(d), std::vector<std::string>{});
+    const std::string log = qt::read_file(d.file("quolvent.log"));
+    if (!left.empty())
+      EXPECT_NE(log.find("\nRemoved, left unfinished by an earlier run: " + left[0] + ", " +
+                         left.back() + "\n"),
+                std::string::npos) << log;
+    // The run wrote no diagnostic files: the earlier ones are gone.
+    EXPECT_NE(log.find("\nOutputs written: sensitivity.txt, dulmarok.mtx\n"
+                       "Removed, as outputs of an earlier run: data_notcompressed.txt, "
+                       "data_compressed.txt, sensitivity_compressed.txt\n"),
+              std::string::npos) << log;
+    for (const auto& name : outputs)
+      EXPECT_EQ(std::filesystem::exists(d.path / name),
+                name == "dulmarok.mtx" || name == "sensitivity.txt") << name;
   }
+}
+
+// A second run started in a folder while one is under way there (held): it
+// stops at once with status 75 and the folder's name, and touches nothing;
+// the first ends as a lone run would, every output and its log the same.
+TEST(Faults, SecondRunInAFolderStopsAtOnce) {
+  qt::scratch_dir lone("qfault"), d("qfault");
+  for (const auto* dir : {&lone, &d}) qt::write_flat_survey(*dir, 18, 16, 8, 48, false, "daub2");
+  const auto alone = qt::run_program(lone.path.string(), {"run.inp", "2"});
+  // Held once it has made its log: the folder is its own from before then.
+  auto first = qt::start_held(d.path.string(), {"run.inp", "2"}, qt::has_log);
+  ASSERT_GT(first.pid, 0);
+  const std::string log = qt::read_file(d.file("quolvent.log"));
+  const auto second = qt::run_program(d.path.string(), {"run.inp", "2"});
+  EXPECT_EQ(second.status, 75);
+  EXPECT_EQ(second.screen, "\nERROR: another run is writing its outputs in " +
+                               std::filesystem::canonical(d.path).string() +
+                               "\n       This run is stopped and has changed nothing there.\n\n");
+  EXPECT_EQ(qt::read_file(d.file("quolvent.log")), log);
+  const auto r = qt::let_go(first);
+  ASSERT_EQ(r.status, 0) << r.screen;
+  EXPECT_TRUE(qt::layout_outputs(d, r.screen) == qt::layout_outputs(lone, alone.screen));
 }
 
 // Room for the matrix file and the matrix: exactly enough, a byte short of
 // either (a stop before the first row: status 1 for the disk, 0 for memory),
 // and a compressed run predicted past the free space (a warning; the
-// prediction near the file, the sample row standing for every row).
+// prediction near the file, the sample row standing for every row). A
+// directory in the matrix file's place: a stop before the first row.
 TEST(Faults, RoomCheckedBeforeTheFirstRow) {
   const long long matrix_bytes = 4LL * 18 * 16 * 8 * 48;
   long long file_bytes = 0;
@@ -181,6 +220,12 @@ TEST(Faults, RoomCheckedBeforeTheFirstRow) {
       EXPECT_TRUE(ratio > 0.5 && ratio < 2.0) << ratio;
     }
   }
+  qt::scratch_dir d("qfault");
+  std::filesystem::create_directory(d.path / "dulmarok.mtx");
+  const auto r = run_with(d, "NONE", {});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.screen.find("Calculating"), std::string::npos) << r.screen;
+  EXPECT_NE(r.screen.find("ERROR: cannot write dulmarok.mtx: Is a directory"), std::string::npos);
 }
 
 // A power cut after the run must find each output whole: every output file
@@ -197,7 +242,7 @@ TEST(Faults, OutputsReachTheDiskBeforeTheirRename) {
     setenv("ASAN_OPTIONS", "detect_leaks=0", 1);  // a sanitized build's leak check can't run traced
   }, strace).wait();
   ASSERT_EQ(r.status, 0) << r.errors;
-  // fsync(3</path/dulmarok.mtx.Ab12Cd>) ... rename("dulmarok.mtx.Ab12Cd", "dulmarok.mtx") = 0
+  // fsync(3</path/dulmarok.mtx.unfinished.Ab12Cd>) ... rename("dulmarok.mtx.unfinished.Ab12Cd", "dulmarok.mtx") = 0
   const std::regex sync(R"re(f(?:data)?sync\(\d+<(?:[^>]*/)?([^/>]+)>)re"),
       move(R"re(rename(?:at2?)?\(.*"(?:[^"]*/)?([^"/]+)",.*"(?:[^"]*/)?([^"/]+)"\) = 0)re");
   std::set<std::string> synced, renamed;

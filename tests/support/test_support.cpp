@@ -58,21 +58,26 @@ program_run run_program(const std::string& dir, const std::vector<std::string>& 
   return start_program(dir, args).wait();
 }
 
-std::string child_program::screen() const { return read_file(dir + "/.screen.txt"); }
+// Each program's streams in files of their own, so that two can share a dir.
+static std::string streams_of(const std::string& dir, int pid, const char* which) {
+  return dir + "/." + which + "." + std::to_string(pid) + ".txt";
+}
+
+std::string child_program::screen() const { return read_file(streams_of(dir, pid, "screen")); }
 
 program_run child_program::wait() {
   int st = 0;
   waitpid(pid, &st, 0);
-  return {screen(), read_file(dir + "/.errors.txt"),
+  return {screen(), read_file(streams_of(dir, pid, "errors")),
           WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st)};
 }
 
 child_program start_program(const std::string& dir, const std::vector<std::string>& args,
                             const std::function<void()>& before, const std::string& exe_path) {
-  const std::string out = dir + "/.screen.txt";
-  const std::string err = dir + "/.errors.txt";
   const pid_t pid = fork();
   if (pid == 0) {
+    const std::string out = streams_of(dir, getpid(), "screen");
+    const std::string err = streams_of(dir, getpid(), "errors");
     if (before) before();
     if (chdir(dir.c_str()) != 0) _exit(127);
     if (!freopen(out.c_str(), "w", stdout)) _exit(127);
@@ -86,6 +91,34 @@ child_program start_program(const std::string& dir, const std::vector<std::strin
     _exit(127);
   }
   return child_program{static_cast<int>(pid), dir};
+}
+
+child_program start_held(const std::string& dir, const std::vector<std::string>& args,
+                         const std::function<bool(const child_program&)>& at, int sig) {
+  for (int attempt = 0; attempt < 3; ++attempt) {
+    auto child = start_program(dir, args, as_in_a_terminal);
+    wait_until([&] { return at(child); });
+    kill(child.pid, SIGSTOP);
+    int st = 0;
+    waitpid(child.pid, &st, WUNTRACED);
+    if (WIFSTOPPED(st) && at(child)) {
+      if (sig != 0) kill(child.pid, sig);
+      return child;
+    }
+    if (WIFSTOPPED(st)) kill(child.pid, SIGCONT);
+    child.wait();
+  }
+  return {};
+}
+
+program_run let_go(child_program& child) {
+  if (child.pid <= 0) return {};
+  kill(child.pid, SIGCONT);
+  return child.wait();
+}
+
+bool has_log(const child_program& child) {
+  return std::filesystem::exists(child.dir + "/quolvent.log");
 }
 
 capture::capture() : out(std::tmpfile()), screen_f(out.screen()), log_f(std::tmpfile()) {
@@ -232,12 +265,11 @@ void write_flat_survey(const scratch_dir& d, int nx, int ny, int nz, int nd, boo
   write_file(d.file("run.inp"), "mesh.txt\nobs.mag\nnull\nVALUE 1.0\n" + wavelet + "\nnull\n0\n");
 }
 
-std::vector<std::string> temporary_outputs(const scratch_dir& d) {
+std::vector<std::string> temporary_outputs(const std::string& dir) {
   std::vector<std::string> found;
-  for (const auto& e : std::filesystem::directory_iterator(d.path)) {
+  for (const auto& e : std::filesystem::directory_iterator(dir)) {
     const std::string name = e.path().filename().string();
-    for (const char* out : {"dulmarok.mtx.", "sensitivity.txt.", "quolvent.log."})
-      if (name.rfind(out, 0) == 0) found.push_back(name);
+    if (name.find(".unfinished.") != std::string::npos) found.push_back(name);
   }
   return found;
 }

@@ -51,6 +51,17 @@ child_program start_program(const std::string& dir, const std::vector<std::strin
                             const std::function<void()>& before = {},
                             const std::string& exe = QUOLVENT_EXE);
 
+// start_held: the program started in dir as a user would, held (SIGSTOP) once
+// at(child) says it is where it should be and still is when held, so that a
+// busy machine can't let it run past (three tries); then sig sent to it (0:
+// none), left held. A pid of -1 when it never was.
+child_program start_held(const std::string& dir, const std::vector<std::string>& args,
+                         const std::function<bool(const child_program&)>& at, int sig = 0);
+// let_go: a held program continued to its end.
+program_run let_go(child_program& child);
+// has_log: the program has made its log (and holds its folder).
+bool has_log(const child_program& child);
+
 // capture: a run_log (out) whose screen and log go to memory; stops() delivers
 // a stop as the program's entry would.
 struct capture {
@@ -104,8 +115,11 @@ program_run run_in_process(const scratch_dir& dir, std::vector<std::string> args
 void write_flat_survey(const scratch_dir& d, int nx, int ny, int nz, int nd, bool regular,
                        const std::string& wavelet);
 
-// temporary_outputs: the names of outputs' temporary files in d.
-std::vector<std::string> temporary_outputs(const scratch_dir& d);
+// temporary_outputs: the names of outputs' temporary files in dir.
+std::vector<std::string> temporary_outputs(const std::string& dir);
+inline std::vector<std::string> temporary_outputs(const scratch_dir& d) {
+  return temporary_outputs(d.path.string());
+}
 
 // as_in_a_terminal: in a child, interrupts as for a program started by hand.
 void as_in_a_terminal();

@@ -59,7 +59,7 @@ class mpi_group final : public run_group, public run_hook {
   void reduce_sums(exact_sums& sums) override;
   int64_t total(int64_t v) override;
   void gather_rows(std::vector<double>& v, row_range rows) override;
-  void write_matrix(const std::string& path, const survey& s, const compression& c,
+  void write_matrix(output_file* file, const survey& s, const compression& c,
                     matrix_store& store, row_range rows,
                     const std::vector<double>& squared_sensitivity, const run_log& out) override;
   stop settle(const stop& s) override;

@@ -1,15 +1,15 @@
 // The matrix file written by the processes of an MPI job together.
 //
-// The first process makes the temporary file beside the matrix file's name
-// (output_file: the same name, permissions and clean-up as the plain
+// The first process has made the temporary file beside the matrix file's
+// name (output_file: the same name, permissions and clean-up as the plain
 // program) and tells the others its name. Each process opens it on its own
 // (MPI_COMM_SELF), so that a stop on one never leaves another waiting in a
 // collective close, and writes its row records at its offset: the head
 // records and an exclusive prefix sum of the row records' sizes. The first
 // process writes records 1 to 6 and the last. When every process has synced
-// and closed its part, the first puts the file in place.
+// and closed its part, the first finishes it; the driver puts it in place
+// with the run's other outputs.
 #include <cerrno>
-#include <optional>
 
 #include "output/matrix_file.hpp"
 #include "output/output_file.hpp"
@@ -108,7 +108,7 @@ class part_out : public record_out {
 
 }  // namespace
 
-void mpi_group::write_matrix(const std::string& path, const survey& s, const compression& c,
+void mpi_group::write_matrix(output_file* file, const survey& s, const compression& c,
                              matrix_store& store, row_range rows,
                              const std::vector<double>& squared_sensitivity, const run_log& out) {
   out.say_screen("");
@@ -128,17 +128,18 @@ void mpi_group::write_matrix(const std::string& path, const survey& s, const com
     MPI_Allreduce(&mine, &all_rows, 1, MPI_INT64_T, MPI_SUM, comm_);
   }
 
-  // The temporary file, made by the first process.
-  std::optional<output_file> whole;
-  if (rank_ == 0) whole.emplace(path, "wb");
+  // The temporary file, made by the first process, and the name it will have.
   begin_step();
-  std::string temp = rank_ == 0 ? whole->temporary() : std::string();
+  std::string temp = rank_ == 0 ? file->temporary() : std::string();
+  std::string path = rank_ == 0 ? file->name() : std::string();
   {
     std::lock_guard<std::mutex> hold(lock_);
-    int len = static_cast<int>(temp.size());
-    MPI_Bcast(&len, 1, MPI_INT, 0, comm_);
-    temp.resize(static_cast<std::size_t>(len));
-    MPI_Bcast(temp.data(), len, MPI_CHAR, 0, comm_);
+    for (std::string* text : {&temp, &path}) {
+      int len = static_cast<int>(text->size());
+      MPI_Bcast(&len, 1, MPI_INT, 0, comm_);
+      text->resize(static_cast<std::size_t>(len));
+      MPI_Bcast(text->data(), len, MPI_CHAR, 0, comm_);
+    }
   }
 
   part_file f(temp, path);
@@ -161,12 +162,12 @@ void mpi_group::write_matrix(const std::string& path, const survey& s, const com
   }
   f.finish();
 
-  // Every part is on the device: the first process puts the file in place,
-  // after the last checkpoint.
+  // Every part is on the device: the first process finishes the file, which
+  // waits with the run's other outputs to be put in place.
   begin_step();
   if (rank_ == 0) {
     out.check_interrupt();
-    whole->close();
+    file->finish();
   }
 }
 
