@@ -212,9 +212,14 @@ def test_second_run_in_a_folder_stops_at_once(tmp_path):
     while not (tmp_path / "quolvent.log").exists() and first.poll() is None:
         time.sleep(0.001)
     os.kill(first.pid, signal.SIGSTOP)
-    try:
+
+    def state():
         with open(f"/proc/{first.pid}/stat") as f:
-            assert f.read().rsplit(")", 1)[1].split()[0] == "T"
+            return f.read().rsplit(")", 1)[1].split()[0]
+    try:
+        while state() not in "TZ":  # the stop takes effect
+            time.sleep(0.001)
+        assert state() == "T"
         log = (tmp_path / "quolvent.log").read_bytes()
         with pytest.raises(quolvent.Stop, match="another run is writing its outputs in "
                            + re.escape(str(tmp_path.resolve()))):
