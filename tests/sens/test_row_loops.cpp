@@ -291,6 +291,7 @@ TEST(GridCheck, WhichSurveysAreRegular) {
       {"just outside above",
        [&](obs_set& o) { shift(o, 60, 60), o.easting[35] = std::nextafter(1160.0, 2e3); }, false,
        0},
+      {"just outside below along y", [&](obs_set& o) { shift(o, 0, -0.5); }, false, 0},
       {"spacing 2.5 cells", stretch, false, 0},
       {"a direction per datum", [](obs_set& o) { o.idir = 0; }, false, 0},
       {"one line along x", [](obs_set& o) { o.northing.assign(36, 5045); }, true, 0},
