@@ -81,6 +81,16 @@ TEST(MatrixFile, ChainedFileReadsBackAndItsSizeIsKnownAhead) {
     want.push_back(i32(g.idx.size()) + bytes(g.idx) + bytes(g.val));
   want.push_back(bytes(sq));
   EXPECT_EQ(recs, want);
+  // Arrays short of what the records hold: a stop, not a read past their end.
+  compression cut = c;
+  cut.filter.pop_back();
+  auto light = s;
+  light.weights.pop_back();
+  matrix_store fewer = store;
+  fewer.compressed_rows.pop_back();
+  EXPECT_THROW(write_matrix("x.mtx", s, cut, store, 1, sq, cap.out, 10), quolvent::stop);
+  EXPECT_THROW(write_matrix("x.mtx", light, c, store, 1, sq, cap.out, 10), quolvent::stop);
+  EXPECT_THROW(write_matrix("x.mtx", s, c, fewer, 1, sq, cap.out, 10), quolvent::stop);
   const row_payload_fn kept = [](int32_t i) { return compressed_row_payload(3 * i); };
   EXPECT_EQ(matrix_file_bytes(s, c, kept, 10), static_cast<int64_t>(rd.bytes.size()));
   const compression none;  // uncompressed, in frames of every record's size
