@@ -134,6 +134,7 @@ TEST(Readers, Failures) {
       {v, "1 2 3 4 5 6 7 8 9 10 11 12\n", "\nERROR: end reached reading weighting file f.txt\n"},
       {weights("value 2.5"), "", "\n ERROR: weighting file not found: value 2.5\n"},
       {weights("VALUE abc"), "", "\nERROR reading constant value for weighting\nVALUE abc\n"},
+      {weights("VALUE"), "", "\nERROR reading constant value for weighting\nVALUE\n"},
   };
   for (const auto& c : cases) {
     const outcome r = run(c.file_text, c.reader);
