@@ -11,7 +11,10 @@
 
 #include "base/channels.hpp"
 #include "output/matrix_reader.hpp"
+#include "model/mesh.hpp"
 #include "run/run_driver.hpp"
+#include "topo/ground.hpp"
+#include "topo/topo_reader.hpp"
 #include "wavelet/wavelet_filters.hpp"
 
 namespace py = pybind11;
@@ -46,6 +49,98 @@ std::vector<double> to_vector(const py_vector& a,
     throw py::value_error(std::string(what) + " must be a 1-D array of " +
                           std::to_string(expected) + " values");
   return std::vector<double>(a.data(), a.data() + expected);
+}
+
+// block: a 2-D array of rows x k values, checked: rows must match.
+std::vector<double> to_block(const py::array_t<double, py::array::c_style | py::array::forcecast>& a,
+                             std::size_t rows, const char* what) {
+  if (a.ndim() != 2 || static_cast<std::size_t>(a.shape(0)) != rows || a.shape(1) < 1)
+    throw py::value_error(std::string(what) + " must be a 2-D array of " + std::to_string(rows) +
+                          " rows and at least one column");
+  return std::vector<double>(a.data(), a.data() + a.size());
+}
+
+// block_product: f(block, k) over a (rows, k) array, as a (out_rows, k) array.
+template <typename F>
+py::array_t<double> block_product(const py_vector& a, std::size_t rows, std::size_t out_rows,
+                                  const char* what, F f) {
+  const std::vector<double> x = to_block(a, rows, what);
+  const auto k = static_cast<int32_t>(a.shape(1));
+  std::vector<double> y;
+  {
+    py::gil_scoped_release free;
+    y = f(x.data(), k);
+  }
+  py::array_t<double> out({static_cast<py::ssize_t>(out_rows), static_cast<py::ssize_t>(k)});
+  std::copy(y.begin(), y.end(), out.mutable_data());
+  return out;
+}
+
+// stop_tuple: a stop outside a run as (kind, report), for the module to raise.
+py::tuple stop_tuple(const quolvent::stop& s) {
+  std::string text;
+  for (const auto& l : s.screen_lines.empty() ? s.log_lines : s.screen_lines) text += l + "\n";
+  if (!s.error_text.empty()) text += s.error_text + "\n";
+  const std::size_t first = text.find_first_not_of('\n');
+  return py::make_tuple(quolvent::stop_kind_name(s.kind),
+                        first == std::string::npos ? std::string() : text.substr(first));
+}
+
+// read_mesh: the mesh file at path as (counts, origin, dx, dy, dz), or a
+// stop as ("stop", kind, report).
+py::tuple read_mesh(const std::string& path) {
+  try {
+    const quolvent::mesh_model m = quolvent::read_mesh(path);
+    return py::make_tuple(py::make_tuple(m.nx, m.ny, m.nz),
+                          py::make_tuple(m.xn.at(0), m.yn.at(0), m.z0), to_array(m.dx),
+                          to_array(m.dy), to_array(m.dz));
+  } catch (const quolvent::stop& s) {
+    return py::make_tuple("stop", stop_tuple(s));
+  }
+}
+
+// column_tops: the layers above the ground in each column, (ny, nx), of a
+// mesh from its origin and widths (nodes summed as the mesh reader sums
+// them) under the topography points (east, north, elevation: m x 3); or a
+// stop as ("stop", (kind, report)).
+py::object column_tops(const std::tuple<double, double, double>& origin, const py_vector& dx,
+                       const py_vector& dy, const py_vector& dz, const py_vector& points) {
+  quolvent::mesh_model m;
+  m.nx = static_cast<int32_t>(dx.size());
+  m.ny = static_cast<int32_t>(dy.size());
+  m.nz = static_cast<int32_t>(dz.size());
+  m.dx.assign(dx.data(), dx.data() + dx.size());
+  m.dy.assign(dy.data(), dy.data() + dy.size());
+  m.dz.assign(dz.data(), dz.data() + dz.size());
+  const auto nodes = [](std::vector<double>& n, double first, const std::vector<double>& w) {
+    n.assign(1, first);
+    for (double width : w) n.push_back(n.back() + width);
+  };
+  nodes(m.xn, std::get<0>(origin), m.dx);
+  nodes(m.yn, std::get<1>(origin), m.dy);
+  nodes(m.zn, 0.0, m.dz);
+  m.z0 = std::get<2>(origin);
+  const std::vector<double> p = to_block(points, static_cast<std::size_t>(points.shape(0)), "points");
+  if (points.shape(1) != 3) throw py::value_error("points must be m x 3");
+  quolvent::topo_points t;
+  for (std::size_t i = 0; i + 2 < p.size(); i += 3) {
+    t.east.push_back(p[i]);
+    t.north.push_back(p[i + 1]);
+    t.elev.push_back(p[i + 2]);
+  }
+  std::vector<int32_t> top;
+  try {
+    const quolvent::run_log quiet(nullptr);
+    top = quolvent::ground_tops(t, m, "topography", quiet);
+  } catch (const quolvent::stop& s) {
+    return py::make_tuple("stop", stop_tuple(s));
+  }
+  py::array_t<int32_t> a({static_cast<py::ssize_t>(m.ny), static_cast<py::ssize_t>(m.nx)});
+  auto out = a.mutable_unchecked<2>();
+  for (py::ssize_t ix = 0; ix < m.nx; ++ix)
+    for (py::ssize_t iy = 0; iy < m.ny; ++iy)
+      out(iy, ix) = top[static_cast<std::size_t>(iy + ix * m.ny)];
+  return a;
 }
 
 // to_grid: a value per cell below the ground as (nz, ny, nx), NaN above it.
@@ -106,6 +201,7 @@ py::dict run(const std::vector<std::string>& args, const std::string& outdir, bo
   if (!s.complete) {
     d["stop"] = s.report;
     d["status"] = s.status;
+    d["kind"] = s.stop_kind;
     return d;
   }
   d["ndata"] = s.ndata;
@@ -140,6 +236,9 @@ PYBIND11_MODULE(_quolvent, mod) {
   py::register_exception<quolvent::format_error>(mod, "FormatError", PyExc_ValueError);
 
   mod.def("run", &run, py::arg("args"), py::arg("outdir"), py::arg("verbose"));
+  mod.def("read_mesh", &read_mesh, py::arg("path"));
+  mod.def("column_tops", &column_tops, py::arg("origin"), py::arg("dx"), py::arg("dy"),
+          py::arg("dz"), py::arg("points"));
 
   py::class_<stored_matrix>(mod, "Matrix")
       .def(py::init<const std::string&>(), py::arg("path"))
@@ -205,6 +304,24 @@ PYBIND11_MODULE(_quolvent, mod) {
             return released([&] { return m.rdot(x); });
           },
           py::arg("v"))
+      .def(
+          "dot_block",
+          [](const stored_matrix& m, const py_vector& x) {
+            const auto& c = m.contents();
+            return block_product(x, static_cast<std::size_t>(c.n),
+                                 static_cast<std::size_t>(c.ndata), "models",
+                                 [&](const double* b, int32_t k) { return m.dot_block(b, k); });
+          },
+          py::arg("models"))
+      .def(
+          "rdot_block",
+          [](const stored_matrix& m, const py_vector& v) {
+            const auto& c = m.contents();
+            return block_product(v, static_cast<std::size_t>(c.ndata),
+                                 static_cast<std::size_t>(c.n), "vectors",
+                                 [&](const double* b, int32_t k) { return m.rdot_block(b, k); });
+          },
+          py::arg("vectors"))
       .def("dense",
            [](const stored_matrix& m) {
              std::vector<float> d;

@@ -16,6 +16,7 @@ packages=(
   pybind11-dev
   python3-pybind11
   python3-numpy
+  python3-scipy
   python3-matplotlib
   python3-pytest
   python3-venv

@@ -79,6 +79,7 @@ void interrupt_watch::check(std::string_view phase) const {
                     "Outputs it had not finished are left as they were.", ""};
   s.log_lines = s.screen_lines;
   s.status = 128 + sig;
+  s.kind = stop_kind::interrupted;
   throw s;
 }
 

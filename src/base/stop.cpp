@@ -17,13 +17,43 @@ const char* stop::what() const noexcept {
   return "stop";
 }
 
-void stop_plain() { throw stop{}; }
+const char* stop_kind_name(stop_kind kind) {
+  switch (kind) {
+    case stop_kind::none: return "none";
+    case stop_kind::file: return "file";
+    case stop_kind::input: return "input";
+    case stop_kind::memory: return "memory";
+    case stop_kind::output: return "output";
+    case stop_kind::interrupted: return "interrupted";
+    case stop_kind::internal: return "internal";
+  }
+  return "input";
+}
 
-void stop_report(std::initializer_list<std::string_view> lines) {
+void stop_plain() {
+  stop s;
+  s.kind = stop_kind::none;
+  throw s;
+}
+
+namespace {
+
+[[noreturn]] void stop_both(std::initializer_list<std::string_view> lines, stop_kind kind) {
   stop s;
   for (auto l : lines) s.screen_lines.emplace_back(l);
   s.log_lines = s.screen_lines;
+  s.kind = kind;
   throw s;
+}
+
+}  // namespace
+
+void stop_report(std::initializer_list<std::string_view> lines) {
+  stop_both(lines, stop_kind::input);
+}
+
+void stop_reading(std::initializer_list<std::string_view> lines) {
+  stop_both(lines, stop_kind::file);
 }
 
 void stop_report_log(std::initializer_list<std::string_view> lines) {
@@ -35,21 +65,23 @@ void stop_report_log(std::initializer_list<std::string_view> lines) {
 void stop_text(std::string_view text) {
   stop s;
   s.error_text = std::string(text);
+  s.kind = stop_kind::internal;
   throw s;
 }
 
 void file_not_found(std::string_view label, std::string_view name) {
-  stop_report({"", " ERROR: " + rtrim(label) + " file not found: " + rtrim(name)});
+  stop_reading({"", " ERROR: " + rtrim(label) + " file not found: " + rtrim(name)});
 }
 
 void alloc_failed(std::string_view name) {
-  stop_report({"", "Memory allocation error in: " + rtrim(name), ""});
+  stop_both({"", "Memory allocation error in: " + rtrim(name), ""}, stop_kind::memory);
 }
 
 void platform_failure(std::string_view text) {
   stop s;
   s.error_text = "quolvent: " + std::string(text);
   s.status = 1;
+  s.kind = stop_kind::output;
   throw s;
 }
 
@@ -62,6 +94,7 @@ void cannot_write(std::string_view name, int err) {
                     "       (an earlier " + file + ", if any, is left as it was)", ""};
   s.log_lines = s.screen_lines;
   s.status = 1;
+  s.kind = stop_kind::output;
   throw s;
 }
 

@@ -15,6 +15,16 @@
 
 namespace quolvent {
 
+// stop_kind: what ended the run, for a caller that acts on it: none (a
+// normal end before the pipeline: the usage text, the sample), file (an
+// input file missing, or not readable as its format says), input (inputs
+// read but refused), memory, output (an output that can't be written),
+// interrupted (a signal), internal (a consistency check).
+enum class stop_kind { none, file, input, memory, output, interrupted, internal };
+
+// stop_kind_name: the kind as one lower-case word ("none", "file", ...).
+const char* stop_kind_name(stop_kind kind);
+
 class stop : public std::exception {
  public:
   // Lines for the screen, lines for the log, and a text for the error stream
@@ -25,6 +35,7 @@ class stop : public std::exception {
   // The exit status of the process: 0 for every reported stop, 1 for an
   // output the run can't write, 128 + N for a run interrupted by signal N.
   int status = 0;
+  stop_kind kind = stop_kind::input;
 
   const char* what() const noexcept override;
 };
@@ -34,6 +45,9 @@ class stop : public std::exception {
 [[noreturn]] void stop_plain();
 // stop_report: the lines to the screen and then to the log, then a stop.
 [[noreturn]] void stop_report(std::initializer_list<std::string_view> lines);
+// stop_reading: as stop_report, for an input file that can't be read as
+// its format says.
+[[noreturn]] void stop_reading(std::initializer_list<std::string_view> lines);
 // stop_report_log: the lines to the log alone, then a stop.
 [[noreturn]] void stop_report_log(std::initializer_list<std::string_view> lines);
 // stop_text: an internal consistency check failed: its short text on the

@@ -14,7 +14,7 @@ namespace quolvent {
 
 namespace {
 
-[[noreturn]] void flag_error(const std::string& text) { stop_report({"", text}); }
+[[noreturn]] void flag_error(const std::string& text) { stop_reading({"", text}); }
 
 // read_flags: the flag file into flags (one free-format read over all cells),
 // then the tests of its length and of its values.
@@ -32,7 +32,7 @@ void read_flags(const std::string& file_name, std::vector<int32_t>& flags, const
 
   for (int32_t f : flags) {
     if (f < -1 || f > 1) {
-      stop_report({"", "ERROR: values in the active cell file should be -1, 0 or 1.", name});
+      stop_reading({"", "ERROR: values in the active cell file should be -1, 0 or 1.", name});
     }
   }
   out.report_log({"active cells were read from file: " + name});

@@ -39,17 +39,17 @@ void read_cell_values(const std::string& source, const std::string& label,
     double v = 0.0;
     const int st = ff_read(t, {v});
     if (st < 0) {
-      stop_report({"", "ERROR: end reached reading " + what + " file " + name});
+      stop_reading({"", "ERROR: end reached reading " + what + " file " + name});
     }
     if (st > 0) {
-      stop_report({"", "ERROR reading " + what + " file " + name});
+      stop_reading({"", "ERROR reading " + what + " file " + name});
     }
     const int32_t place = cells.active_map[p];
     if (place > 0 && static_cast<std::size_t>(place) <= model.size()) model[static_cast<std::size_t>(place) - 1] = v;
   }
   double extra = 0.0;
   if (ff_read(t, {extra}) == 0) {
-    stop_report({"", "ERROR: too many values in " + what + " file " + name});
+    stop_reading({"", "ERROR: too many values in " + what + " file " + name});
   }
   text_close(t);
   out.report_log({fmt_right(what + " was read from file: ", 40) + name});

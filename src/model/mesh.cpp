@@ -21,8 +21,8 @@ constexpr int64_t max_cells = int64_t{1} << 31;
 
 [[noreturn]] void mesh_error(const std::string& name, const char* why = nullptr) {
   const std::string line = "ERROR reading mesh file: " + rtrim(name);
-  if (why) stop_report({"", line, why});
-  stop_report({"", line});
+  if (why) stop_reading({"", line, why});
+  stop_reading({"", line});
 }
 
 // nodes: the running sums origin, origin + w[0], ... in the order of the

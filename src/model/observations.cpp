@@ -28,11 +28,11 @@ struct data_reader {
 };
 
 [[noreturn]] void end_reached(const data_reader& r) {
-  stop_report({"", "ERROR: end reached when reading data file " + r.name});
+  stop_reading({"", "ERROR: end reached when reading data file " + r.name});
 }
 
 [[noreturn]] void bad_line(const data_reader& r) {
-  stop_report({"", "ERROR reading data file " + r.name, rtrim(r.line)});
+  stop_reading({"", "ERROR reading data file " + r.name, rtrim(r.line)});
 }
 
 // fetch: the next usable line into r.line, or the end-reached report.
@@ -53,12 +53,12 @@ obs_set read_data_file(const std::string& name) {
   fetch(r);
   if (ff_read_text(r.line, {o.aincl, o.adecl, o.idir}) != 0) bad_line(r);
   if (o.idir != 0 && o.idir != 1) {
-    stop_report({"", "ERROR: idir in data file should be 0 or 1.", rtrim(r.line)});
+    stop_reading({"", "ERROR: idir in data file should be 0 or 1.", rtrim(r.line)});
   }
   fetch(r);
   if (ff_read_text(r.line, {o.ndata}) != 0) bad_line(r);
   if (o.ndata < 1) {
-    stop_report({"", "ERROR: Number of data should be positive.", r.name});
+    stop_reading({"", "ERROR: Number of data should be positive.", r.name});
   }
 
   const bool own_direction = o.idir == 0;

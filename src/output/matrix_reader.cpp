@@ -224,85 +224,201 @@ std::vector<double> stored_matrix::row(int32_t i) const {
   return g;
 }
 
+namespace {
+
+// Columns of a block are taken eight at a time, the block padded with zero
+// columns to a multiple of eight, so that the innermost loop has a fixed
+// length and runs in vector registers.
+constexpr std::size_t group = 8;
+
+std::size_t padded_width(int32_t k) {
+  return (static_cast<std::size_t>(k) + group - 1) / group * group;
+}
+
+// padded: a block of rows x k values as rows x width, zeros to the right,
+// each value times scale[row] (scale nullptr: as it is).
+std::vector<double> padded(const double* block, std::size_t rows, int32_t k, std::size_t width,
+                           const double* scale) {
+  std::vector<double> out(rows * width, 0.0);
+  const std::size_t kk = static_cast<std::size_t>(k);
+  for (std::size_t r = 0; r < rows; ++r)
+    for (std::size_t j = 0; j < kk; ++j)
+      out[r * width + j] = (scale ? scale[r] : 1.0) * block[r * kk + j];
+  return out;
+}
+
+// add_group: out[0..8) += value * in[0..8).
+inline void add_group(double* out, double value, const double* in) {
+  for (std::size_t j = 0; j < group; ++j) out[j] += value * in[j];
+}
+
+}  // namespace
+
 std::vector<double> stored_matrix::dot(const std::vector<double>& model) const {
-  const std::size_t n = static_cast<std::size_t>(m_.n);
-  if (model.size() != n) throw std::invalid_argument("a model of another length than a row");
-  // G m = (R / w) (w m), w the weights: the stored rows against the weighted model.
-  std::vector<double> x(n);
-  for (std::size_t k = 0; k < n; ++k) x[k] = m_.weights[k] * model[k];
-  std::vector<double> d(static_cast<std::size_t>(m_.ndata), 0.0);
+  if (model.size() != static_cast<std::size_t>(m_.n))
+    throw std::invalid_argument("a model of another length than a row");
+  return dot_block(model.data(), 1);
+}
+
+std::vector<double> stored_matrix::rdot(const std::vector<double>& v) const {
+  if (v.size() != static_cast<std::size_t>(m_.ndata))
+    throw std::invalid_argument("a vector of another length than the data");
+  return rdot_block(v.data(), 1);
+}
+
+std::vector<double> stored_matrix::dot_block(const double* models, int32_t k) const {
+  const std::size_t n = static_cast<std::size_t>(m_.n), ndata = static_cast<std::size_t>(m_.ndata);
+  const std::size_t kk = static_cast<std::size_t>(k), width = k == 1 ? 1 : padded_width(k);
+  // G m = (R / w) (w m), w the weights: the stored rows against the weighted models.
+  const std::vector<double> x = padded(models, n, k, width, m_.weights.data());
+  std::vector<double> d(ndata * kk, 0.0);
   if (m_.compressed()) {
     // An orthogonal transform keeps dot products: the coefficients of each
-    // row against the coefficients of the weighted model.
-    std::vector<double> cube(static_cast<std::size_t>(c_.cube_size), 0.0);
-    row_to_cube(c_, cells_, x.data(), m_.n, cube.data());
-    line_buffers lines;
-    transform_cube(c_, cube.data(), +1, lines);
+    // row against the coefficients of the weighted models, their cubes
+    // interleaved so that one kept position reads its neighbours.
+    const std::size_t cube_size = static_cast<std::size_t>(c_.cube_size);
+    std::vector<double> cubes(cube_size * width);
+#pragma omp parallel
+    {
+      line_buffers lines;
+      std::vector<double> cube(cube_size), column(n);
+#pragma omp for schedule(static)
+      for (int32_t j = 0; j < k; ++j) {
+        std::fill(cube.begin(), cube.end(), 0.0);
+        for (std::size_t c = 0; c < n; ++c) column[c] = x[c * width + static_cast<std::size_t>(j)];
+        row_to_cube(c_, cells_, column.data(), m_.n, cube.data());
+        transform_cube(c_, cube.data(), +1, lines);
+        for (std::size_t p = 0; p < cube_size; ++p)
+          cubes[p * width + static_cast<std::size_t>(j)] = cube[p];
+      }
+    }
 #pragma omp parallel for schedule(static)
     for (int32_t i = 0; i < m_.ndata; ++i) {
       const compressed_row& r = m_.rows[static_cast<std::size_t>(i)];
+      double* out = d.data() + static_cast<std::size_t>(i) * kk;
+      if (k == 1) {
+        double s = 0.0;
+        for (std::size_t p = 0; p < r.idx.size(); ++p)
+          s += static_cast<double>(r.val[p]) * cubes[static_cast<std::size_t>(r.idx[p] - 1)];
+        out[0] = s;
+        continue;
+      }
+      for (std::size_t g0 = 0; g0 < width; g0 += group) {
+        double sum[group] = {};
+        for (std::size_t p = 0; p < r.idx.size(); ++p)
+          add_group(sum, static_cast<double>(r.val[p]),
+                    cubes.data() + static_cast<std::size_t>(r.idx[p] - 1) * width + g0);
+        for (std::size_t j = g0; j < std::min(g0 + group, kk); ++j) out[j] = sum[j - g0];
+      }
+    }
+  } else if (k == 1) {
+    // Eight partial sums, added in a fixed order: the loop vectorises, and a
+    // datum doesn't depend on the thread that computes it.
+#pragma omp parallel for schedule(static)
+    for (int32_t i = 0; i < m_.ndata; ++i) {
+      const float* row = m_.full.data() + static_cast<std::size_t>(i) * n;
+      double part[group] = {};
+      std::size_t c = 0;
+      for (; c + group <= n; c += group)
+        for (std::size_t l = 0; l < group; ++l)
+          part[l] += static_cast<double>(row[c + l]) * x[c + l];
       double s = 0.0;
-      for (std::size_t k = 0; k < r.idx.size(); ++k)
-        s += static_cast<double>(r.val[k]) * cube[static_cast<std::size_t>(r.idx[k] - 1)];
+      for (; c < n; ++c) s += static_cast<double>(row[c]) * x[c];
+      for (std::size_t l = 0; l < group; ++l) s += part[l];
       d[static_cast<std::size_t>(i)] = s;
     }
   } else {
 #pragma omp parallel for schedule(static)
     for (int32_t i = 0; i < m_.ndata; ++i) {
       const float* row = m_.full.data() + static_cast<std::size_t>(i) * n;
-      double s = 0.0;
-      for (std::size_t k = 0; k < n; ++k) s += static_cast<double>(row[k]) * x[k];
-      d[static_cast<std::size_t>(i)] = s;
+      double* out = d.data() + static_cast<std::size_t>(i) * kk;
+      for (std::size_t g0 = 0; g0 < width; g0 += group) {
+        double sum[group] = {};
+        for (std::size_t c = 0; c < n; ++c)
+          add_group(sum, static_cast<double>(row[c]), x.data() + c * width + g0);
+        for (std::size_t j = g0; j < std::min(g0 + group, kk); ++j) out[j] = sum[j - g0];
+      }
     }
   }
   return d;
 }
 
-std::vector<double> stored_matrix::rdot(const std::vector<double>& v) const {
-  const std::size_t n = static_cast<std::size_t>(m_.n);
-  if (v.size() != static_cast<std::size_t>(m_.ndata))
-    throw std::invalid_argument("a vector of another length than the data");
-  std::vector<double> g(n, 0.0);
+std::vector<double> stored_matrix::rdot_block(const double* v, int32_t k) const {
+  const std::size_t n = static_cast<std::size_t>(m_.n), ndata = static_cast<std::size_t>(m_.ndata);
+  const std::size_t kk = static_cast<std::size_t>(k), width = k == 1 ? 1 : padded_width(k);
+  const std::vector<double> w = padded(v, ndata, k, width, nullptr);
+  std::vector<double> g(n * width, 0.0);
   if (m_.compressed()) {
     // The sum of the rows' coefficients weighted by v, then one inverse
-    // transform. Each thread sums its share of the rows into a cube of its
-    // own; the cubes are added in thread order, so the result doesn't
-    // depend on which thread finishes first.
+    // transform per column. Each thread sums its share of the rows into
+    // cubes of its own; they are added in thread order, so the result
+    // doesn't depend on which thread finishes first.
     const std::size_t cube_size = static_cast<std::size_t>(c_.cube_size);
     std::vector<std::vector<double>> parts;
 #pragma omp parallel
     {
 #pragma omp single
       parts.resize(static_cast<std::size_t>(omp_get_num_threads()));
-      std::vector<double>& cube = parts[static_cast<std::size_t>(omp_get_thread_num())];
-      cube.assign(cube_size, 0.0);
+      std::vector<double>& cubes = parts[static_cast<std::size_t>(omp_get_thread_num())];
+      cubes.assign(cube_size * width, 0.0);
 #pragma omp for schedule(static)
       for (int32_t i = 0; i < m_.ndata; ++i) {
         const compressed_row& r = m_.rows[static_cast<std::size_t>(i)];
-        const double w = v[static_cast<std::size_t>(i)];
-        for (std::size_t k = 0; k < r.idx.size(); ++k)
-          cube[static_cast<std::size_t>(r.idx[k] - 1)] += w * static_cast<double>(r.val[k]);
+        const double* wi = w.data() + static_cast<std::size_t>(i) * width;
+        for (std::size_t p = 0; p < r.idx.size(); ++p) {
+          const std::size_t place = static_cast<std::size_t>(r.idx[p] - 1) * width;
+          const double value = static_cast<double>(r.val[p]);
+          if (k == 1)
+            cubes[place] += value * wi[0];
+          else
+            for (std::size_t g0 = 0; g0 < width; g0 += group)
+              add_group(cubes.data() + place + g0, value, wi + g0);
+        }
       }
     }
     std::vector<double>& total = parts[0];
     for (std::size_t t = 1; t < parts.size(); ++t)
-      for (std::size_t k = 0; k < cube_size; ++k) total[k] += parts[t][k];
-    line_buffers lines;
-    transform_cube(c_, total.data(), -1, lines);
-    cube_to_row(c_, cells_, g.data(), m_.n, total.data());
+      for (std::size_t p = 0; p < total.size(); ++p) total[p] += parts[t][p];
+#pragma omp parallel
+    {
+      line_buffers lines;
+      std::vector<double> cube(cube_size), column(n);
+#pragma omp for schedule(static)
+      for (int32_t j = 0; j < k; ++j) {
+        for (std::size_t p = 0; p < cube_size; ++p)
+          cube[p] = total[p * width + static_cast<std::size_t>(j)];
+        transform_cube(c_, cube.data(), -1, lines);
+        cube_to_row(c_, cells_, column.data(), m_.n, cube.data());
+        for (std::size_t c = 0; c < n; ++c) g[c * width + static_cast<std::size_t>(j)] = column[c];
+      }
+    }
   } else {
-#pragma omp parallel for schedule(static)
-    for (int64_t k = 0; k < static_cast<int64_t>(n); ++k) {
-      double s = 0.0;
-      for (int32_t i = 0; i < m_.ndata; ++i)
-        s += v[static_cast<std::size_t>(i)] *
-             static_cast<double>(
-                 m_.full[static_cast<std::size_t>(i) * n + static_cast<std::size_t>(k)]);
-      g[static_cast<std::size_t>(k)] = s;
+    // Each thread owns a stretch of cells and runs down the rows over it:
+    // the stored rows are read along memory, and each cell's sum runs over
+    // the data in order whatever the thread count.
+#pragma omp parallel
+    {
+      const std::size_t threads = static_cast<std::size_t>(omp_get_num_threads());
+      const std::size_t t = static_cast<std::size_t>(omp_get_thread_num());
+      const std::size_t first = n * t / threads, last = n * (t + 1) / threads;
+      for (std::size_t i = 0; i < ndata; ++i) {
+        const float* row = m_.full.data() + i * n;
+        const double* wi = w.data() + i * width;
+        if (k == 1) {
+          const double scale = wi[0];
+          for (std::size_t c = first; c < last; ++c) g[c] += scale * static_cast<double>(row[c]);
+        } else {
+          for (std::size_t c = first; c < last; ++c)
+            for (std::size_t g0 = 0; g0 < width; g0 += group)
+              add_group(g.data() + c * width + g0, static_cast<double>(row[c]), wi + g0);
+        }
+      }
     }
   }
-  for (std::size_t k = 0; k < n; ++k) g[k] *= m_.weights[k];
-  return g;
+  std::vector<double> out(n * kk);
+  for (std::size_t c = 0; c < n; ++c)
+    for (std::size_t j = 0; j < kk; ++j) out[c * kk + j] = g[c * width + j] * m_.weights[c];
+  return out;
 }
 
 std::vector<float> stored_matrix::dense() const {

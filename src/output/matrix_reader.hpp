@@ -65,6 +65,13 @@ class stored_matrix {
   std::vector<double> dot(const std::vector<double>& model) const;
   // rdot: G^T v, n values (v: ndata values).
   std::vector<double> rdot(const std::vector<double>& v) const;
+  // dot_block: G X for k models at once, X n x k (cell c of model j at
+  //   [c * k + j]); ndata x k values, datum i of model j at [i * k + j].
+  //   The stored rows are read once for all k.
+  std::vector<double> dot_block(const double* models, int32_t k) const;
+  // rdot_block: G^T V for k vectors, V ndata x k as dot_block's result;
+  //   n x k values laid out as dot_block's models.
+  std::vector<double> rdot_block(const double* v, int32_t k) const;
   // dense: G, ndata x n 32-bit floats, row i at [i*n].
   std::vector<float> dense() const;
 

@@ -88,6 +88,7 @@ void check_output_room(const survey& s, const compression& c, const std::string&
     st.screen_lines.push_back("");
     st.log_lines = st.screen_lines;
     st.status = file_short ? 1 : 0;
+    st.kind = file_short ? stop_kind::output : stop_kind::memory;
     throw st;
   }
 

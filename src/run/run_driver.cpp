@@ -43,6 +43,16 @@ namespace quolvent {
 
 namespace {
 
+// alloc_report: an allocation without a report of its own: say so plainly
+// and stop.
+[[noreturn]] void alloc_report() {
+  stop s;
+  s.screen_lines = {"", "ERROR: not enough memory for this run.", ""};
+  s.log_lines = s.screen_lines;
+  s.kind = stop_kind::memory;
+  throw s;
+}
+
 constexpr const char* program_name = "quolvent";
 constexpr std::size_t field_width = 500;
 
@@ -322,8 +332,7 @@ void execute_run(int argc, char** argv, run_log& out, const run_options& options
     sum.wavelet = params.wavelet;
     run_pipeline(params, clock, out, options, sum, group);
   } catch (const std::bad_alloc&) {
-    // An allocation without a report of its own: say so plainly and stop.
-    stop_report({"", "ERROR: not enough memory for this run.", ""});
+    alloc_report();
   }
 
   sum.phase_seconds.emplace_back("TOTAL", clock.phase_timer("TOTAL", -1, out.screen(), out.log()));
@@ -364,7 +373,10 @@ int run_command_line(int argc, char** argv, std::FILE* screen, const run_options
     const stop s = options.group ? options.group->settle(own) : own;
     out.deliver(s);
     status = s.status;
-    if (options.summary) options.summary->report = report_text(s);
+    if (options.summary) {
+      options.summary->report = report_text(s);
+      options.summary->stop_kind = stop_kind_name(s.kind);
+    }
   };
   try {
     const bool leads = options.group ? options.group->leads() : true;
@@ -374,10 +386,11 @@ int run_command_line(int argc, char** argv, std::FILE* screen, const run_options
     deliver(s);
   } catch (const std::bad_alloc&) {
     // Before the pipeline, or while a stop was being made.
-    stop s;
-    s.screen_lines = {"", "ERROR: not enough memory for this run.", ""};
-    s.log_lines = s.screen_lines;
-    deliver(s);
+    try {
+      alloc_report();
+    } catch (const stop& s) {
+      deliver(s);
+    }
   }
   out.close_log();
   if (screen) std::fflush(screen);

@@ -18,6 +18,7 @@ class row_engine;
 struct run_summary {
   int status = 0;         // the exit status the program would give
   std::string report;     // a stop's report (screen lines, error text); empty after a complete run
+  std::string stop_kind;  // the stop's kind (stop_kind_name); empty after a complete run
   bool complete = false;  // every output written
   int32_t ndata = 0, nsurface = 0, nborehole = 0;
   int64_t ncells = 0;   // nx * ny * nz

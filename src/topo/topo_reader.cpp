@@ -24,13 +24,13 @@ topo_points read_topo_file(const std::string& file_name) {
   std::string line;
   for (;;) {
     if (read_line(f, line, count_width) != 0) {
-      stop_report({"", "ERROR reading topography file " + name + ": no count line"});
+      stop_reading({"", "ERROR reading topography file " + name + ": no count line"});
     }
     if (line.empty() || line[0] != '!') break;
   }
   int32_t count = 0;
   if (ff_read_text(line, {count}) != 0) {
-    stop_report(
+    stop_reading(
         {"", "ERROR reading topography file " + name + ": no number of points on its count line"});
   }
 
@@ -38,7 +38,7 @@ topo_points read_topo_file(const std::string& file_name) {
   for (int32_t i = 1; i <= count; ++i) {
     double east = 0.0, north = 0.0, elev = 0.0;
     if (ff_read(f, {east, north, elev}) != 0) {
-      stop_report({"", "ERROR reading topography file " + name});
+      stop_reading({"", "ERROR reading topography file " + name});
     }
     p.east.push_back(east);
     p.north.push_back(north);

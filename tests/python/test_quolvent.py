@@ -1,9 +1,11 @@
-"""The Python module against the program: runs in this process against the
-command line, matrix files against a reader of the tests' own, and the
-matrix products against the dense matrix."""
+"""The Python module against the program: runs in this process and surveys
+made from arrays against the command line, matrix files against a reader of
+the tests' own, the matrix products against the dense matrix, and an
+inversion against the model it started from."""
 
 import os
 import re
+import runpy
 import shutil
 import signal
 import struct
@@ -55,11 +57,12 @@ def runs(tmp_path_factory):
 
 def test_summary_and_attributes(runs):
     d, s, m = runs["comp"]
-    assert (s["ndata"], s["nsurface"], s["nborehole"], s["nbelow"], s["ncells"]) == (403, 400, 3, 9589, 13500)
+    assert (s.ndata, s.nsurface, s.nborehole, s.nbelow, s.ncells) == (403, 400, 3, 9589, 13500)
+    assert dict(s) == s.as_dict() and dict(s)["rows_measured"] == s.rows_measured == 13
     log = open(d / "quolvent.log").read()
-    assert f"{s['nnz']:10d}" in log
-    assert f"{s['compression_ratio']:.4E}" in log and f"{s['achieved_error']:.4E}" in log
-    assert set(s["times"]) == {"init", "sens", "uncompress", "TOTAL"}
+    assert f"{s.nnz:10d}" in log and f"{s.row_bound_max:.4E}" in log
+    assert f"{s.compression_ratio:.4E}" in log and f"{s.achieved_error:.4E}" in log
+    assert set(s.times) == {"init", "sens", "uncompress", "TOTAL"}
 
     recs = records(d / "dulmarok.mtx")
     ndata, n, ny, nx, nz = struct.unpack("<5i", recs[0])
@@ -70,9 +73,9 @@ def test_summary_and_attributes(runs):
     assert np.array_equal(m.top_index, np.frombuffer(recs[2], "<i4").reshape(nx, ny).T)
     assert np.array_equal(m.weights, np.full(n, 2.0))
     assert np.array_equal(m.squared_sensitivity, np.frombuffer(recs[-1], "<f8"))
-    assert (m.compressed, m.wavelet, m.nnz, s["wavelet"]) == (True, "daub2", s["nnz"], "daub2")
+    assert (m.compressed, m.wavelet, m.nnz, s.wavelet) == (True, "daub2", s.nnz, "daub2")
     _, sf, mf = runs["full"]
-    assert (mf.compressed, mf.wavelet, mf.nnz, sf["nnz"]) == (False, "NONE", n * ndata, n * ndata)
+    assert (mf.compressed, mf.wavelet, mf.nnz, sf.nnz) == (False, "NONE", n * ndata, n * ndata)
 
 
 def test_rows_against_the_file_and_the_program_averages(runs):
@@ -101,33 +104,46 @@ def test_products_against_the_dense_matrix(runs, name):
     m, rng = runs[name][2], np.random.default_rng(3)
     model, v = rng.random(m.ncells), rng.standard_normal(m.ndata)
     dense = m.dense().astype(np.float64)
-    assert dense.shape == (m.ndata, m.ncells) and m.dense().dtype == np.float32
-    d, g = m.dot(model), m.rdot(v)
+    assert dense.shape == m.shape == (m.ndata, m.ncells) and m.dense().dtype == np.float32
+    d, g = m @ model, m.T @ v
     np.testing.assert_allclose(d, dense @ model, rtol=1e-6, atol=1e-6 * np.abs(d).max())
     np.testing.assert_allclose(g, dense.T @ v, rtol=1e-6, atol=1e-6 * np.abs(g).max())
     assert abs(v @ d - g @ model) <= 1e-10 * abs(v @ d)
+    np.testing.assert_array_equal(v @ m, g)
+    # A block of 9 columns (one group of eight and a remainder) against the
+    # single products, column by column.
+    models, vs = rng.random((m.ncells, 9)), rng.standard_normal((m.ndata, 9))
+    block, rblock = m @ models, m.T @ vs
+    assert block.shape == (m.ndata, 9) and rblock.shape == (m.ncells, 9)
+    for j in range(9):
+        np.testing.assert_allclose(block[:, j], m @ models[:, j], rtol=1e-12,
+                                   atol=1e-12 * np.abs(block[:, j]).max())
+        np.testing.assert_allclose(rblock[:, j], m.T @ vs[:, j], rtol=1e-12,
+                                   atol=1e-12 * np.abs(rblock[:, j]).max())
     with pytest.raises(ValueError):
-        m.dot(model[:-1])
+        m @ model[:-1]
+    with pytest.raises(ValueError):
+        m.T @ models
 
 
-def test_runs_in_this_process_write_what_the_program_writes(tmp_path):
-    # A stop ends the run, not the process; the next run writes what the program writes.
+def test_stops_carry_the_report_of_the_screen_and_a_kind(tmp_path):
+    # A stop ends the run, not the process (the runs of the other tests go
+    # on in it), with the words of the screen and a kind.
     (tmp_path / "bad.inp").write_text(control("daub9", diag=0))
-    with pytest.raises(quolvent.Stop, match=r"ERROR: Invalid daub compression.  daub\[1-6\]"):
+    with pytest.raises(quolvent.Stop, match=r"ERROR: Invalid daub compression.  daub\[1-6\]") as e:
         quolvent.run(str(tmp_path / "bad.inp"), outdir=str(tmp_path / "bad"))
+    assert e.value.kind == "input" and not isinstance(e.value, quolvent.FileError)
     assert "Invalid daub compression" in open(tmp_path / "bad" / "quolvent.log").read()
-    (tmp_path / "run.inp").write_text(control("daub3", diag=1))
-    here, there = tmp_path / "here", tmp_path / "there"
-    there.mkdir()
-    quolvent.run(str(tmp_path / "run.inp"), threads=2, outdir=str(here))
-    subprocess.run([EXE, str(tmp_path / "run.inp"), "2"], cwd=there, check=True,
-                   stdout=subprocess.DEVNULL)
-    assert sorted(os.listdir(here)) == sorted(os.listdir(there))
-    for f in os.listdir(here):
-        a, b = open(here / f, "rb").read(), open(there / f, "rb").read()
-        if f == "quolvent.log":
-            a, b = timeless(a.decode()), timeless(b.decode())
-        assert a == b, f
+    (tmp_path / "short.inp").write_text("".join(control("daub2").splitlines(True)[:6]))
+    screen = subprocess.run([EXE, str(tmp_path / "short.inp")], cwd=tmp_path, check=True,
+                            capture_output=True, text=True).stdout
+    with pytest.raises(quolvent.FileError) as e:
+        quolvent.run(str(tmp_path / "short.inp"), outdir=str(tmp_path / "short"))
+    assert (e.value.kind, str(e.value)) == ("file", screen[screen.index("ERROR"):])
+    assert "ERROR reading sensitivity input file " + str(tmp_path / "short.inp") in str(e.value)
+    with pytest.raises(quolvent.Stop, match="ERROR: mesh file not found: nowhere") as e:
+        quolvent.Mesh.read("nowhere")
+    assert isinstance(e.value, quolvent.FileError) and e.value.kind == "file"
 
 
 def test_hand_made_file_and_format_errors(tmp_path):
@@ -159,6 +175,8 @@ def test_hand_made_file_and_format_errors(tmp_path):
         (tmp_path / "bad.mtx").write_bytes(bad)
         with pytest.raises(quolvent.FormatError, match=record):
             quolvent.read_matrix(tmp_path / "bad.mtx")
+    with pytest.raises(quolvent.FileError, match="not found"):
+        quolvent.read_matrix(tmp_path / "none.mtx")
 
 
 def test_pictures_show_the_models_slices(tmp_path, monkeypatch, capsys):
@@ -195,6 +213,16 @@ def test_pictures_show_the_models_slices(tmp_path, monkeypatch, capsys):
         want[want == 0] = np.nan
         assert np.array_equal(values.reshape(want.shape), want, equal_nan=True), title
         assert np.array_equal(nodes[0, :, 0], 10 * np.arange(want.shape[1] + 1)), title
+    # Any model on the same slices: the values drawn are the model's grid, the unit on the bar.
+    m, values = quolvent.read_matrix(tmp_path / "out" / "dulmarok.mtx"), np.arange(1.0, 106.0)
+    figures.clear()
+    plot.draw_model(m, values, str(tmp_path / "model.png"))
+    shown = [(a, q) for a in figures[0].axes for q in a.collections
+             if a.get_title().startswith("depth") and isinstance(q, matplotlib.collections.QuadMesh)]
+    assert len(shown) == nz and "(SI susceptibility)" in [a.get_ylabel() for a in figures[0].axes]
+    for a, q in shown:
+        k = int(float(a.get_title().split()[1]) / 5)
+        assert np.array_equal(np.ma.filled(q.get_array(), np.nan).reshape(ny, nx), m.to_grid(values)[k])
     # Data files that the run of the log did not write: not drawn, and said so.
     stale = shutil.copytree(tmp_path / "out", tmp_path / "stale")
     log = (stale / "quolvent.log").read_text()
@@ -228,3 +256,62 @@ def test_second_run_in_a_folder_stops_at_once(tmp_path):
     finally:
         os.kill(first.pid, signal.SIGCONT)
     assert first.wait() == 0
+
+
+def example_survey():
+    """The bundled example as arrays: its mesh file, its topography and data
+    points read here, a weighting per cell."""
+    mesh = quolvent.Mesh.read(os.path.join(EXAMPLES, "mesh.txt"))
+
+    def rows(name):
+        lines = [ln.split("!")[0].split() for ln in open(os.path.join(EXAMPLES, name))
+                 if not ln.startswith("!") and ln.strip()]
+        return lines
+
+    topo = np.array(rows("topo.txt")[1:], dtype=float)
+    obs = rows("obs.mag")
+    points = np.array([ln[:3] for ln in obs[3:]], dtype=float)
+    return quolvent.Survey(mesh, points, field=[float(v) for v in obs[0]], topography=topo,
+                           weights=np.full(mesh.ncells, 2.0))
+
+
+def test_survey_from_arrays_against_the_files_and_the_command_line(runs, tmp_path):
+    # The same numbers as the bundled files give the same matrix as a run on
+    # those files; the files written run on the command line to the same bytes.
+    survey = example_survey()
+    m, s = survey.compute(tmp_path / "arrays", wavelet="daub2", threads=2, diagnostics=True)
+    d, s_files, m_files = runs["comp"]
+    for f in ("dulmarok.mtx", "sensitivity.txt", "sensitivity_compressed.txt"):
+        assert open(tmp_path / "arrays" / f, "rb").read() == open(d / f, "rb").read(), f
+    assert np.array_equal(survey.top_index, m.top_index)
+    assert len(survey.cell_centres) == m.ncells and survey.below.sum() == s.nbelow
+    assert np.array_equal(survey.cell_centres, m.cell_centres)
+    subprocess.run([EXE, str(tmp_path / "arrays" / "quolvent.inp"), "2"], cwd=tmp_path, check=True,
+                   stdout=subprocess.DEVNULL)
+    for f in os.listdir(tmp_path / "arrays"):
+        if f.endswith((".txt", ".mtx", ".log")) and f not in ("mesh.txt", "topo.txt", "weights.txt"):
+            a, b = open(tmp_path / "arrays" / f, "rb").read(), open(tmp_path / f, "rb").read()
+            if f == "quolvent.log":
+                a, b = timeless(a.decode()), timeless(b.decode())
+            assert a == b, f
+    # A temporary folder, a component measured per datum: the run sees them.
+    one = quolvent.Survey(survey.mesh, survey.points[:4], field=(75, 25, 50000),
+                          direction=[[90, 0]] * 4, weights=survey.weights)
+    m1, s1 = one.compute(wavelet="NONE")
+    assert s1.nsurface == 4 and not m1.compressed and np.all(m1.weights == 2.0)
+
+
+def test_inversion_example_finds_the_block(tmp_path):
+    # The example at a smaller size: the cells of the recovered model above
+    # 70 % of its largest value centre within a cell of the block's centre,
+    # and lie over the block's plan widened by one cell.
+    example = runpy.run_path(os.path.join(EXAMPLES, "invert_block.py"))
+    survey, m, _, true, recovered = example["main"](str(tmp_path / "inv.png"), n=16, nz=8)
+    assert open(tmp_path / "inv.png", "rb").read(8) == b"\x89PNG\r\n\x1a\n"
+    c, block = survey.cell_centres, true > 0
+    strong = recovered > 0.7 * recovered.max()
+    centre = (c[strong] * recovered[strong, None]).sum(0) / recovered[strong].sum()
+    assert np.all(np.abs(centre - c[block].mean(0)) < 50.0)
+    lo, hi = c[block].min(0) - 50.0, c[block].max(0) + 50.0
+    assert np.all((c[strong, :2] >= lo[:2]) & (c[strong, :2] <= hi[:2]))
+    assert np.mean(block[strong]) > 0.4

@@ -45,6 +45,7 @@ void put_text(std::vector<char>& b, const std::string& t) {
 std::vector<char> pack(const stop& s) {
   std::vector<char> b;
   put_text(b, std::to_string(s.status));
+  put_text(b, std::to_string(static_cast<int>(s.kind)));
   put_text(b, s.error_text);
   put_text(b, std::to_string(s.screen_lines.size()));
   for (const auto& l : s.screen_lines) put_text(b, l);
@@ -67,6 +68,7 @@ stop unpack(const std::vector<char>& b) {
   };
   stop s;
   s.status = std::stoi(text());
+  s.kind = static_cast<stop_kind>(std::stoi(text()));
   s.error_text = text();
   for (long n = std::stol(text()); n > 0; --n) s.screen_lines.push_back(text());
   for (long n = std::stol(text()); n > 0; --n) s.log_lines.push_back(text());
