@@ -9,6 +9,7 @@
 #include "base/channels.hpp"
 #include "base/format.hpp"
 #include "base/stop.hpp"
+#include "base/stop_latch.hpp"
 #include "output/output_file.hpp"
 
 namespace quolvent {
@@ -28,25 +29,53 @@ void write_sensitivity_model(const std::vector<double>& values, const mesh_model
                              0),
                     nz);
   };
-  std::size_t below = 0;
-  for (int32_t iy = 1; iy <= ny; ++iy)
-    for (int32_t ix = 1; ix <= nx; ++ix) below += static_cast<std::size_t>(nz - column_top(iy, ix));
-  if (values.size() < below) stop_text("size(values) /= cells below the ground");
+  // The place of each column's first value (columns iy outermost).
+  std::vector<std::size_t> first_value(static_cast<std::size_t>(ny) * nx + 1, 0);
+  for (int32_t iy = 1, c = 0; iy <= ny; ++iy)
+    for (int32_t ix = 1; ix <= nx; ++ix, ++c)
+      first_value[c + 1] = first_value[c] + static_cast<std::size_t>(nz - column_top(iy, ix));
+  if (values.size() < first_value.back()) stop_text("size(values) /= cells below the ground");
 
+  // The lines are made by every thread, a piece of whole columns each, and
+  // written in order: the file is the same bytes for any number of threads.
   const std::string air = fmt_sci(1e-20, 8, 1);
-  std::size_t next = 0;
-  for (int32_t iy = 1; iy <= ny; ++iy)
-    for (int32_t ix = 1; ix <= nx; ++ix) {
-      const int32_t t = column_top(iy, ix);
-      for (int32_t iz = 1; iz <= t; ++iz) file.line(air);
-      for (int32_t iz = t + 1; iz <= nz; ++iz) {
-        const double volume = mesh.dz[iz - 1] * (mesh.dx[ix - 1] * mesh.dy[iy - 1]);
-        double v = values[next++] / volume;
-        // A cell of no volume has no density to show; 0 rather than Inf or NaN.
-        if (!std::isfinite(v)) v = 0.0;
-        file.line(fmt_sci(v, 12, 5));
-      }
+  const auto column_lines = [&](int32_t c, std::string& text) {
+    const int32_t iy = c / nx + 1, ix = c % nx + 1;
+    const int32_t t = column_top(iy, ix);
+    for (int32_t iz = 1; iz <= t; ++iz) text.append(air).push_back('\n');
+    std::size_t next = first_value[static_cast<std::size_t>(c)];
+    for (int32_t iz = t + 1; iz <= nz; ++iz) {
+      const double volume = mesh.dz[iz - 1] * (mesh.dx[ix - 1] * mesh.dy[iy - 1]);
+      double v = values[next++] / volume;
+      // A cell of no volume has no density to show; 0 rather than Inf or NaN.
+      if (!std::isfinite(v)) v = 0.0;
+      text.append(fmt_sci(v, 12, 5)).push_back('\n');
     }
+  };
+  constexpr int32_t piece_lines = 1 << 14, round_pieces = 64;
+  const int32_t columns = ny * nx;
+  const int32_t piece_columns = std::max(1, piece_lines / std::max(nz, 1));
+  const int32_t pieces = columns == 0 ? 0 : (columns - 1) / piece_columns + 1;
+
+  std::vector<std::string> texts(static_cast<std::size_t>(std::min(pieces, round_pieces)));
+  for (int32_t first = 0; first < pieces; first += round_pieces) {
+    const int32_t count = std::min(round_pieces, pieces - first);
+    stop_latch latch;
+#pragma omp parallel for schedule(dynamic, 1)
+    for (int32_t k = 0; k < count; ++k) {
+      latch.run([&] {
+        std::string& text = texts[static_cast<std::size_t>(k)];
+        text.clear();
+        const int32_t c0 = (first + k) * piece_columns, c1 = std::min(columns, c0 + piece_columns);
+        for (int32_t c = c0; c < c1; ++c) column_lines(c, text);
+      });
+    }
+    latch.rethrow();
+    for (int32_t k = 0; k < count; ++k) {
+      const std::string& text = texts[static_cast<std::size_t>(k)];
+      file.write(text.data(), text.size());
+    }
+  }
   file.finish();
 }
 

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <cstring>
 #include <cstdlib>
 #include <string>
 
@@ -39,6 +40,32 @@ void need(const std::vector<T, A>& v, int64_t count, const char* text) {
 }
 
 std::size_t count_of(int64_t c) { return static_cast<std::size_t>(c > 0 ? c : 0); }
+
+// positioned_out: records written at the file's places from `at` on.
+class positioned_out : public record_out {
+ public:
+  positioned_out(const output_part& f, int64_t at) : f_(f), at_(at) {}
+  void write(const void* p, std::size_t bytes) override {
+    f_.write_at(at_, p, bytes);
+    at_ += static_cast<int64_t>(bytes);
+  }
+
+ private:
+  const output_part& f_;
+  int64_t at_;
+};
+
+// buffered_out: records gathered in memory, to go to the file in one write.
+class buffered_out : public record_out {
+ public:
+  void write(const void* p, std::size_t bytes) override {
+    bytes_.insert(bytes_.end(), static_cast<const char*>(p), static_cast<const char*>(p) + bytes);
+  }
+  const std::vector<char>& bytes() const { return bytes_; }
+
+ private:
+  std::vector<char> bytes_;
+};
 
 }  // namespace
 
@@ -150,12 +177,16 @@ void write_matrix_tail(record_out& f, const survey& s,
   write_record(f, {{squared_sensitivity.data(), 8 * count_of(s.n)}}, record_limit);
 }
 
-void write_matrix(output_file& f, const survey& s, const compression& c,
-                  matrix_store& store, int32_t flag, const std::vector<double>& squared_sensitivity,
-                  const run_log& out, int64_t record_limit) {
+void say_writing_matrix(const run_log& out) {
   out.say_screen("");
   out.say_screen("Writing out the matrix.");
   out.say_screen("");
+}
+
+void write_matrix(output_file& f, const survey& s, const compression& c,
+                  matrix_store& store, int32_t flag, const std::vector<double>& squared_sensitivity,
+                  const run_log& out, int64_t record_limit) {
+  say_writing_matrix(out);
 
   const row_range rows = all_rows(s.obs.ndata);
   check_matrix_arrays(s, c, store, rows, &squared_sensitivity);
@@ -168,6 +199,65 @@ void write_matrix(output_file& f, const survey& s, const compression& c,
 
   // A checkpoint after the sync, which can take a while for a large file.
   f.finish();
+  out.check_interrupt();
+}
+
+streamed_matrix::streamed_matrix(output_file& whole, const survey& s, const compression& c,
+                                 int64_t record_limit)
+    : s_(s), c_(c), limit_(record_limit), whole_(&whole), temporary_(whole.temporary()) {
+  head_bytes_ = matrix_head_bytes(s, c, limit_);
+  row_bytes_ = framed_bytes(uncompressed_row_payload(s.n), limit_);
+  part_.emplace(whole.name(), temporary_);
+}
+
+streamed_matrix::streamed_matrix(const std::string& path, const std::string& temporary,
+                                 const survey& s, const compression& c, int64_t record_limit)
+    : s_(s), c_(c), limit_(record_limit), temporary_(temporary) {
+  head_bytes_ = matrix_head_bytes(s, c, limit_);
+  row_bytes_ = framed_bytes(uncompressed_row_payload(s.n), limit_);
+  part_.emplace(path, temporary_);
+}
+
+std::vector<float> streamed_matrix::row_buffer() const {
+  return std::vector<float>(count_of(s_.n) + 2);
+}
+
+void streamed_matrix::write_head(int32_t flag) const {
+  check_matrix_arrays(s_, c_, matrix_store{}, row_range{}, nullptr);
+  buffered_out head;
+  write_matrix_head(head, s_, c_, flag, limit_);
+  part_->write_at(0, head.bytes().data(), head.bytes().size());
+}
+
+void streamed_matrix::write_row(std::vector<float>& buffer, int32_t datum) const {
+  const int64_t payload = uncompressed_row_payload(s_.n);
+  const int64_t at = head_bytes_ + int64_t{datum} * row_bytes_;
+  if (buffer.size() != count_of(s_.n) + 2) stop_text("size(row buffer) /= n + 2");
+  if (payload <= limit_) {
+    // One frame: the markers around the values, one write.
+    const int32_t marker = static_cast<int32_t>(payload);
+    std::memcpy(buffer.data(), &marker, 4);
+    std::memcpy(buffer.data() + buffer.size() - 1, &marker, 4);
+    part_->write_at(at, buffer.data(), static_cast<std::size_t>(row_bytes_));
+  } else {
+    positioned_out to(*part_, at);
+    write_record(to, {{row_values(buffer), static_cast<std::size_t>(payload)}}, limit_);
+  }
+  part_->start_writeback(at, row_bytes_);
+}
+
+void streamed_matrix::write_tail(const std::vector<double>& squared_sensitivity) const {
+  need(squared_sensitivity, s_.n, "size(squared_sensitivity) /= n");
+  positioned_out to(*part_, head_bytes_ + int64_t{s_.obs.ndata > 0 ? s_.obs.ndata : 0} * row_bytes_);
+  write_matrix_tail(to, s_, squared_sensitivity, limit_);
+}
+
+void streamed_matrix::finish_part() { part_->finish(); }
+
+void streamed_matrix::close(const run_log& out) {
+  // A checkpoint after the sync, which can take a while for a large file;
+  // the run's set puts the file in place.
+  whole_->finish();
   out.check_interrupt();
 }
 

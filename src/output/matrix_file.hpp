@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -63,6 +64,10 @@ void write_matrix(output_file& f, const survey& s, const compression& c,
                   matrix_store& store, int32_t flag, const std::vector<double>& squared_sensitivity,
                   const run_log& out, int64_t record_limit = subrecord_limit);
 
+// say_writing_matrix: "Writing out the matrix." between empty lines on the
+// screen, as the file's last records are written.
+void say_writing_matrix(const run_log& out);
+
 // The three parts of the matrix file, for a file that several processes
 // write, each its rows. Fails: as write_matrix.
 //   check_matrix_arrays: the arrays hold what their counts say, for a store
@@ -82,6 +87,53 @@ void write_matrix_rows(record_out& f, const survey& s, const compression& c,
 void write_matrix_tail(record_out& f, const survey& s,
                        const std::vector<double>& squared_sensitivity,
                        int64_t record_limit = subrecord_limit);
+
+// streamed_matrix: an uncompressed matrix file whose row records are put in
+// place while the rows are made. Every record's place is known before the
+// first row (the head, then framed rows of n values), so the threads of each
+// process write their rows at their places in the temporary file, and the
+// matrix is never held whole. The first process (or the only one) has the
+// file (an output_file) and writes records 1 to 6 and the last; the others
+// join it by its temporary name.
+class streamed_matrix {
+ public:
+  // Over whole, the matrix file's output (opened, empty), whose temporary
+  // file it writes. Fails: cannot_write.
+  streamed_matrix(output_file& whole, const survey& s, const compression& c,
+                  int64_t record_limit = subrecord_limit);
+  // Joins the temporary file `temporary` another process made for path.
+  // Fails: cannot_write.
+  streamed_matrix(const std::string& path, const std::string& temporary, const survey& s,
+                  const compression& c, int64_t record_limit = subrecord_limit);
+  streamed_matrix(const streamed_matrix&) = delete;
+  streamed_matrix& operator=(const streamed_matrix&) = delete;
+
+  const std::string& temporary() const { return temporary_; }
+
+  // row_buffer: a buffer for one row, with room for its frame's markers;
+  // row_values: where the row's n values go in it.
+  std::vector<float> row_buffer() const;
+  static float* row_values(std::vector<float>& buffer) { return buffer.data() + 1; }
+  // Each: the record at its place. write_row from any thread at once.
+  // Fails: a write that fails: cannot_write.
+  void write_head(int32_t flag) const;
+  void write_row(std::vector<float>& buffer, int32_t datum) const;
+  void write_tail(const std::vector<double>& squared_sensitivity) const;
+  // finish_part: this process's writes on the device, its handle closed.
+  void finish_part();
+  // close: on the process that made the file, after every process's
+  // finish_part: the file finished, then an interrupt checkpoint; the run's
+  // output set puts it in place.
+  void close(const run_log& out);
+
+ private:
+  const survey& s_;
+  const compression& c_;
+  int64_t limit_, head_bytes_, row_bytes_;
+  output_file* whole_ = nullptr;
+  std::string temporary_;
+  std::optional<output_part> part_;
+};
 
 // matrix_head_bytes: the bytes of records 1 to 6 in the file.
 int64_t matrix_head_bytes(const survey& s, const compression& c, int64_t limit = subrecord_limit);

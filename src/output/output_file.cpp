@@ -123,4 +123,45 @@ void output_file::probe(const std::string& name) {
   ::unlink(temp.c_str());
 }
 
+output_part::output_part(const std::string& name, const std::string& temporary) : name_(name) {
+  fd_ = ::open(temporary.c_str(), O_WRONLY | O_CLOEXEC);
+  if (fd_ < 0) cannot_write(name_, errno);
+}
+
+output_part::~output_part() {
+  if (fd_ >= 0) ::close(fd_);
+}
+
+void output_part::write_at(int64_t offset, const void* p, std::size_t bytes) const {
+  const char* from = static_cast<const char*>(p);
+  while (bytes > 0) {
+    const ssize_t done = ::pwrite(fd_, from, bytes, static_cast<off_t>(offset));
+    if (done < 0 && errno == EINTR) continue;
+    // A write that takes nothing is a full disk.
+    if (done <= 0) cannot_write(name_, done < 0 ? errno : ENOSPC);
+    from += done;
+    offset += done;
+    bytes -= static_cast<std::size_t>(done);
+  }
+}
+
+void output_part::start_writeback(int64_t offset, int64_t bytes) const {
+#ifdef __linux__
+  ::sync_file_range(fd_, static_cast<off_t>(offset), static_cast<off_t>(bytes),
+                    SYNC_FILE_RANGE_WRITE);
+#else
+  (void)offset;
+  (void)bytes;
+#endif
+}
+
+void output_part::finish() {
+  const int fd = fd_;
+  fd_ = -1;
+  int err = 0;
+  if (::fsync(fd) != 0) err = errno;
+  if (::close(fd) != 0 && err == 0) err = errno;
+  if (err != 0) cannot_write(name_, err);
+}
+
 }  // namespace quolvent

@@ -7,6 +7,7 @@
 // (output/run_folder).
 #pragma once
 
+#include <cstdint>
 #include <cstdio>
 #include <string>
 #include <string_view>
@@ -64,6 +65,35 @@ class output_file {
   std::FILE* f_ = nullptr;
   bool synced_ = false;
   [[noreturn]] void fail(int err);
+};
+
+// output_part: a handle of an output_file's temporary file for writers
+// that put bytes at known places, from any thread, while the file is being
+// made: every thread of a process, or another process of the run that opens
+// the file by its temporary name. The output_file puts the file in place (or
+// removes it); a part only writes.
+class output_part {
+ public:
+  // Opens `temporary`, the temporary file of the output `name`, for writing.
+  // Fails: cannot_write(name, reason).
+  output_part(const std::string& name, const std::string& temporary);
+  output_part(const output_part&) = delete;
+  output_part& operator=(const output_part&) = delete;
+  ~output_part();
+
+  // write_at: bytes from p at offset. From any thread at once, at places
+  // that don't overlap. Fails: cannot_write(name, reason); the file is left
+  // to its output_file.
+  void write_at(int64_t offset, const void* p, std::size_t bytes) const;
+  // start_writeback: the device starts on these bytes now, without a wait,
+  // so that the final sync finds little left to do.
+  void start_writeback(int64_t offset, int64_t bytes) const;
+  // finish: every byte on the device, the handle closed. Fails: cannot_write.
+  void finish();
+
+ private:
+  std::string name_;
+  int fd_ = -1;
 };
 
 }  // namespace quolvent

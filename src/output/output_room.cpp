@@ -67,28 +67,18 @@ void check_output_room(const survey& s, const compression& c, const std::string&
   const bool file_short = free_bytes >= 0 && file_bytes > free_bytes;
 
   if (!c.compressed) {
-    const int64_t matrix_bytes =
-        mul_sizes(uncompressed_row_payload(s.n), held);
-    const bool memory_short = memory >= 0 && matrix_bytes > memory;
-    if (!file_short && !memory_short) return;
+    // The rows go to the file as they are made: the disk alone must hold
+    // the matrix.
+    if (!file_short) return;
     stop st;
     st.screen_lines.push_back("");
-    if (file_short) {
-      st.screen_lines.push_back("ERROR: " + matrix_name + " needs " + bytes_text(file_bytes) + ",");
-      st.screen_lines.push_back("       but its file system has " + bytes_text(free_bytes) +
-                                " free.");
-    }
-    if (memory_short) {
-      st.screen_lines.push_back("ERROR: the uncompressed matrix needs " +
-                                bytes_text(matrix_bytes) + " of memory,");
-      st.screen_lines.push_back("       but the system has " + bytes_text(memory) +
-                                " available.");
-    }
+    st.screen_lines.push_back("ERROR: " + matrix_name + " needs " + bytes_text(file_bytes) + ",");
+    st.screen_lines.push_back("       but its file system has " + bytes_text(free_bytes) + " free.");
     st.screen_lines.push_back("Try using compression. The run is stopped before its first row.");
     st.screen_lines.push_back("");
     st.log_lines = st.screen_lines;
-    st.status = file_short ? 1 : 0;
-    st.kind = file_short ? stop_kind::output : stop_kind::memory;
+    st.status = 1;
+    st.kind = stop_kind::output;
     throw st;
   }
 

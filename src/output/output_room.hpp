@@ -28,11 +28,10 @@ int64_t predicted_matrix_bytes(const survey& s, const compression& c);
 //   and log where that file would not fit in the free space of its file
 //   system or its rows in the memory the system has available.
 // Fails: no file can be made in the matrix file's directory: cannot_write.
-//   An uncompressed run whose matrix file does not fit in the free space, or
-//   whose matrix (n x the rows held, 32-bit floats) does not fit in the
-//   available memory: a report of what it needs and what there is, then a stop, with
-//   exit status 1 when the file does not fit (an output that can't be
-//   written) and 0 when only the memory is short (as every allocation stop).
+//   An uncompressed run whose matrix file does not fit in the free space (its
+//   rows go to the file as they are made and need no memory of their own):
+//   a report of what it needs and what there is, then a stop with exit
+//   status 1 (an output that can't be written).
 void check_output_room(const survey& s, const compression& c, const std::string& matrix_name,
                        const run_log& out, int32_t rows_held = -1);
 

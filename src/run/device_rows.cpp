@@ -15,7 +15,7 @@ namespace quolvent {
 
 namespace {
 
-constexpr int64_t group = sum_group_rows;
+constexpr int64_t group = largest_sum_group;
 constexpr double gib = 1073741824.0;
 
 int64_t round_up_to_group(int64_t rows) { return (rows + group - 1) / group * group; }
@@ -25,7 +25,8 @@ int64_t round_up_to_group(int64_t rows) { return (rows + group - 1) / group * gr
 int64_t device_row_bytes(const device_needs& need) {
   // Node values, the row, the per-row figures (flags, counts, test datum,
   // bound) and its share of a group's two sums.
-  int64_t bytes = 24 * need.nodes + 8 * need.n + 64 + (16 * need.n + group - 1) / group;
+  int64_t bytes = 24 * need.nodes + 8 * need.n + 64 +
+                  (16 * need.n + smallest_sum_group - 1) / smallest_sum_group;
   // The cube, its work lines, the packed coefficients in the row's own
   // place and once more gathered one row after another.
   if (need.cube > 0) bytes += 32 * need.cube;

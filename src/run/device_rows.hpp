@@ -30,8 +30,9 @@ struct device_needs {
 // device_row_bytes: the device memory one row of a batch holds.
 int64_t device_row_bytes(const device_needs& need);
 
-// batch_plan: rows per batch (a whole number of sum_group_rows, so that each
-// group's sums are made by one batch in datum order) and the batches of a
+// batch_plan: rows per batch (a whole number of largest_sum_group, so that
+// each group's sums are made by one batch in datum order, whatever the
+// survey's group size) and the batches of a
 // loop's rows; bytes, the device memory the plan holds (two batches in
 // flight, one computing while the other's results come back).
 struct batch_plan {

@@ -15,10 +15,11 @@ namespace {
 constexpr double test_model_value = 0.01;
 
 // compress_part: one thread's cube, line buffers and count of kept
-// coefficients.
+// coefficients; or its buffer of a row on its way to the file.
 struct compress_part : row_sink::thread_part {
   compress_workspace ws;
   int64_t nnz = 0;
+  std::vector<float> row;
 };
 
 }  // namespace
@@ -32,7 +33,7 @@ void store_sink::begin(int32_t n, int32_t ndata, const char* alloc_name) {
   if (rows_.first < 0 || rows_.last > ndata) stop_text("rows outside the data");
   if (c_.compressed && store_.compressed_rows.size() != held)
     stop_text("size(compressed_rows) /= ndata");
-  if (!c_.compressed && store_.full_rows.size() != len * held)
+  if (!c_.compressed && !file_ && store_.full_rows.size() != len * held)
     stop_text("size(full_rows) /= n * ndata");
   if (c_.compressed && s_.datum_kinds.size() < nd) stop_text("size(datum_kinds) /= ndata");
   nnz_ = 0;
@@ -46,15 +47,22 @@ void store_sink::begin(int32_t n, int32_t ndata, const char* alloc_name) {
 
 double store_sink::test_model() const { return c_.compressed ? test_model_value : 0.0; }
 
-float* store_sink::full_column(int32_t datum) {
+float* store_sink::full_column(thread_part& t, int32_t datum) {
   if (c_.compressed) return nullptr;
+  if (file_) return streamed_matrix::row_values(static_cast<compress_part&>(t).row);
   return store_.full_rows.data() +
          static_cast<std::size_t>(datum - rows_.first) * static_cast<std::size_t>(s_.n);
 }
 
+void store_sink::full_done(thread_part& t, int32_t datum) {
+  if (file_) file_->write_row(static_cast<compress_part&>(t).row, datum);
+}
+
 void store_sink::claim_rows(row_range mine) {
-  if (c_.compressed || mine.count() == 0) return;
-  back_with_pages(full_column(mine.first),
+  if (c_.compressed || file_ || mine.count() == 0) return;
+  back_with_pages(store_.full_rows.data() +
+                      static_cast<std::size_t>(mine.first - rows_.first) *
+                          static_cast<std::size_t>(s_.n),
                   static_cast<std::size_t>(mine.count()) * static_cast<std::size_t>(s_.n) *
                       sizeof(float));
 }
@@ -62,6 +70,13 @@ void store_sink::claim_rows(row_range mine) {
 std::unique_ptr<row_sink::thread_part> store_sink::open_thread() {
   auto part = std::make_unique<compress_part>();
   if (c_.compressed) part->ws = compress_workspace(c_);
+  if (!c_.compressed && file_) {
+    try {
+      part->row = file_->row_buffer();
+    } catch (const std::bad_alloc&) {
+      alloc_failed("kernel g");
+    }
+  }
   return part;
 }
 
@@ -94,6 +109,7 @@ void store_sink::put_record(thread_part& t, int32_t datum, compressed_row&& rec,
 void store_sink::close_thread(thread_part& t) {
   auto& part = static_cast<compress_part&>(t);
   part.ws = compress_workspace();
+  std::vector<float>().swap(part.row);
   std::lock_guard<std::mutex> hold(lock_);
   nnz_ += part.nnz;
 }

@@ -1,5 +1,7 @@
 // store_sink: the row loops' sink over the run's matrix store. Rows kept
-// whole land in full_rows; compressed rows go through compress_row into their
+// whole land in full_rows, or, given a streamed matrix file, straight in
+// their records of the file (each thread's row buffer written out as the
+// row is done); compressed rows go through compress_row into their
 // records, with the datum of the test model from the row before and after
 // compression and the relative error of the stored row (the compression
 // check).
@@ -12,6 +14,7 @@
 
 #include "base/row_range.hpp"
 #include "model/model.hpp"
+#include "output/matrix_file.hpp"
 #include "sens/row_sink.hpp"
 #include "wavelet/compression.hpp"
 
@@ -26,10 +29,15 @@ class store_sink : public row_sink {
       : store_sink(s, c, store, all_rows(s.obs.ndata)) {}
   store_sink(const survey& s, const compression& c, matrix_store& store, row_range rows)
       : s_(s), c_(c), store_(store), rows_(rows) {}
+  // Rows kept whole go to `file` (which outlives the sink) as they are made.
+  store_sink(const survey& s, const compression& c, matrix_store& store, row_range rows,
+             const streamed_matrix* file)
+      : s_(s), c_(c), store_(store), rows_(rows), file_(file) {}
 
   void begin(int32_t n, int32_t ndata, const char* alloc_name) override;
   double test_model() const override;
-  float* full_column(int32_t datum) override;
+  float* full_column(thread_part& t, int32_t datum) override;
+  void full_done(thread_part& t, int32_t datum) override;
   void claim_rows(row_range mine) override;
   std::unique_ptr<thread_part> open_thread() override;
   void put(thread_part& t, int32_t datum, const double* row, double test_datum) override;
@@ -66,6 +74,7 @@ class store_sink : public row_sink {
   const compression& c_;
   matrix_store& store_;
   row_range rows_;
+  const streamed_matrix* file_ = nullptr;
   std::vector<double> test_model_w_, data_full_, data_comp_, row_bound_, row_exact_;
   int64_t nnz_ = 0;
   std::mutex lock_;

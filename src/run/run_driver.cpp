@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <memory>
 #include <new>
 #include <optional>
 #include <omp.h>
@@ -208,10 +209,19 @@ void run_pipeline(const run_params& params, phase_clock& clock, run_log& out,
   sum.threshold_surface = c.threshold_surface;
   sum.threshold_borehole = c.threshold_borehole;
   const row_range rows = group.rows(s.obs.ndata);
-  check_output_room(s, c, output_path(options, "dulmarok.mtx"), out, rows.count());
-  matrix_store store = make_matrix_store(c, s.n, rows.count());
+  const std::string matrix_path = output_path(options, "dulmarok.mtx");
+  check_output_room(s, c, matrix_path, out, rows.count());
+  // Rows kept whole go to the matrix file as they are made; compressed rows
+  // are held in memory (they are small) until it is written.
+  matrix_store store = c.compressed ? make_matrix_store(c, s.n, rows.count()) : matrix_store{};
+  output_file* matrix = nullptr;
+  std::unique_ptr<streamed_matrix> streamed;
+  if (!c.compressed) {
+    if (leads) matrix = &outputs.open(matrix_path, "wb");
+    streamed = group.open_streamed_matrix(matrix, s, c);
+  }
   {
-    store_sink sink(s, c, store, rows);
+    store_sink sink(s, c, store, rows, streamed.get());
     row_sums sums;
     if (options.engine != nullptr) {
       options.engine->make_rows(s, grid, c, sink, rows, sums, out);
@@ -257,8 +267,9 @@ void run_pipeline(const run_params& params, phase_clock& clock, run_log& out,
   if (leads)
     write_sensitivity_model(mean_sensitivity, s.mesh, s.top_index,
                             outputs.open(output_path(options, "sensitivity.txt"), "w"));
-  output_file* matrix = leads ? &outputs.open(output_path(options, "dulmarok.mtx"), "wb") : nullptr;
-  group.write_matrix(matrix, s, c, store, rows, squared_sensitivity, out);
+  if (c.compressed && leads) matrix = &outputs.open(matrix_path, "wb");
+  group.write_matrix(matrix, s, c, store, rows, squared_sensitivity, out, streamed.get());
+  streamed.reset();
   std::vector<double>().swap(squared_sensitivity);
 
   // uncompress: what the compressed rows make of the average sensitivity.

@@ -11,6 +11,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -20,6 +21,7 @@
 #include "base/run_hook.hpp"
 #include "base/stop.hpp"
 #include "model/model.hpp"
+#include "output/matrix_file.hpp"
 #include "output/output_file.hpp"
 #include "wavelet/compression.hpp"
 
@@ -65,14 +67,23 @@ class run_group {
   //   gather_rows: on the first process, v (ndata values) completed with the
   //   values of every process's rows; each process's own at its rows.
   virtual void gather_rows(std::vector<double>& v, row_range rows) = 0;
-  //   write_matrix: the matrix file written (as the function of that name)
-  //   into file, the first process's output (nullptr on the others): records
-  //   1 to 6 and the last by the first process, the rows of each process by
-  //   that process; squared_sensitivity is read on the first process only.
-  //   full_rows freed. The file is finished, waiting to be put in place.
+  //   open_streamed_matrix: before the rows of an uncompressed run, the
+  //   matrix file at path that the rows go to as they are made: its
+  //   temporary file made by the first process, with records 1 to 6, and
+  //   joined by every process.
+  virtual std::unique_ptr<streamed_matrix> open_streamed_matrix(output_file* file,
+                                                                const survey& s,
+                                                                const compression& c) = 0;
+  //   write_matrix: the matrix file written (as the function of that name):
+  //   records 1 to 6 and the last by the first process, the rows of each
+  //   process by that process; squared_sensitivity is read on the first process only.
+  //   full_rows freed. With `streamed` (from open_streamed_matrix), whose
+  //   rows are all in it: the last record, every process's part on the
+  //   device, and the file put in place.
   virtual void write_matrix(output_file* file, const survey& s, const compression& c,
                             matrix_store& store, row_range rows,
-                            const std::vector<double>& squared_sensitivity, const run_log& out) = 0;
+                            const std::vector<double>& squared_sensitivity, const run_log& out,
+                            streamed_matrix* streamed) = 0;
 
   // settle: on every process, after a stop unwound it (s: its stop, or a
   // halt). Returns the stop this process delivers: on the first process the
@@ -95,9 +106,12 @@ class solo_group : public run_group {
   void reduce_sums(exact_sums&) override {}
   int64_t total(int64_t v) override { return v; }
   void gather_rows(std::vector<double>&, row_range) override {}
+  std::unique_ptr<streamed_matrix> open_streamed_matrix(output_file* file, const survey& s,
+                                                        const compression& c) override;
   void write_matrix(output_file* file, const survey& s, const compression& c,
                     matrix_store& store, row_range rows,
-                    const std::vector<double>& squared_sensitivity, const run_log& out) override;
+                    const std::vector<double>& squared_sensitivity, const run_log& out,
+                    streamed_matrix* streamed) override;
   stop settle(const stop& s) override { return s; }
 };
 

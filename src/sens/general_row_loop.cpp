@@ -104,6 +104,7 @@ void general_row_loop(const survey& s, row_sink& sink, row_range rows, row_sums&
   const double test_model = sink.test_model();
 
   row_loop loop(out, ndata, sums);
+  const int32_t group = sum_group_rows(ndata);
   const direction_products master = survey_directions(obs);
   const double length_scale = mesh_length_scale(mesh);
   const double* yn = mesh.yn.data();
@@ -124,7 +125,7 @@ void general_row_loop(const survey& s, row_sink& sink, row_range rows, row_sums&
 
     // Whole groups of rows to each thread, in one block: a group's sums are
     // made in datum order by one thread.
-    const row_range mine = split_rows(rows, omp_get_thread_num(), omp_get_num_threads());
+    const row_range mine = split_rows(rows, omp_get_thread_num(), omp_get_num_threads(), group);
     loop.latch.run([&] { sink.claim_rows(mine); });
     for (int32_t i = mine.first + 1; i <= mine.last; ++i) {
       if (loop.latch.stopped()) continue;
@@ -142,7 +143,7 @@ void general_row_loop(const survey& s, row_sink& sink, row_range rows, row_sums&
         double full = 0.0;
         double* avg = t.avg.data();
         double* sq = t.sq.data();
-        float* col = sink.full_column(i - 1);
+        float* col = sink.full_column(*t.part, i - 1);
         const auto finish = [&](std::size_t begin, std::size_t end) {
           if (test_model != 0.0) {
             for (std::size_t k = begin; k < end; ++k) full += test_model * g[k];
@@ -158,9 +159,12 @@ void general_row_loop(const survey& s, row_sink& sink, row_range rows, row_sums&
           }
         };
         prism_row(ws, obs.geomag, yn, xn, zn, ny, nx, nz, top, i, oy, ox, oz, g, len, out, finish);
-        if (col == nullptr) sink.put(*t.part, i - 1, g, full);
+        if (col == nullptr)
+          sink.put(*t.part, i - 1, g, full);
+        else
+          sink.full_done(*t.part, i - 1);
         loop.progress.row_done();
-        if (ends_group(i - 1, mine)) end_group(loop, t);
+        if (ends_group(i - 1, mine, group)) end_group(loop, t);
       });
     }
     end_thread_rows(loop, sink, t);

@@ -187,6 +187,7 @@ void grid_row_loop(const survey& s, const grid_survey& grid, row_sink& sink, row
 
   // Every row a shifted, weighted sub-block of the cube.
   row_loop loop(out, ndata, sums);
+  const int32_t group = sum_group_rows(ndata);
   const double* cube = gbig.data();
   const double* weights = s.weights.data();
   const std::size_t col_stride = static_cast<std::size_t>(nz);
@@ -199,7 +200,7 @@ void grid_row_loop(const survey& s, const grid_survey& grid, row_sink& sink, row
 
     // Whole groups of rows to each thread, in one block: a group's sums are
     // made in datum order by one thread.
-    const row_range mine = split_rows(rows, omp_get_thread_num(), omp_get_num_threads());
+    const row_range mine = split_rows(rows, omp_get_thread_num(), omp_get_num_threads(), group);
     loop.latch.run([&] { sink.claim_rows(mine); });
     for (int32_t i = mine.first; i < mine.last; ++i) {
       if (loop.latch.stopped()) continue;
@@ -215,7 +216,7 @@ void grid_row_loop(const survey& s, const grid_survey& grid, row_sink& sink, row
 
         // Copy the active cells, weighted, with the sums on the way; a row
         // kept whole goes straight to its place in the store.
-        float* column = sink.full_column(i);
+        float* column = sink.full_column(*t.part, i);
         double* g = t.g.data();
         const grid_copy_in in{cube + base, line_stride, col_stride, top_index.data(),
                               ny,          nx,          nz,         weights};
@@ -229,9 +230,11 @@ void grid_row_loop(const survey& s, const grid_survey& grid, row_sink& sink, row
             for (std::size_t k = 0; k < nn; ++k) full += test_model * (g[k] * weights[k]);
           }
           sink.put(*t.part, i, g, full);
+        } else {
+          sink.full_done(*t.part, i);
         }
         loop.progress.row_done();
-        if (ends_group(i, mine)) end_group(loop, t);
+        if (ends_group(i, mine, group)) end_group(loop, t);
       });
     }
     end_thread_rows(loop, sink, t);

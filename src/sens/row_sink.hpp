@@ -31,16 +31,21 @@ class row_sink {
   virtual double test_model() const = 0;
 
   // full_column: where datum's row (0-based) goes as n 32-bit floats when the
-  // store keeps rows whole, so that a loop may write it there itself;
-  // nullptr when rows go through put.
-  virtual float* full_column(int32_t datum) = 0;
+  // store keeps rows whole, so that a loop may write it there itself, on the
+  // thread of part t; nullptr when rows go through put. The place is the
+  // row's until full_done.
+  virtual float* full_column(thread_part& t, int32_t datum) = 0;
+  // full_done: datum's row at its full_column is complete (the sink may
+  // write it out, and give the place to the next row).
+  virtual void full_done(thread_part&, int32_t) {}
 
   // claim_rows: the rows (0-based data) the calling thread of the region is
   // about to write through full_column, so that their memory is made ready by
   // the thread that writes it. Does nothing by default.
   virtual void claim_rows(row_range) {}
 
-  // open_thread: one thread's part, made inside the parallel region.
+  // open_thread: one thread's part, made inside the parallel region (or by
+  // any producer of rows, one part per thread that hands rows in).
   virtual std::unique_ptr<thread_part> open_thread() = 0;
 
   // put: datum's row (0-based datum; n values, divided by the weighting) and

@@ -3,7 +3,9 @@
 // of data.
 #include "wavelet/threshold.hpp"
 
+#include <algorithm>
 #include <cmath>
+#include <omp.h>
 #include <limits>
 #include <new>
 #include <stdexcept>
@@ -18,6 +20,35 @@
 namespace quolvent {
 
 namespace {
+
+// sort_energies: y[0..n-1] (squares: no -0) ascending, by every thread: each
+// sorts a piece, then the pieces are merged pairwise, a merge per thread.
+// The sorted values are the same whoever sorts them; a NaN, for which no
+// order is defined, sends the whole array to the heap sort alone.
+void sort_energies(double* y, int64_t n) {
+  const int parts = std::max(1, std::min(omp_get_max_threads(), static_cast<int>(n / 65536)));
+  bool nan = false;
+  for (int64_t i = 0; i < n; ++i) nan |= std::isnan(y[i]);
+  if (parts == 1 || nan) return hpsort(y, n);
+  std::vector<int64_t> edge(static_cast<std::size_t>(parts) + 1);
+  for (int p = 0; p <= parts; ++p) edge[static_cast<std::size_t>(p)] = n * p / parts;
+  std::vector<double> other(static_cast<std::size_t>(n));
+  double *from = y, *to = other.data();
+#pragma omp parallel for schedule(static, 1)
+  for (int p = 0; p < parts; ++p)
+    std::sort(y + edge[static_cast<std::size_t>(p)], y + edge[static_cast<std::size_t>(p) + 1]);
+  for (int width = 1; width < parts; width *= 2) {
+#pragma omp parallel for schedule(static, 1)
+    for (int p = 0; p < parts; p += 2 * width) {
+      const int64_t a = edge[static_cast<std::size_t>(p)];
+      const int64_t m = edge[static_cast<std::size_t>(std::min(p + width, parts))];
+      const int64_t b = edge[static_cast<std::size_t>(std::min(p + 2 * width, parts))];
+      std::merge(from + a, from + m, from + m, from + b, to + a);
+    }
+    std::swap(from, to);
+  }
+  if (from != y) std::copy(from, from + n, y);
+}
 
 [[noreturn]] void out_of_reach() {
   stop_report_log({" Cannot achieve the required relative accuracy,", " program is terminated."});
@@ -72,7 +103,7 @@ double relative_threshold(const compression& c, const active_cells& cells, const
     transform_cube(c, x.data(), +1, lines);
     for (std::size_t i = 0; i < nc; ++i) y[i] = x[i] * x[i];
   }
-  hpsort(y.data(), cube_size);
+  sort_energies(y.data(), cube_size);
 
   // Relative energy: the strongest coefficient is 1. Summed smallest first.
   const double top = nc > 0 ? y[nc - 1] : 0.0;

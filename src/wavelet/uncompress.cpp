@@ -73,7 +73,8 @@ void uncompress_rows(const compression& c, const active_cells& cells, const matr
 
     // Whole groups of rows to each thread, in one block, as in the row loops;
     // the record of datum i is at i - rows.first.
-    const row_range mine = split_rows(rows, omp_get_thread_num(), omp_get_num_threads());
+    const row_range mine = split_rows(rows, omp_get_thread_num(), omp_get_num_threads(),
+                                      sum_group_rows(ndata));
     for (int32_t i = mine.first; i < mine.last; ++i) {
       if (latch.stopped()) continue;
       latch.run([&] {
@@ -90,7 +91,7 @@ void uncompress_rows(const compression& c, const active_cells& cells, const matr
         cube_to_row(c, cells, row.data(), static_cast<int64_t>(len), cube.data());
         for (std::size_t k = 0; k < len; ++k) my_avg[k] += std::fabs(row[k] * weights[k]);
         progress.row_done();
-        if (ends_group(i, mine)) adder.add_and_clear(my_avg.data(), omp_get_thread_num());
+        if (ends_group(i, mine, sum_group_rows(ndata))) adder.add_and_clear(my_avg.data(), omp_get_thread_num());
       });
     }
 #pragma omp barrier

@@ -7,6 +7,7 @@
 #include <cmath>
 #include <limits>
 #include <random>
+#include <tuple>
 #include <vector>
 
 #include "base/exact_sum.hpp"
@@ -141,18 +142,19 @@ TEST(ExactSum, AdderFromManyThreads) {
 
 // Blocks of rows cover the rows in order without gaps, start on a group (but
 // for the first), hold the even share to within a group; a part beyond the
-// groups is empty.
+// groups is empty. The groups are sized by the number of data alone.
 TEST(RowRange, BlocksOfWholeGroups) {
-  for (const auto& [rows, parts] : {std::pair{row_range{0, 1000}, 3}, {{0, 5}, 3}, {{0, 0}, 2},
-                                     {{0, 1000}, 64}, {{40, 93}, 3}}) {
+  for (const auto& [rows, parts, group] :
+       {std::tuple{row_range{0, 1000}, 3, 16}, {{0, 5}, 3, 8}, {{0, 0}, 2, 8},
+        {{0, 1000}, 64, 8}, {{40, 93}, 3, 16}, {{0, 100}, 16, 8}}) {
     int32_t at = rows.first;
     const double share = static_cast<double>(rows.count()) / parts;
     for (int p = 0; p < parts; ++p) {
-      const row_range b = split_rows(rows, p, parts);
+      const row_range b = split_rows(rows, p, parts, group);
       EXPECT_EQ(b.first, at) << p;
       EXPECT_GE(b.last, b.first);
-      if (p > 0 && b.count() > 0) EXPECT_EQ(b.first % sum_group_rows, 0);
-      EXPECT_LT(std::abs(b.count() - share), sum_group_rows) << p;
+      if (p > 0 && b.count() > 0) EXPECT_EQ(b.first % group, 0);
+      EXPECT_LT(std::abs(b.count() - share), group) << p;
       at = b.last;
     }
     EXPECT_EQ(at, rows.last);

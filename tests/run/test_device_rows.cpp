@@ -147,9 +147,9 @@ TEST(DeviceRows, BatchPlanAndRecords) {
   const int64_t per_row = 2 * device_row_bytes(need);
   const int64_t free_bytes = int64_t{1} << 30;
   const batch_plan p = plan_batches(need, free_bytes, 100000, 0);
-  EXPECT_EQ(p.rows % sum_group_rows, 0);
+  EXPECT_EQ(p.rows % largest_sum_group, 0);
   EXPECT_LE(p.bytes, free_bytes - free_bytes / 10);
-  EXPECT_GT(p.bytes + sum_group_rows * per_row, free_bytes - free_bytes / 10);
+  EXPECT_GT(p.bytes + largest_sum_group * per_row, free_bytes - free_bytes / 10);
   EXPECT_EQ(p.batches, (100000 + p.rows - 1) / p.rows);
   EXPECT_EQ(plan_batches(need, free_bytes, 20, 0).rows, 32);
   const batch_plan forced = plan_batches(need, free_bytes, 100, 5);

@@ -222,7 +222,7 @@ TEST(GridRowLoop, FallbackToTheGeneralLoop) {
 struct stopping_sink : store_sink {
   stopping_sink(const survey& s, matrix_store& store, std::set<int32_t> at)
       : store_sink(s, none, store), at(std::move(at)) {}
-  float* full_column(int32_t datum) override {
+  float* full_column(thread_part& t, int32_t datum) override {
     if (at.count(datum)) {
       ++arrived;
       const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(2);
@@ -231,7 +231,7 @@ struct stopping_sink : store_sink {
       ++thrown;
       stop_report({"", "ERROR: test stop"});
     }
-    return store_sink::full_column(datum);
+    return store_sink::full_column(t, datum);
   }
   void claim_rows(row_range) override {}  // outside the stop latch: rows only
   static inline const compression none{};
@@ -240,7 +240,7 @@ struct stopping_sink : store_sink {
 };
 
 // A stop inside the row loop ends the run with its report once: the first
-// rows of the two threads' blocks of whole groups of 16 (0..31 and 32..39)
+// rows of the two threads' blocks of whole groups of 8 (0..23 and 24..39)
 // stop at the same moment. The loop ends unfinished with the report in the
 // log and on the screen once; run again in the same process it completes.
 TEST(GeneralRowLoop, AStopInsideTheRowLoopEndsTheRunWithItsReportOnce) {
@@ -252,7 +252,7 @@ TEST(GeneralRowLoop, AStopInsideTheRowLoopEndsTheRunWithItsReportOnce) {
     const result clean = run(s, 1, g);
     qt::capture cap;
     matrix_store store = make_matrix_store(compression{}, s.n, s.obs.ndata);
-    stopping_sink sink(s, store, {0, 32});
+    stopping_sink sink(s, store, {0, 24});
     std::vector<double> sq, avg;
     omp_set_num_threads(2);
     EXPECT_TRUE(cap.stops([&] {

@@ -26,13 +26,15 @@ struct layout_survey {
   int ndata;  // data of a regular grid
 };
 
-// layout_surveys: compressed and not, in both row loops, and a row's log line.
+// layout_surveys: compressed and not, in both row loops, a row's log line, and
+// fewer data than 4 threads have groups of rows.
 inline std::vector<layout_survey> layout_surveys() {
   return {{"scattered_symm4", "symm4", 1, layout_kind::scattered, 72},
           {"scattered_none", "NONE", 1, layout_kind::scattered, 72},
           {"grid_daub2", "daub2", 1, layout_kind::grid, 80},
           {"grid_none", "NONE", 0, layout_kind::grid, 80},
-          {"edge_daub2", "daub2", 0, layout_kind::edge, 40}};
+          {"edge_daub2", "daub2", 0, layout_kind::edge, 40},
+          {"grid_none_12_data", "NONE", 1, layout_kind::grid, 12}};
 }
 
 // write_layout_survey: the survey's files and run.inp in d (a grid: ndata on

@@ -3,6 +3,9 @@
 // row compression, its log report and the way back.
 #include <gtest/gtest.h>
 
+#include <omp.h>
+
+
 #include <cmath>
 #include <functional>
 #include <numeric>
@@ -144,6 +147,31 @@ TEST(Transform, KnownCoefficients) {
   filter_step(d2.filters, a.data(), 8, true, w.data());
   const std::vector<double>& c = d2.filter;
   EXPECT_EQ(a, (std::vector<double>{c[0], 0, 0, c[2], c[3], 0, 0, c[1]}));
+}
+
+// A cube large enough for the energies to be sorted by several threads: the
+// same threshold and kept count with 1 and 3 threads.
+TEST(Wctol, SameEstimateForAnyThreadCount) {
+  const cube_case k = cube_of(64, 48, 40, "daub2");
+  // A point's field over the cells (z fastest, then x, then y).
+  std::vector<double> row(static_cast<std::size_t>(k.n()));
+  for (std::size_t i = 0; i < row.size(); ++i) {
+    const double z = static_cast<double>(i % 40) + 3, x = static_cast<double>(i / 40 % 64) - 30,
+                 y = static_cast<double>(i / 2560) - 20;
+    row[i] = 1.0 / std::pow(x * x + y * y + z * z, 1.5);
+  }
+  std::vector<std::pair<double, int64_t>> got;
+  const int saved = omp_get_max_threads();
+  for (int threads : {1, 3}) {
+    omp_set_num_threads(threads);
+    int64_t kept = 0;
+    const double t =
+        relative_threshold(k.c, k.cells, row.data(), k.n(), 0.02, run_log(nullptr), &kept);
+    got.emplace_back(t, kept);
+  }
+  omp_set_num_threads(saved);
+  EXPECT_EQ(got[0], got[1]);
+  EXPECT_GT(got[0].second, 0);
 }
 
 // On a 4 x 4 x 4 cube the coefficients are the row: bands of equal values

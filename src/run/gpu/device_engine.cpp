@@ -245,7 +245,8 @@ void device_engine::make_rows(const survey& s, const grid_survey& grid, const co
 
   // Two batches in flight.
   const std::size_t b = static_cast<std::size_t>(plan.rows);
-  const std::size_t groups = b / sum_group_rows + 1;
+  const int32_t group = sum_group_rows(ndata);
+  const std::size_t groups = b / static_cast<std::size_t>(group) + 1;
   const std::size_t cube = c.compressed ? static_cast<std::size_t>(c.cube_size) : 0;
   const std::size_t exact_rows = b / exact_error_stride + 1;
   slot slots[2];
@@ -293,7 +294,7 @@ void device_engine::make_rows(const survey& s, const grid_survey& grid, const co
     else
       launch_general_rows(m, data_d.get() + off, sl.count, zero_offset(length_scale),
                           edge_guard_sq(length_scale), scale, db, sl.stream);
-    launch_finish_rows(m, sl.count, sl.first, test_model, db, sl.stream);
+    launch_finish_rows(m, sl.count, sl.first, group, test_model, db, sl.stream);
     check(cudaGetLastError(), "a row kernel");
     copy_back(sl.h_flagged.get(), db.flagged, cnt, sl.stream);
     copy_back(sl.h_avg.get(), db.group_avg, groups * nn, sl.stream);
@@ -360,8 +361,9 @@ void device_engine::make_rows(const survey& s, const grid_survey& grid, const co
                         sl.h_test_datum.get()[ur], whole);
       } else {
         const double* row = sl.h_rows.get() + ur * nn;
-        if (float* col = sink.full_column(datum)) {
+        if (float* col = sink.full_column(*part, datum)) {
           for (std::size_t k = 0; k < nn; ++k) col[k] = static_cast<float>(row[k]);
+          sink.full_done(*part, datum);
         } else {
           sink.put(*part, datum, row, 0.0);
         }
@@ -369,8 +371,8 @@ void device_engine::make_rows(const survey& s, const grid_survey& grid, const co
       loop.progress.row_done();
     }
     // The sums of each group of data, as the CPU's threads add them.
-    const int32_t lead = sl.first % sum_group_rows;
-    for (int32_t grp = 0; grp * sum_group_rows - lead < sl.count; ++grp) {
+    const int32_t lead = sl.first % group;
+    for (int32_t grp = 0; grp * group - lead < sl.count; ++grp) {
       loop.avg.add_and_clear(sl.h_avg.get() + static_cast<std::size_t>(grp) * nn, grp);
       loop.sq.add_and_clear(sl.h_sq.get() + static_cast<std::size_t>(grp) * nn, grp);
     }

@@ -86,16 +86,16 @@ __global__ void test_datum_kernel(int64_t n, double test_model, const double* g,
 
 // The rows of each group in datum order, as a thread of the CPU loops adds
 // them: |row| before the weighting, then the weighted row and its square.
-__global__ void sums_kernel(device_mesh m, int32_t count, int32_t first_datum, double* g,
-                            double* group_avg, double* group_sq) {
-  const int64_t groups = (count + sum_group_rows - 1) / sum_group_rows + 1;
+__global__ void sums_kernel(device_mesh m, int32_t count, int32_t first_datum, int32_t group,
+                            double* g, double* group_avg, double* group_sq) {
+  const int64_t groups = (count + group - 1) / group + 1;
   for (int64_t q = blockIdx.x * int64_t{blockDim.x} + threadIdx.x; q < groups * m.n;
        q += int64_t{gridDim.x} * blockDim.x) {
     const int64_t grp = q / m.n, p = q % m.n;
     // Groups by datum: the batch's first may start inside one.
-    const int64_t lead = first_datum % sum_group_rows;
-    const int64_t r0 = grp == 0 ? 0 : grp * sum_group_rows - lead;
-    const int64_t r1 = min(static_cast<int64_t>(count), (grp + 1) * sum_group_rows - lead);
+    const int64_t lead = first_datum % group;
+    const int64_t r0 = grp == 0 ? 0 : grp * group - lead;
+    const int64_t r1 = min(static_cast<int64_t>(count), (grp + 1) * group - lead);
     double a = 0.0, s = 0.0;
     for (int64_t r = r0; r < r1; ++r) {
       const double u = g[r * m.n + p];
@@ -221,13 +221,13 @@ void launch_grid_rows(const device_mesh& m, const double* gbig, const int64_t* b
   grid_kernel<<<blocks_for(count * m.n), threads, 0, stream>>>(m, gbig, base, nx2, count, b.g);
 }
 
-void launch_finish_rows(const device_mesh& m, int32_t count, int32_t first_datum,
+void launch_finish_rows(const device_mesh& m, int32_t count, int32_t first_datum, int32_t group,
                         double test_model, const device_batch& b, cudaStream_t stream) {
   if (count <= 0) return;
   if (test_model != 0.0)
     test_datum_kernel<<<count, threads, 0, stream>>>(m.n, test_model, b.g, b.test_datum);
-  const int64_t groups = (count + sum_group_rows - 1) / sum_group_rows + 1;
-  sums_kernel<<<blocks_for(groups * m.n), threads, 0, stream>>>(m, count, first_datum, b.g,
+  const int64_t groups = (count + group - 1) / group + 1;
+  sums_kernel<<<blocks_for(groups * m.n), threads, 0, stream>>>(m, count, first_datum, group, b.g,
                                                                 b.group_avg, b.group_sq);
 }
 

@@ -33,8 +33,8 @@ struct device_batch {
   double* g;              // rows x n: the row, unweighted, then weighted
   int32_t* flagged;       // rows: cells given 0 (no value)
   double* test_datum;     // rows
-  double* group_avg;      // rows/16 x n
-  double* group_sq;       // rows/16 x n
+  double* group_avg;      // (rows/group + 1) x n
+  double* group_sq;       // (rows/group + 1) x n
   double* cube;           // rows x cube
   double* lines;          // rows x max(cube, 2): work lines of the transform
   int32_t* kept_idx;      // rows x cube: kept positions in each row's own place
@@ -61,9 +61,9 @@ void launch_grid_rows(const device_mesh& m, const double* gbig, const int64_t* b
 
 // launch_finish_rows: the datum of the test model (value 0: none) from each
 // unweighted row, then the rows weighted and the sums of each group of
-// sum_group_rows data (|row| before the weighting, the weighted row squared)
-// in datum order; the batch's first datum is first_datum (0-based).
-void launch_finish_rows(const device_mesh& m, int32_t count, int32_t first_datum,
+// `group` data (sum_group_rows: |row| before the weighting, the weighted row
+// squared) in datum order; the batch's first datum is first_datum (0-based).
+void launch_finish_rows(const device_mesh& m, int32_t count, int32_t first_datum, int32_t group,
                         double test_model, const device_batch& b, cudaStream_t stream);
 
 // launch_compress_rows: each weighted row into its cube, transformed forward,

@@ -59,9 +59,12 @@ class mpi_group final : public run_group, public run_hook {
   void reduce_sums(exact_sums& sums) override;
   int64_t total(int64_t v) override;
   void gather_rows(std::vector<double>& v, row_range rows) override;
+  std::unique_ptr<streamed_matrix> open_streamed_matrix(output_file* file, const survey& s,
+                                                        const compression& c) override;
   void write_matrix(output_file* file, const survey& s, const compression& c,
                     matrix_store& store, row_range rows,
-                    const std::vector<double>& squared_sensitivity, const run_log& out) override;
+                    const std::vector<double>& squared_sensitivity, const run_log& out,
+                    streamed_matrix* streamed) override;
   stop settle(const stop& s) override;
 
   // run_hook
@@ -110,6 +113,8 @@ class mpi_group final : public run_group, public run_hook {
   bool may_call() const;
   int vote(int mine);
   void begin_step();
+  // broadcast_text: the first process's text, on every process.
+  std::string broadcast_text(std::string text);
   // receive_small: the next waiting message of tag (one int32), if any.
   bool receive_small(int tag, int32_t& value, int& source);
   void poll_notices();

@@ -108,12 +108,50 @@ class part_out : public record_out {
 
 }  // namespace
 
+std::string mpi_group::broadcast_text(std::string text) {
+  std::lock_guard<std::mutex> hold(lock_);
+  int len = static_cast<int>(text.size());
+  MPI_Bcast(&len, 1, MPI_INT, 0, comm_);
+  text.resize(static_cast<std::size_t>(len));
+  MPI_Bcast(text.data(), len, MPI_CHAR, 0, comm_);
+  return text;
+}
+
+std::unique_ptr<streamed_matrix> mpi_group::open_streamed_matrix(output_file* whole,
+                                                                 const survey& s,
+                                                                 const compression& c) {
+  // The first process makes the file and tells the others its temporary
+  // name; each joins it with a handle of its own, and its threads write its
+  // rows at their places (pwrite): the places are fixed, so no process waits
+  // for another's rows.
+  begin_step();
+  std::unique_ptr<streamed_matrix> file;
+  if (rank_ == 0) {
+    file = std::make_unique<streamed_matrix>(*whole, s, c);
+    file->write_head(1);
+  }
+  begin_step();
+  const std::string temp = broadcast_text(rank_ == 0 ? whole->temporary() : std::string());
+  const std::string path = broadcast_text(rank_ == 0 ? whole->name() : std::string());
+  if (rank_ != 0) file = std::make_unique<streamed_matrix>(path, temp, s, c);
+  // Every process holds the file open before any may stop and remove it.
+  begin_step();
+  return file;
+}
+
 void mpi_group::write_matrix(output_file* file, const survey& s, const compression& c,
                              matrix_store& store, row_range rows,
-                             const std::vector<double>& squared_sensitivity, const run_log& out) {
-  out.say_screen("");
-  out.say_screen("Writing out the matrix.");
-  out.say_screen("");
+                             const std::vector<double>& squared_sensitivity, const run_log& out,
+                             streamed_matrix* streamed) {
+  say_writing_matrix(out);
+  if (streamed) {
+    if (rank_ == 0) streamed->write_tail(squared_sensitivity);
+    streamed->finish_part();
+    // Every part is on the device: the first process finishes the file.
+    begin_step();
+    if (rank_ == 0) streamed->close(out);
+    return;
+  }
   check_matrix_arrays(s, c, store, rows, rank_ == 0 ? &squared_sensitivity : nullptr);
   const int64_t head = matrix_head_bytes(s, c);
   const int64_t mine = stored_rows_bytes(s, c, store, rows);
@@ -130,17 +168,8 @@ void mpi_group::write_matrix(output_file* file, const survey& s, const compressi
 
   // The temporary file, made by the first process, and the name it will have.
   begin_step();
-  std::string temp = rank_ == 0 ? file->temporary() : std::string();
-  std::string path = rank_ == 0 ? file->name() : std::string();
-  {
-    std::lock_guard<std::mutex> hold(lock_);
-    for (std::string* text : {&temp, &path}) {
-      int len = static_cast<int>(text->size());
-      MPI_Bcast(&len, 1, MPI_INT, 0, comm_);
-      text->resize(static_cast<std::size_t>(len));
-      MPI_Bcast(text->data(), len, MPI_CHAR, 0, comm_);
-    }
-  }
+  const std::string temp = broadcast_text(rank_ == 0 ? file->temporary() : std::string());
+  const std::string path = broadcast_text(rank_ == 0 ? file->name() : std::string());
 
   part_file f(temp, path);
   if (rank_ == 0) {
