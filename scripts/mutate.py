@@ -21,6 +21,8 @@ Faults that are not counted:
   - "does not compile": the build fails;
   - "not built": no object file of this build includes the file (the MPI
     program where MPI is missing, a program for another processor);
+  - "no device here": the device program's code (.cu, src/run/gpu) on a
+    machine without a device, where its tests are skipped;
   - "same code": every object file that includes it comes out bit for bit as
     before (code for another processor behind #if, an assert in a Release
     build, a change the compiler proves makes no difference).
@@ -427,6 +429,10 @@ def main():
     print(f"built and ran the {len(tests)} tests unchanged in {suite_seconds:.0f} s", flush=True)
     timeout = 3 * sum(t["cost"] for t in tests) / args.jobs + 120
 
+    # The device program's code (src/run/gpu) builds wherever CUDA is
+    # installed, but its tests run only on a machine with a device.
+    device = shutil.which("nvidia-smi") is not None and subprocess.run(
+        ["nvidia-smi", "-L"], capture_output=True).returncode == 0
     rng = random.Random(args.seed)
     faults = all_faults(rng)
     killers = {}
@@ -442,6 +448,10 @@ def main():
             if new_text == original:
                 continue
             source_objects = objects.get(path.resolve(), set())
+            if not device and (path.suffix in (".cu", ".cuh") or "gpu" in path.relative_to(ROOT).parts):
+                skipped["no device here"] = skipped.get("no device here", 0) + 1
+                print(f"no device here {diff}", flush=True)
+                continue
             if path.suffix != ".py" and not source_objects:
                 skipped["not built"] = skipped.get("not built", 0) + 1
                 print(f"not built      {diff}", flush=True)
