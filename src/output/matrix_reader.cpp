@@ -230,6 +230,9 @@ namespace {
 // columns to a multiple of eight, so that the innermost loop has a fixed
 // length and runs in vector registers.
 constexpr std::size_t group = 8;
+// Rows that share one pass over a block of columns in the products of the
+// rows kept whole.
+constexpr std::size_t rows_per_pass = 6;
 
 std::size_t padded_width(int32_t k) {
   return (static_cast<std::size_t>(k) + group - 1) / group * group;
@@ -328,15 +331,26 @@ std::vector<double> stored_matrix::dot_block(const double* models, int32_t k) co
       d[static_cast<std::size_t>(i)] = s;
     }
   } else {
+    // The block of models is larger than a row (eight doubles a cell against
+    // one float), so a few rows share each pass over it. Each datum's sum
+    // still runs over the cells in order, the same bits as one row alone.
+    const int32_t tiles = (m_.ndata + rows_per_pass - 1) / rows_per_pass;
 #pragma omp parallel for schedule(static)
-    for (int32_t i = 0; i < m_.ndata; ++i) {
-      const float* row = m_.full.data() + static_cast<std::size_t>(i) * n;
-      double* out = d.data() + static_cast<std::size_t>(i) * kk;
+    for (int32_t t = 0; t < tiles; ++t) {
+      const std::size_t first = static_cast<std::size_t>(t) * rows_per_pass;
+      const float* rows[rows_per_pass];
+      for (std::size_t r = 0; r < rows_per_pass; ++r)
+        rows[r] = m_.full.data() + std::min(first + r, ndata - 1) * n;  // the last pass repeats a row
       for (std::size_t g0 = 0; g0 < width; g0 += group) {
-        double sum[group] = {};
-        for (std::size_t c = 0; c < n; ++c)
-          add_group(sum, static_cast<double>(row[c]), x.data() + c * width + g0);
-        for (std::size_t j = g0; j < std::min(g0 + group, kk); ++j) out[j] = sum[j - g0];
+        double sum[rows_per_pass][group] = {};
+        for (std::size_t c = 0; c < n; ++c) {
+          const double* xc = x.data() + c * width + g0;
+          for (std::size_t r = 0; r < rows_per_pass; ++r)
+            add_group(sum[r], static_cast<double>(rows[r][c]), xc);
+        }
+        for (std::size_t r = 0; r < rows_per_pass && first + r < ndata; ++r)
+          for (std::size_t j = g0; j < std::min(g0 + group, kk); ++j)
+            d[(first + r) * kk + j] = sum[r][j - g0];
       }
     }
   }
@@ -407,6 +421,16 @@ std::vector<double> stored_matrix::rdot_block(const double* v, int32_t k) const 
         if (k == 1) {
           const double scale = wi[0];
           for (std::size_t c = first; c < last; ++c) g[c] += scale * static_cast<double>(row[c]);
+        } else if (i + rows_per_pass <= ndata) {
+          // A few rows in one pass over the thread's cells (their sums are
+          // eight doubles a cell), added in the rows' order as one at a time.
+          for (std::size_t c = first; c < last; ++c)
+            for (std::size_t g0 = 0; g0 < width; g0 += group) {
+              double* gc = g.data() + c * width + g0;
+              for (std::size_t r = 0; r < rows_per_pass; ++r)
+                add_group(gc, static_cast<double>(row[r * n + c]), wi + r * width + g0);
+            }
+          i += rows_per_pass - 1;
         } else {
           for (std::size_t c = first; c < last; ++c)
             for (std::size_t g0 = 0; g0 < width; g0 += group)
