@@ -158,7 +158,7 @@ def draw_sensitivity(run_dir, m, out, outputs, started):
     fig.colorbar(image, ax=axes, shrink=0.8,
                  label="average |sensitivity| per unit volume (nT per SI, per cubic length unit)")
     fig.suptitle(f"Average sensitivity (sensitivity.txt of the run started {started})")
-    fig.savefig(out, dpi=110)
+    fig.savefig(out, dpi=110, bbox_inches="tight")
     plt.close(fig)
 
 
@@ -213,7 +213,7 @@ def draw_model(m, models, out, unit="SI susceptibility", points=None, log=False,
             fig.colorbar(image, ax=row, shrink=0.9, label=label)
     if same_scale:
         fig.colorbar(image, ax=axes, shrink=0.8, label=label)
-    fig.savefig(out, dpi=100)
+    fig.savefig(out, dpi=100, bbox_inches="tight")
     plt.close(fig)
     return out
 
@@ -238,7 +238,7 @@ def draw_compression(run_dir, out, started):
         a.set_xlabel("easting")
         a.set_ylabel("northing")
     fig.suptitle(f"Data files of the run started {started}")
-    fig.savefig(out, dpi=110)
+    fig.savefig(out, dpi=110, bbox_inches="tight")
     plt.close(fig)
 
 
