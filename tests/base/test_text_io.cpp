@@ -155,16 +155,21 @@ TEST(Stops, EachKindCarriesItsReportForScreenLogAndErrorStream) {
     std::function<void()> stop;
     std::string screen, log, error;
     int status;
+    std::string what;  // what a library caller catching std::exception reads
   } cases[] = {
-      {[] { alloc_failed("kernel g"); }, "\nMemory allocation error in: kernel g\n\n", "", "", 0},
+      {[] { alloc_failed("kernel g"); }, "\nMemory allocation error in: kernel g\n\n", "", "", 0,
+       "Memory allocation error in: kernel g"},
       {[] {  // more elements than a vector can hold
          std::vector<double> v;
          assign_or_stop(v, v.max_size() + 1, 0.0, "kernel g");
-       }, "\nMemory allocation error in: kernel g\n\n", "", "", 0},
-      {[] { stop_report_log({"a", "b"}); }, "", "a\nb\n", "", 0},
-      {[] { stop_text("i /= nnz"); }, "", "", "i /= nnz", 0},
-      {[] { platform_failure("cannot write x"); }, "", "", "quolvent: cannot write x", 1},
-      {[] { cannot_write("x.mtx", ENOSPC); }, nospace, "", "", 1},
+       }, "\nMemory allocation error in: kernel g\n\n", "", "", 0,
+       "Memory allocation error in: kernel g"},
+      {[] { stop_report_log({"", "a", "b"}); }, "", "\na\nb\n", "", 0, "a"},
+      {[] { stop_text("i /= nnz"); }, "", "", "i /= nnz", 0, "i /= nnz"},
+      {[] { platform_failure("cannot write x"); }, "", "", "quolvent: cannot write x", 1,
+       "quolvent: cannot write x"},
+      {[] { cannot_write("x.mtx", ENOSPC); }, nospace, "", "", 1,
+       "ERROR: cannot write x.mtx: No space left on device"},
   };
   for (const auto& k : cases) {
     qt::capture cap;
@@ -174,6 +179,7 @@ TEST(Stops, EachKindCarriesItsReportForScreenLogAndErrorStream) {
     } catch (const stop& s) {
       EXPECT_EQ(s.error_text, k.error);
       EXPECT_EQ(s.status, k.status);
+      EXPECT_STREQ(s.what(), k.what.c_str());
       cap.out.deliver(s);
     }
     EXPECT_EQ(cap.screen(), k.screen);
