@@ -405,7 +405,8 @@ TEST(ReportCompression, LogLines) {
 // Cubes of extents 1 to 64 along each axis, some lines all zeros, forward and
 // inverse, on every target: the values of line by line (a zero of either sign).
 TEST(TransformLanes, SameBitsAsLineByLine) {
-  const int32_t shapes[][3] = {{8, 8, 8}, {64, 2, 16}, {4, 32, 8}, {1, 1, 64}, {8, 64, 2}};
+  const int32_t shapes[][3] = {{8, 8, 8}, {64, 2, 16}, {4, 32, 8}, {1, 1, 64}, {8, 64, 2},
+                               {2, 1, 32}, {4, 1, 8}, {1, 2, 16}};
   for (const char* name : {"daub1", "daub3", "daub6", "symm5"})
     for (const auto& nn : shapes) {
       const compression c = qt::wavelet_of(name);
