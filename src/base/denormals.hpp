@@ -26,7 +26,7 @@ class denormals_to_zero {
 
  private:
 #if defined(__SSE__) || defined(__x86_64__) || defined(_M_X64)
-  static constexpr uint64_t flush_bits = 0x8040;  // FTZ (bit 15) and DAZ (bit 6)
+  static constexpr uint64_t flush_bits = 0x8040;  // flush to zero (bit 15), denormals are zero (bit 6)
   static uint64_t read() { return _mm_getcsr(); }
   static void write(uint64_t v) { _mm_setcsr(static_cast<unsigned int>(v)); }
 #elif defined(__aarch64__)
