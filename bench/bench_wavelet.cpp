@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <omp.h>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -146,8 +147,32 @@ void BM_stored_row_error_100k(benchmark::State& state) {
     benchmark::DoNotOptimize(stored_row_error(r.c, r.s.cells, r.row.data(), r.s.n, rec, ws));
 }
 
+// The threshold estimate of a compressed run with the given number of
+// threads: the sample row of 1,000,000 cells, its transform and the sort of
+// its energies (setup_compression, with the sample row the run driver gives).
+void threshold_estimate(benchmark::State& state) {
+  const int threads = static_cast<int>(state.range(0));
+  one_row r = make_row(100, 100, 100, "daub2");
+  const int saved = omp_get_max_threads();
+  omp_set_num_threads(threads);
+  const mesh_model& m = r.s.mesh;
+  const obs_set& obs = r.s.obs;
+  const sample_row_fn sample = [&](int32_t, std::vector<double>& g) {
+    prism_row_parallel(r.ws, obs.geomag, m.yn.data(), m.xn.data(), m.zn.data(), m.ny, m.nx, m.nz,
+                       r.s.top_index.data(), 1, obs.northing[0], obs.easting[0],
+                       m.z0 - obs.elevation[0], g.data(), g.size(), quiet);
+  };
+  for (auto _ : state) {
+    const compression c = setup_compression(r.s, "daub2", "1 0.05", sample, quiet);
+    benchmark::DoNotOptimize(c.threshold_surface);
+  }
+  omp_set_num_threads(saved);
+  state.SetLabel(std::to_string(threads) + " threads");
+}
+
 }  // namespace
 
+BENCHMARK(threshold_estimate)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_compress_row_100k)->DenseRange(0, 4)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_compress_row_target)->DenseRange(0, 4)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_compress_row_300k)->Arg(1)->Arg(3)->Unit(benchmark::kMillisecond);

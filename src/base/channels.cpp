@@ -32,13 +32,28 @@ void run_log::close_log() {
   own_log_ = false;
 }
 
+void run_log::to_log(std::string_view text) const {
+  if (!held_) return put_line(log_, text);
+  held_->append(text);
+  held_->push_back('\n');
+}
+
+void run_log::pass_held(const run_log& out) {
+  if (!held_) return;
+  if (out.held_)
+    out.held_->append(*held_);
+  else if (out.log_ && !held_->empty())
+    std::fwrite(held_->data(), 1, held_->size(), out.log_);
+  held_->clear();
+}
+
 void run_log::report(std::initializer_list<std::string_view> lines) const {
   for (auto l : lines) put_line(screen_, l);
-  for (auto l : lines) put_line(log_, l);
+  for (auto l : lines) to_log(l);
 }
 
 void run_log::report_log(std::initializer_list<std::string_view> lines) const {
-  for (auto l : lines) put_line(log_, l);
+  for (auto l : lines) to_log(l);
 }
 
 void run_log::flush() const {
@@ -48,7 +63,7 @@ void run_log::flush() const {
 
 void run_log::deliver(const stop& s) const {
   for (const auto& l : s.screen_lines) put_line(screen_, l);
-  for (const auto& l : s.log_lines) put_line(log_, l);
+  for (const auto& l : s.log_lines) to_log(l);
   if (!s.error_text.empty()) {
     put_line(stderr, s.error_text);
     std::fflush(stderr);

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <initializer_list>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -39,13 +40,21 @@ class run_log {
   std::FILE* log() const { return log_; }
 
   void say_screen(std::string_view text) const { put_line(screen_, text); }
-  void say_log(std::string_view text) const { put_line(log_, text); }
+  void say_log(std::string_view text) const { to_log(text); }
   // report: the lines to the screen, then the same lines to the log.
   void report(std::initializer_list<std::string_view> lines) const;
   // report_log: the lines to the log alone.
   void report_log(std::initializer_list<std::string_view> lines) const;
   // flush: the screen and the log on disk.
   void flush() const;
+
+  // hold_log: from now on the log's lines are held in memory, not written:
+  // the log of one part of work shared among threads, whose lines must reach
+  // the run's log in the order of the parts. pass_held: the lines held so
+  // far to out's log in one write (or to its own held lines; nowhere when it
+  // has no log), and forgotten here.
+  void hold_log() { held_.emplace(); }
+  void pass_held(const run_log& out);
 
   // deliver: a stop's report: screen lines, log lines, error text (on
   // standard error), everything flushed.
@@ -75,8 +84,12 @@ class run_log {
 
  private:
   std::FILE* screen_;
+  // to_log: a line for the log, written or held.
+  void to_log(std::string_view text) const;
+
   std::FILE* log_ = nullptr;
   bool own_log_ = false;
+  mutable std::optional<std::string> held_;
   const interrupt_watch* watch_ = nullptr;
   run_hook* hook_ = nullptr;
   const char* phase_ = "init";

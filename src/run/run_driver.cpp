@@ -193,16 +193,17 @@ void run_pipeline(const run_params& params, phase_clock& clock, run_log& out,
   assign_or_stop(squared_sensitivity, static_cast<std::size_t>(s.n), 0.0, "sens3d");
   assign_or_stop(mean_sensitivity, static_cast<std::size_t>(s.n), 0.0, "sens3d");
   // The sample rows of the threshold estimate: the survey's directions, on
-  // this thread. The first process estimates; the others take its thresholds.
-  row_workspace sample_ws = make_row_workspace(survey_directions(s.obs), mesh_length_scale(s.mesh));
+  // every thread. The first process estimates; the others take its thresholds.
+  const row_workspace sample_ws =
+      make_row_workspace(survey_directions(s.obs), mesh_length_scale(s.mesh));
   const sample_row_fn sample_row = [&](int32_t idat, std::vector<double>& row) {
     const std::size_t d = static_cast<std::size_t>(idat - 1);
-    prism_row(sample_ws, s.obs.geomag, s.mesh.yn.data(), s.mesh.xn.data(), s.mesh.zn.data(),
-              s.mesh.ny, s.mesh.nx, s.mesh.nz, s.top_index.data(), idat, s.obs.northing[d],
-              s.obs.easting[d], s.mesh.z0 - s.obs.elevation[d], row.data(), row.size(), out);
+    prism_row_parallel(sample_ws, s.obs.geomag, s.mesh.yn.data(), s.mesh.xn.data(),
+                       s.mesh.zn.data(), s.mesh.ny, s.mesh.nx, s.mesh.nz, s.top_index.data(), idat,
+                       s.obs.northing[d], s.obs.easting[d], s.mesh.z0 - s.obs.elevation[d],
+                       row.data(), row.size(), out);
   };
   compression c = setup_compression(s, params.wavelet, params.eps_line, sample_row, out, leads);
-  sample_ws.cache = arctangent_cache{};  // the sample rows are done
   group.share_thresholds(c);
   // Before the first row: a run whose outputs can't be written stops now.
   sum.compressed = c.compressed;

@@ -13,9 +13,10 @@ namespace quolvent {
 
 void compute_node_plane(arctangent_cache& c, int64_t target, double shift, const double* yn,
                         const double* xn, const double* zn, int32_t ny, int32_t nx, int32_t nz,
-                        const int32_t* top, double oy, double ox, double oz, int32_t j) {
+                        const int32_t* top, double oy, double ox, double oz, int32_t j,
+                        int32_t first) {
   const int32_t ez = std::max(nz, 0) + 1, ex = std::max(nx, 0) + 1, ey = std::max(ny, 0) + 1;
-  if (j == 1) {
+  if (j == first) {
     // Arrays made for other extents would put nodes in the wrong places (or
     // past the end): make them anew for this mesh.
     if (c.ez != ez || c.ex != ex || c.ey != ey) {

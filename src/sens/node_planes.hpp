@@ -43,8 +43,9 @@ struct arctangent_cache {
 // compute_node_plane: fills plane j (1..ny+1) of the cache c for the point
 // (oy, ox, oz) over the mesh yn[0..ny], xn[0..nx], zn[0..nz] (zn are depths),
 // column tops top[(j-1) + (i-1)*ny], on the vector target `target`
-// (vector_math.hpp). At j = 1 it first sets z_node for the point, and makes
-// the arrays anew when the node counts changed.
+// (vector_math.hpp). At j = first (the first plane a walk fills: 1 for a
+// whole row) it first sets z_node for the point, and makes the arrays anew
+// when the node counts changed.
 // A y or x offset of exactly 0 is taken as `shift` in the denominators of the
 // arctangents (zero_offset of the mesh's length scale).
 // Only the part of each node line that some cell below the ground can reach
@@ -53,6 +54,7 @@ struct arctangent_cache {
 // Fails: no memory for the arrays: the allocation stop "calc_arctangents".
 void compute_node_plane(arctangent_cache& c, int64_t target, double shift, const double* yn,
                         const double* xn, const double* zn, int32_t ny, int32_t nx, int32_t nz,
-                        const int32_t* top, double oy, double ox, double oz, int32_t j);
+                        const int32_t* top, double oy, double ox, double oz, int32_t j,
+                        int32_t first = 1);
 
 }  // namespace quolvent

@@ -4,7 +4,11 @@
 
 #include <algorithm>
 #include <cmath>
+#include <deque>
+#include <exception>
+#include <omp.h>
 #include <string>
+#include <vector>
 
 #include "base/format.hpp"
 #include "base/stop.hpp"
@@ -68,31 +72,46 @@ axis_side axis_flag(double a, double b) {
   return axis_side::across;
 }
 
-void prism_row(row_workspace& ws, double geomag, const double* yn, const double* xn,
-               const double* zn, int32_t ny, int32_t nx, int32_t nz, const int32_t* top,
-               int32_t idat, double oy, double ox, double oz, double* g, std::size_t glen,
-               const run_log& out, const row_part_fn& done) {
-  // The layers of column (j, i) above the ground.
-  auto top_of = [&](int32_t j, int32_t i) {
-    return std::clamp(top[static_cast<std::size_t>(j - 1) + static_cast<std::size_t>(i - 1) * ny],
-                      0, nz);
-  };
-  // The walk must fill g exactly: checked before anything is written.
-  std::size_t cells = 0;
-  for (int32_t j = 1; j <= ny; ++j)
-    for (int32_t i = 1; i <= nx; ++i) cells += static_cast<std::size_t>(nz - top_of(j, i));
-  if (cells != glen) stop_text("indx /= size(g)");
+namespace {
 
-  const double scale = geomag / four_pi;
+// row_walk: what a walk over one datum's cells reads; g is the whole row.
+struct row_walk {
+  double geomag;
+  const double *yn, *xn, *zn;
+  int32_t ny, nx, nz;
+  const int32_t* top;
+  int32_t idat;
+  double oy, ox, oz;
+  double* g;
+};
+
+// layers_below: the cells of column (j, i) below the ground.
+std::size_t layers_below(const row_walk& w, int32_t j, int32_t i) {
+  const int32_t t = std::clamp(
+      w.top[static_cast<std::size_t>(j - 1) + static_cast<std::size_t>(i - 1) * w.ny], 0, w.nz);
+  return static_cast<std::size_t>(w.nz - t);
+}
+
+// walk_rows: the rows of columns j_first..j_last of w's row, whose first
+// cell is at g[indx]. The node plane j_first is filled first, so that a walk
+// may start at any row of columns: each value is the same whoever walks it.
+void walk_rows(row_workspace& ws, const row_walk& w, int32_t j_first, int32_t j_last,
+               std::size_t indx, const run_log& out, const row_part_fn& done) {
+  const double *yn = w.yn, *xn = w.xn, *zn = w.zn;
+  const int32_t ny = w.ny, nx = w.nx, nz = w.nz;
+  const int32_t* top = w.top;
+  double* g = w.g;
+  const double scale = w.geomag / four_pi;
   // A point on a node plane up to the rounding of its coordinates is on it:
   // offsets of exactly 0 there, so that the plane's side rules hold.
   const double tol = plane_tolerance(ws.length_scale);
-  oy = on_node(oy, yn, ny, tol);
-  ox = on_node(ox, xn, nx, tol);
-  oz = on_node(oz, zn, nz, tol);
+  const double oy = on_node(w.oy, yn, ny, tol);
+  const double ox = on_node(w.ox, xn, nx, tol);
+  const double oz = on_node(w.oz, zn, nz, tol);
   arctangent_cache& c = ws.cache;
   const double shift = zero_offset(ws.length_scale);
-  compute_node_plane(c, ws.vector_target, shift, yn, xn, zn, ny, nx, nz, top, oy, ox, oz, 1);
+  compute_node_plane(c, ws.vector_target, shift, yn, xn, zn, ny, nx, nz, top, oy, ox, oz, j_first,
+                     j_first);
 
   // The side of each layer's planes, and the runs of one side: a column
   // splits into at most three stretches (above the point, across its depth,
@@ -114,19 +133,20 @@ void prism_row(row_workspace& ws, double geomag, const double* yn, const double*
   // One row of columns at a time, from the two node planes around it: the
   // cache stays in cache, and the caller's pass over the finished cells finds
   // them there too.
-  std::size_t indx = 0;
-  for (int32_t j = 1; j <= ny; ++j) {
-    compute_node_plane(c, ws.vector_target, shift, yn, xn, zn, ny, nx, nz, top, oy, ox, oz, j + 1);
+  for (int32_t j = j_first; j <= j_last; ++j) {
+    compute_node_plane(c, ws.vector_target, shift, yn, xn, zn, ny, nx, nz, top, oy, ox, oz, j + 1,
+                       j_first);
     const node_plane lo = c.plane(j), hi = c.plane(j + 1);
     const std::size_t first = indx;
-    for (int32_t i = 1; i <= nx; ++i) indx += static_cast<std::size_t>(nz - top_of(j, i));
+    for (int32_t i = 1; i <= nx; ++i) indx += layers_below(w, j, i);
     c.flagged.clear();
     prism_columns(ws.vector_target, in, j, lo, hi, g + first, first, c.col.data(), c.flagged);
     if (ws.every_cell_alone) {
       c.flagged.clear();
       std::size_t at = first;
       for (int32_t i = 1; i <= nx; ++i)
-        for (int32_t k = top_of(j, i) + 1; k <= nz; ++k) c.flagged.push_back({at++, j, i, k});
+        for (int32_t k = nz - static_cast<int32_t>(layers_below(w, j, i)) + 1; k <= nz; ++k)
+          c.flagged.push_back({at++, j, i, k});
     }
 
     // The cells the vector loop set aside, in cell order, one at a time: those
@@ -140,12 +160,81 @@ void prism_row(row_workspace& ws, double geomag, const double* yn, const double*
       // like a point on an edge, so that no NaN or Inf ever reaches a row.
       if (!cell_value(corners_of(lo, hi, static_cast<std::size_t>(c.ez), i, k), o, edge_sq, ws.dir,
                       scale, v)) {
-        edge_message(out, idat, i, j, k);
+        edge_message(out, w.idat, i, j, k);
         v = 0.0;
       }
       g[f.indx] = v;
     }
     if (done && indx > first) done(first, indx);
+  }
+}
+
+// row_starts: at [j] the place of the first cell of row of columns j + 1,
+// j = 0..ny (the last: the row's length). Fails: the length isn't glen:
+// "indx /= size(g)", before any cell is computed.
+std::vector<std::size_t> row_starts(const row_walk& w, std::size_t glen) {
+  std::vector<std::size_t> at(static_cast<std::size_t>(std::max(w.ny, 0)) + 1, 0);
+  for (int32_t j = 1; j <= w.ny; ++j) {
+    std::size_t cells = 0;
+    for (int32_t i = 1; i <= w.nx; ++i) cells += layers_below(w, j, i);
+    at[static_cast<std::size_t>(j)] = at[static_cast<std::size_t>(j - 1)] + cells;
+  }
+  if (at.back() != glen) stop_text("indx /= size(g)");
+  return at;
+}
+
+}  // namespace
+
+void prism_row(row_workspace& ws, double geomag, const double* yn, const double* xn,
+               const double* zn, int32_t ny, int32_t nx, int32_t nz, const int32_t* top,
+               int32_t idat, double oy, double ox, double oz, double* g, std::size_t glen,
+               const run_log& out, const row_part_fn& done) {
+  const row_walk w{geomag, yn, xn, zn, ny, nx, nz, top, idat, oy, ox, oz, g};
+  // The walk must fill g exactly: checked before anything is written.
+  std::size_t cells = 0;
+  for (int32_t j = 1; j <= ny; ++j)
+    for (int32_t i = 1; i <= nx; ++i) cells += layers_below(w, j, i);
+  if (cells != glen) stop_text("indx /= size(g)");
+  walk_rows(ws, w, 1, ny, 0, out, done);
+}
+
+void prism_row_parallel(const row_workspace& ws, double geomag, const double* yn, const double* xn,
+                        const double* zn, int32_t ny, int32_t nx, int32_t nz, const int32_t* top,
+                        int32_t idat, double oy, double ox, double oz, double* g, std::size_t glen,
+                        const run_log& out) {
+  const row_walk w{geomag, yn, xn, zn, ny, nx, nz, top, idat, oy, ox, oz, g};
+  const std::vector<std::size_t> at = row_starts(w, glen);
+  // Rows of columns in runs of about equal numbers of cells, one a thread.
+  const int parts = std::clamp(omp_get_max_threads(), 1, std::max(ny, 1));
+  std::vector<int32_t> from(static_cast<std::size_t>(parts) + 1, ny + 1);
+  from[0] = 1;
+  for (std::size_t p = 1; p < from.size() - 1; ++p) {
+    // The run starts at the row of columns that holds its first share's cell.
+    const std::size_t share = glen * p / static_cast<std::size_t>(parts);
+    const auto past = std::upper_bound(at.begin(), at.end() - 1, share);
+    from[p] = std::max(from[p - 1], static_cast<int32_t>(past - at.begin()));
+  }
+  // Each run's messages are held until the runs before it have given
+  // theirs; a stop in a run ends the row where the walk of one thread would:
+  // the messages before it in the log, then the stop.
+  std::deque<run_log> logs;
+  for (int p = 0; p < parts; ++p) logs.emplace_back(nullptr).hold_log();
+  std::vector<std::exception_ptr> failed(static_cast<std::size_t>(parts));
+#pragma omp parallel for schedule(static, 1) num_threads(parts)
+  for (int p = 0; p < parts; ++p) {
+    const std::size_t up = static_cast<std::size_t>(p);
+    if (from[up] > from[up + 1] - 1) continue;
+    try {
+      row_workspace own = ws;  // its settings; the cache is remade as needed
+      walk_rows(own, w, from[up], from[up + 1] - 1, at[static_cast<std::size_t>(from[up] - 1)],
+                logs[up], {});
+    } catch (...) {
+      failed[up] = std::current_exception();
+    }
+  }
+  for (std::size_t p = 0; p < failed.size(); ++p) {
+    logs[p].pass_held(out);
+    if (failed[p]) std::rethrow_exception(failed[p]);
   }
 }
 

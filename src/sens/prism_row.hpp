@@ -95,4 +95,19 @@ void prism_row(row_workspace& ws, double geomag, const double* yn, const double*
                int32_t idat, double oy, double ox, double oz, double* g, std::size_t glen,
                const run_log& out, const row_part_fn& done = {});
 
+// prism_row_parallel
+//   Given:   what prism_row is given, the workspace for its settings alone
+//            (directions, vector target, length scale); not called from
+//            inside a parallel region (it would run on one thread there).
+//   Returns: g as prism_row fills it, bit for bit, made by every thread of
+//            a parallel region of its own, each a run of rows of columns
+//            (about as many cells each) with a workspace of its own; the edge
+//            messages in the log as prism_row writes them, in cell order.
+//   Fails:   as prism_row: the stop of the first run (in cell order) that
+//            stops, after the messages of the cells before it.
+void prism_row_parallel(const row_workspace& ws, double geomag, const double* yn, const double* xn,
+                        const double* zn, int32_t ny, int32_t nx, int32_t nz, const int32_t* top,
+                        int32_t idat, double oy, double ox, double oz, double* g, std::size_t glen,
+                        const run_log& out);
+
 }  // namespace quolvent

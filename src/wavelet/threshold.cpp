@@ -1,6 +1,6 @@
 // Threshold estimation and the matrix store. The estimate costs
 // one row, one transform and one sort per kind of datum, whatever the number
-// of data.
+// of data, each shared among the run's threads.
 #include "wavelet/threshold.hpp"
 
 #include <algorithm>
@@ -23,13 +23,14 @@ namespace {
 
 // sort_energies: y[0..n-1] (squares: no -0) ascending, by every thread: each
 // sorts a piece, then the pieces are merged pairwise, a merge per thread.
-// The sorted values are the same whoever sorts them; a NaN, for which no
-// order is defined, sends the whole array to the heap sort alone.
+// The sorted values are the same whoever sorts them, and however; a NaN,
+// for which no order is defined, sends the whole array to the heap sort.
 void sort_energies(double* y, int64_t n) {
   const int parts = std::max(1, std::min(omp_get_max_threads(), static_cast<int>(n / 65536)));
   bool nan = false;
   for (int64_t i = 0; i < n; ++i) nan |= std::isnan(y[i]);
-  if (parts == 1 || nan) return hpsort(y, n);
+  if (nan) return hpsort(y, n);
+  if (parts == 1) return std::sort(y, y + n);
   std::vector<int64_t> edge(static_cast<std::size_t>(parts) + 1);
   for (int p = 0; p <= parts; ++p) edge[static_cast<std::size_t>(p)] = n * p / parts;
   std::vector<double> other(static_cast<std::size_t>(n));
@@ -89,20 +90,16 @@ double relative_threshold(const compression& c, const active_cells& cells, const
                           int32_t n, double eps, const run_log& out, int64_t* kept_count) {
   const int64_t cube_size = c.cube_size;
   const std::size_t nc = static_cast<std::size_t>(cube_size);
+  // The row's coefficients, then in their place their energies.
   std::vector<double> y;
-  {
-    std::vector<double> x;
-    try {
-      x.assign(nc, 0.0);
-      y.assign(nc, 0.0);
-    } catch (const std::bad_alloc&) {
-      alloc_failed("wctol");
-    }
-    row_to_cube(c, cells, row, n, x.data());
-    line_buffers lines;
-    transform_cube(c, x.data(), +1, lines);
-    for (std::size_t i = 0; i < nc; ++i) y[i] = x[i] * x[i];
+  try {
+    y.assign(nc, 0.0);
+  } catch (const std::bad_alloc&) {
+    alloc_failed("wctol");
   }
+  row_to_cube(c, cells, row, n, y.data());
+  transform_cube_parallel(c, y.data(), +1);
+  for (std::size_t i = 0; i < nc; ++i) y[i] *= y[i];
   sort_energies(y.data(), cube_size);
 
   // Relative energy: the strongest coefficient is 1. Summed smallest first.

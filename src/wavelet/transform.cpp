@@ -10,6 +10,7 @@
 
 #include "base/format.hpp"
 #include "base/stop.hpp"
+#include "base/stop_latch.hpp"
 #include "base/vector_target.hpp"
 #include "wavelet/wavelet_lanes.hpp"
 
@@ -243,53 +244,121 @@ void filter_step(const transform_filters& filters, double* a, int32_t n, bool fo
   }
 }
 
+namespace {
+
+// axis_pass: the pass of transform_3d along one axis of a cube of extents
+// nn: lines of n values, `stride` apart within a line (1: the contiguous
+// lines, z), cut into `blocks` blocks of lines that are filtered each on its
+// own, so that any thread may take any block.
+struct axis_pass {
+  int64_t n = 0, stride = 1;
+  int64_t lines = 0;  // contiguous lines: how many
+  int64_t span = 0;   // strided lines: the values of one slab of them
+  std::size_t width = 0, block = 0, per_slab = 0;
+  int64_t blocks = 0;
+};
+
+axis_pass pass_along(const int32_t nn[3], int d) {
+  axis_pass p;
+  p.n = nn[d];
+  for (int e = 0; e < d; ++e) p.stride *= nn[e];
+  const int64_t ntot = static_cast<int64_t>(nn[0]) * nn[1] * nn[2];
+  if (p.n <= 4 || ntot == 0) return p;  // left alone
+  if (p.stride == 1) {
+    // Contiguous lines, z_block of them side by side at a time.
+    p.block = z_block;
+    p.lines = ntot / p.n;
+    p.blocks = (p.lines + static_cast<int64_t>(z_block) - 1) / static_cast<int64_t>(z_block);
+  } else {
+    // Strided lines lie side by side, `stride` of them in each slab.
+    p.width = static_cast<std::size_t>(p.stride);
+    p.block = lane_block(p.n, p.width);
+    p.span = p.n * p.stride;
+    p.per_slab = (p.width + p.block - 1) / p.block;
+    p.blocks = ntot / p.span * static_cast<int64_t>(p.per_slab);
+  }
+  return p;
+}
+
+// fit_buffers: lb long enough for every block of pass p.
+void fit_buffers(const axis_pass& p, line_buffers& lb) {
+  if (p.blocks == 0) return;
+  const std::size_t size = static_cast<std::size_t>(p.n) * p.block;
+  if (p.stride == 1) grow(lb.wk, size);
+  grow(lb.wksp, size);
+}
+
+// run_blocks: blocks [b0, b1) of pass p over the cube a, on lb (fitted).
+void run_blocks(const transform_filters& f, double* a, const axis_pass& p, bool forward,
+                int64_t target, line_buffers& lb, int64_t b0, int64_t b1) {
+  const int64_t n = p.n;
+  const std::size_t ln = static_cast<std::size_t>(n);
+  for (int64_t b = b0; b < b1; ++b) {
+    if (p.stride == 1) {
+      // A block of zeros (padding, mostly) stays zeros and is passed over.
+      double* wk = lb.wk.data();
+      const int64_t line = b * static_cast<int64_t>(z_block);
+      const std::size_t nb = static_cast<std::size_t>(
+          std::min<int64_t>(static_cast<int64_t>(z_block), p.lines - line));
+      const double* src = a + line * n;
+      bool any = false;
+      for (std::size_t l = 0; l < z_block; ++l)
+        for (std::size_t q = 0; q < ln; ++q) {
+          const double v = l < nb ? src[l * ln + q] : 0.0;
+          wk[q * z_block + l] = v;
+          any |= v != 0.0;
+        }
+      if (!any) continue;
+      lines_transform(target, f, wk, z_block, z_block, n, n, forward, lb.wksp.data());
+      double* dst = a + line * n;
+      for (std::size_t l = 0; l < nb; ++l)
+        for (std::size_t q = 0; q < ln; ++q) dst[l * ln + q] = wk[q * z_block + l];
+    } else {
+      const int64_t slab = b / static_cast<int64_t>(p.per_slab);
+      const std::size_t l0 =
+          static_cast<std::size_t>(b % static_cast<int64_t>(p.per_slab)) * p.block;
+      lines_transform(target, f, a + slab * p.span + static_cast<int64_t>(l0), p.width,
+                      std::min(p.block, p.width - l0), n, n, forward, lb.wksp.data());
+    }
+  }
+}
+
+}  // namespace
+
 void transform_3d(const transform_filters& f, double* a, const int32_t nn[3], int32_t isign,
                   line_buffers& lb) {
   const int64_t target = target_of(lb);
-  const bool forward = isign >= 0;
-  const int64_t ntot = static_cast<int64_t>(nn[0]) * nn[1] * nn[2];
-  int64_t nprev = 1;
   for (int d = 0; d < 3; ++d) {
-    const int64_t n = nn[d];
-    const int64_t nnew = n * nprev;
-    if (n > 4) {
-      const std::size_t ln = static_cast<std::size_t>(n);
-      if (nprev == 1) {
-        // Contiguous lines, z_block of them side by side in wk; a block of
-        // zeros (padding, mostly) stays zeros and is passed over.
-        grow(lb.wk, ln * z_block);
-        grow(lb.wksp, ln * z_block);
-        double* wk = lb.wk.data();
-        const int64_t lines = ntot / n;
-        for (int64_t j0 = 0; j0 < lines; j0 += static_cast<int64_t>(z_block)) {
-          const std::size_t nb = static_cast<std::size_t>(std::min<int64_t>(z_block, lines - j0));
-          const double* src = a + j0 * n;
-          bool any = false;
-          for (std::size_t b = 0; b < z_block; ++b)
-            for (std::size_t p = 0; p < ln; ++p) {
-              const double v = b < nb ? src[b * ln + p] : 0.0;
-              wk[p * z_block + b] = v;
-              any |= v != 0.0;
-            }
-          if (!any) continue;
-          lines_transform(target, f, wk, z_block, z_block, n, n, forward, lb.wksp.data());
-          double* dst = a + j0 * n;
-          for (std::size_t b = 0; b < nb; ++b)
-            for (std::size_t p = 0; p < ln; ++p) dst[b * ln + p] = wk[p * z_block + b];
-        }
-      } else {
-        // Strided lines lie side by side, nprev of them: a block at a time.
-        const std::size_t width = static_cast<std::size_t>(nprev);
-        const std::size_t bw = lane_block(n, width);
-        grow(lb.wksp, ln * bw);
-        for (int64_t i2 = 0; i2 < ntot; i2 += nnew)
-          for (std::size_t l0 = 0; l0 < width; l0 += bw)
-            lines_transform(target, f, a + i2 + static_cast<int64_t>(l0), width,
-                            std::min(bw, width - l0), n, n, forward, lb.wksp.data());
+    const axis_pass p = pass_along(nn, d);
+    fit_buffers(p, lb);
+    run_blocks(f, a, p, isign >= 0, target, lb, 0, p.blocks);
+  }
+}
+
+void transform_cube_parallel(const compression& c, double* a, int32_t isign) {
+  const int32_t nn[3] = {c.padded_nz, c.padded_nx, c.padded_ny};
+  const axis_pass passes[3] = {pass_along(nn, 0), pass_along(nn, 1), pass_along(nn, 2)};
+  stop_latch latch;
+#pragma omp parallel
+  {
+    line_buffers lb;
+    latch.run([&] {
+      for (const axis_pass& p : passes) fit_buffers(p, lb);
+    });
+    const int64_t target = target_of(lb);
+    // Every thread knows whether all could start before any pass begins.
+#pragma omp barrier
+    if (!latch.stopped()) {
+      for (const axis_pass& p : passes) {
+        // Blocks handed out a few at a time: the blocks of padding cost
+        // nothing, so even shares of blocks would not be even shares of work.
+#pragma omp for schedule(dynamic, 4)
+        for (int64_t b = 0; b < p.blocks; ++b)
+          run_blocks(c.filters, a, p, isign >= 0, target, lb, b, b + 1);
       }
     }
-    nprev = nnew;
   }
+  latch.rethrow();
 }
 
 double row_coefficients(const compression& c, const active_cells& cells, const double* x,

@@ -65,6 +65,15 @@ void cube_to_row(const compression& c, const active_cells& cells, double* x, int
 // Returns: a transformed in place. Fails: never.
 void transform_cube(const compression& c, double* a, int32_t isign, line_buffers& lb);
 
+// transform_cube_parallel
+// Given: as transform_cube, without line buffers; not called from inside a
+//   parallel region (it would run on one thread there).
+// Returns: a as transform_cube leaves it, bit for bit: the lines of each
+//   axis's pass shared among the threads of a parallel region of its own,
+//   each with line buffers of its own.
+// Fails: no memory for the line buffers: std::bad_alloc, a left as it was.
+void transform_cube_parallel(const compression& c, double* a, int32_t isign);
+
 // row_coefficients
 // Given: the compression record and the active cells; x, a row of len
 //   values; y, a cube of cube_size values (its contents don't matter); the

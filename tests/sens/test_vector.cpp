@@ -7,6 +7,7 @@
 #include <cfloat>
 #include <cmath>
 #include <cstdlib>
+#include <omp.h>
 #include <random>
 #include <string>
 #include <vector>
@@ -70,7 +71,8 @@ TEST(VectorMath, AtanAndLogAgreeWithTheLibrary) {
 // below it and on a vertical edge: every entry is, to the bit, the entry of
 // the same cell on a mesh of that one cell; on every target. The edge
 // messages are the same on every target, in cell order; and the same, to the
-// logarithms' rounding, with every cell through the one-cell formula.
+// logarithms' rounding, with every cell through the one-cell formula; and the
+// same to the bit with the row shared among threads.
 TEST(PrismLanes, EveryCellAsIfAlone) {
   const int32_t ny = 3, nx = 4, nz = 19;
   std::vector<double> yn{0}, xn{-7}, zn{0};
@@ -85,6 +87,7 @@ TEST(PrismLanes, EveryCellAsIfAlone) {
   // on the vertical edge through the node (19, 13) at a depth of cells.
   const double points[][3] = {{12.4, 4.7, 13.3}, {8.0, -1.0, 49.6}, {19.0, 13.0, 13.0}};
   std::string logs[3];
+  const int saved = omp_get_max_threads();
   for (int64_t t : vector_targets()) {
     row_workspace ws = make_row_workspace(directions(), 1.0);
     ws.vector_target = t;
@@ -103,6 +106,21 @@ TEST(PrismLanes, EveryCellAsIfAlone) {
       ws.every_cell_alone = true;
       prism_row(ws, 50000, yn.data(), xn.data(), zn.data(), ny, nx, nz, top.data(), 3, oy, ox, oz,
                 alone_all.data(), glen, cap2.out);
+      // The row shared among threads, a run of rows of columns each, the
+      // vector loop's and every cell alone: the same bits, messages in order.
+      for (int threads : {2, 3}) {
+        omp_set_num_threads(threads);
+        for (const bool alone : {false, true}) {
+          ws.every_cell_alone = alone;
+          qt::capture cap3;
+          std::vector<double> shared(glen, -1.0);
+          prism_row_parallel(ws, 50000, yn.data(), xn.data(), zn.data(), ny, nx, nz, top.data(), 3,
+                             oy, ox, oz, shared.data(), glen, cap3.out);
+          EXPECT_TRUE(shared == (alone ? alone_all : g)) << threads << " threads, point " << p;
+          EXPECT_EQ(cap3.log(), logs[p]) << threads << " threads, point " << p;
+        }
+      }
+      omp_set_num_threads(saved);
       ws.every_cell_alone = false;
       EXPECT_EQ(cap2.log(), logs[p]);
       for (std::size_t e = 0; e < glen; ++e)

@@ -403,10 +403,12 @@ TEST(ReportCompression, LogLines) {
 }
 
 // Cubes of extents 1 to 64 along each axis, some lines all zeros, forward and
-// inverse, on every target: the values of line by line (a zero of either sign).
+// inverse, on every target and on 3 threads: the values of line by line (a
+// zero of either sign).
 TEST(TransformLanes, SameBitsAsLineByLine) {
-  const int32_t shapes[][3] = {{8, 8, 8}, {64, 2, 16}, {4, 32, 8}, {1, 1, 64}, {8, 64, 2},
-                               {2, 1, 32}, {4, 1, 8}, {1, 2, 16}};
+  const int32_t shapes[][3] = {{8, 8, 8},  {64, 2, 16}, {4, 32, 8}, {1, 1, 64},  {8, 64, 2},
+                               {2, 1, 32}, {4, 1, 8},   {1, 2, 16}, {32, 64, 16}};
+  const int saved = omp_get_max_threads();
   for (const char* name : {"daub1", "daub3", "daub6", "symm5"})
     for (const auto& nn : shapes) {
       const compression c = qt::wavelet_of(name);
@@ -425,6 +427,15 @@ TEST(TransformLanes, SameBitsAsLineByLine) {
               << name << " " << nn[0] << "x" << nn[1] << "x" << nn[2]
               << (forward ? " forward on " : " inverse on ") << vector_target_name(t);
         }
+        // The lines of each pass shared among threads.
+        compression cube_c = c;
+        cube_c.padded_nz = nn[0], cube_c.padded_nx = nn[1], cube_c.padded_ny = nn[2];
+        std::vector<double> shared = cube;
+        omp_set_num_threads(3);
+        transform_cube_parallel(cube_c, shared.data(), forward ? 1 : -1);
+        omp_set_num_threads(saved);
+        EXPECT_TRUE(shared == want) << name << " " << nn[0] << "x" << nn[1] << "x" << nn[2]
+                                    << (forward ? " forward" : " inverse") << " on 3 threads";
       }
     }
 }
