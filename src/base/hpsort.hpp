@@ -1,5 +1,5 @@
-// Heap sort of 64-bit floats, used by the threshold estimate and the
-// regular survey test.
+// Heap sort of 64-bit floats, used by the regular survey test and, for an
+// array with a NaN, by sort_ascending.
 #pragma once
 
 #include <cstdint>

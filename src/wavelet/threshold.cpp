@@ -7,12 +7,11 @@
 #include <cmath>
 #include <omp.h>
 #include <limits>
-#include <memory>
 #include <new>
 #include <stdexcept>
 
 #include "base/format.hpp"
-#include "base/hpsort.hpp"
+#include "base/parallel_sort.hpp"
 #include "base/stop.hpp"
 #include "base/text_io.hpp"
 #include "wavelet/wavelet_filters.hpp"
@@ -21,81 +20,6 @@
 namespace quolvent {
 
 namespace {
-
-// taken_from_first: how many of the first k values of the merge of the
-// ascending x[0..nx) and y[0..ny) come from x (of equal values, x's first,
-// as std::merge takes them).
-int64_t taken_from_first(const double* x, int64_t nx, const double* y, int64_t ny, int64_t k) {
-  int64_t lo = std::max<int64_t>(0, k - ny), hi = std::min(k, nx);
-  while (lo < hi) {
-    const int64_t i = lo + (hi - lo) / 2;
-    if (x[i] <= y[k - i - 1]) {
-      lo = i + 1;
-    } else {
-      hi = i;
-    }
-  }
-  return lo;
-}
-
-// merge_slice: the places [lo, hi) of the merge of the ascending from[a..m)
-// and from[m..b) into to[lo..hi): what std::merge of the whole would put
-// there.
-struct merge_slice {
-  int64_t a, m, b, lo, hi;
-};
-
-void merge_part(const double* from, double* to, const merge_slice& s) {
-  const double *x = from + s.a, *y = from + s.m;
-  const int64_t nx = s.m - s.a, ny = s.b - s.m;
-  const int64_t i0 = taken_from_first(x, nx, y, ny, s.lo - s.a);
-  const int64_t i1 = taken_from_first(x, nx, y, ny, s.hi - s.a);
-  std::merge(x + i0, x + i1, y + (s.lo - s.a - i0), y + (s.hi - s.a - i1), to + s.lo);
-}
-
-// sort_energies: y[0..n-1] (squares: no -0) ascending, by every thread: each
-// sorts a piece, then the pieces are merged pairwise, each merge cut into
-// slices of about a piece's length, so that every thread has one in every
-// round. The sorted values are the same whoever sorts them, and however; a
-// NaN, for which no order is defined, sends the whole array to the heap sort.
-void sort_energies(double* y, int64_t n) {
-  const int parts = std::max(1, std::min(omp_get_max_threads(), static_cast<int>(n / 65536)));
-  std::vector<int64_t> edge(static_cast<std::size_t>(parts) + 1);
-  for (int p = 0; p <= parts; ++p) edge[static_cast<std::size_t>(p)] = n * p / parts;
-  std::vector<char> nan(static_cast<std::size_t>(parts), 0);
-#pragma omp parallel for schedule(static, 1)
-  for (int p = 0; p < parts; ++p)
-    for (int64_t i = edge[static_cast<std::size_t>(p)]; i < edge[static_cast<std::size_t>(p) + 1];
-         ++i)
-      nan[static_cast<std::size_t>(p)] |= std::isnan(y[i]);
-  if (std::find(nan.begin(), nan.end(), 1) != nan.end()) return hpsort(y, n);
-  if (parts == 1) return std::sort(y, y + n);
-  // Every value of `other` is written by a merge before it is read.
-  const std::unique_ptr<double[]> other(new double[static_cast<std::size_t>(n)]);
-  double *from = y, *to = other.get();
-#pragma omp parallel for schedule(static, 1)
-  for (int p = 0; p < parts; ++p)
-    std::sort(y + edge[static_cast<std::size_t>(p)], y + edge[static_cast<std::size_t>(p) + 1]);
-  std::vector<merge_slice> slices;
-  for (int width = 1; width < parts; width *= 2) {
-    slices.clear();
-    for (int p = 0; p < parts; p += 2 * width) {
-      const int64_t a = edge[static_cast<std::size_t>(p)];
-      const int64_t m = edge[static_cast<std::size_t>(std::min(p + width, parts))];
-      const int64_t b = edge[static_cast<std::size_t>(std::min(p + 2 * width, parts))];
-      const int64_t cuts = std::max<int64_t>(1, (b - a) * parts / n);
-      for (int64_t c = 0; c < cuts; ++c)
-        slices.push_back({a, m, b, a + (b - a) * c / cuts, a + (b - a) * (c + 1) / cuts});
-    }
-    const int64_t count = static_cast<int64_t>(slices.size());
-#pragma omp parallel for schedule(static, 1)
-    for (int64_t t = 0; t < count; ++t) merge_part(from, to, slices[static_cast<std::size_t>(t)]);
-    std::swap(from, to);
-  }
-  if (from == y) return;
-#pragma omp parallel for
-  for (int64_t i = 0; i < n; ++i) y[i] = from[i];
-}
 
 [[noreturn]] void out_of_reach() {
   stop_report_log({" Cannot achieve the required relative accuracy,", " program is terminated."});
@@ -148,7 +72,7 @@ double relative_threshold(const compression& c, const active_cells& cells, const
 #pragma omp parallel for
   for (int64_t i = 0; i < cube_size; ++i)
     y[static_cast<std::size_t>(i)] *= y[static_cast<std::size_t>(i)];
-  sort_energies(y.data(), cube_size);
+  sort_ascending(y.data(), cube_size);
 
   // Relative energy: the strongest coefficient is 1. Summed smallest first.
   const double top = nc > 0 ? y[nc - 1] : 0.0;
