@@ -7,6 +7,7 @@
 #include <cmath>
 #include <omp.h>
 #include <limits>
+#include <memory>
 #include <new>
 #include <stdexcept>
 
@@ -61,18 +62,21 @@ double relative_threshold(const compression& c, const active_cells& cells, const
   const int64_t cube_size = c.cube_size;
   const std::size_t nc = static_cast<std::size_t>(cube_size);
   // The row's coefficients, then in their place their energies.
-  std::vector<double> y;
+  std::unique_ptr<double[]> y;
   try {
-    y.assign(nc, 0.0);
+    y.reset(new double[nc]);
   } catch (const std::bad_alloc&) {
     alloc_failed("wctol");
   }
-  row_to_cube(c, cells, row, n, y.data());
-  transform_cube_parallel(c, y.data(), +1);
+  // Its pages first touched by every thread: the system clears them on all.
+#pragma omp parallel for
+  for (int64_t i = 0; i < cube_size; ++i) y[static_cast<std::size_t>(i)] = 0.0;
+  row_to_cube(c, cells, row, n, y.get());
+  transform_cube_parallel(c, y.get(), +1);
 #pragma omp parallel for
   for (int64_t i = 0; i < cube_size; ++i)
     y[static_cast<std::size_t>(i)] *= y[static_cast<std::size_t>(i)];
-  sort_ascending(y.data(), cube_size);
+  sort_ascending(y.get(), cube_size);
 
   // Relative energy: the strongest coefficient is 1. Summed smallest first.
   const double top = nc > 0 ? y[nc - 1] : 0.0;
