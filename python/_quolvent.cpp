@@ -6,6 +6,7 @@
 
 #include <cmath>
 #include <limits>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -51,29 +52,31 @@ std::vector<double> to_vector(const py_vector& a,
   return std::vector<double>(a.data(), a.data() + expected);
 }
 
-// block: a 2-D array of rows x k values, checked: rows must match.
-std::vector<double> to_block(const py::array_t<double, py::array::c_style | py::array::forcecast>& a,
-                             std::size_t rows, const char* what) {
+// check_block: a 2-D array of rows x k values, rows must match.
+void check_block(const py_vector& a, std::size_t rows, const char* what) {
   if (a.ndim() != 2 || static_cast<std::size_t>(a.shape(0)) != rows || a.shape(1) < 1)
     throw py::value_error(std::string(what) + " must be a 2-D array of " + std::to_string(rows) +
                           " rows and at least one column");
-  return std::vector<double>(a.data(), a.data() + a.size());
 }
 
-// block_product: f(block, k) over a (rows, k) array, as a (out_rows, k) array.
+// block_product: f(block, k) over a (rows, k) array, as a (out_rows, k)
+// array. The block is read where it lies (the argument holds it while the
+// lock is released), and the result handed over without a copy.
 template <typename F>
 py::array_t<double> block_product(const py_vector& a, std::size_t rows, std::size_t out_rows,
                                   const char* what, F f) {
-  const std::vector<double> x = to_block(a, rows, what);
+  check_block(a, rows, what);
   const auto k = static_cast<int32_t>(a.shape(1));
-  std::vector<double> y;
+  auto y = std::make_unique<std::vector<double>>();
   {
     py::gil_scoped_release free;
-    y = f(x.data(), k);
+    *y = f(a.data(), k);
   }
-  py::array_t<double> out({static_cast<py::ssize_t>(out_rows), static_cast<py::ssize_t>(k)});
-  std::copy(y.begin(), y.end(), out.mutable_data());
-  return out;
+  double* data = y->data();
+  const py::capsule owner(y.release(),
+                          [](void* v) { delete static_cast<std::vector<double>*>(v); });
+  return py::array_t<double>({static_cast<py::ssize_t>(out_rows), static_cast<py::ssize_t>(k)},
+                             data, owner);
 }
 
 // stop_tuple: a stop outside a run as (kind, report), for the module to raise.
@@ -120,8 +123,9 @@ py::object column_tops(const std::tuple<double, double, double>& origin, const p
   nodes(m.yn, std::get<1>(origin), m.dy);
   nodes(m.zn, 0.0, m.dz);
   m.z0 = std::get<2>(origin);
-  const std::vector<double> p = to_block(points, static_cast<std::size_t>(points.shape(0)), "points");
+  check_block(points, static_cast<std::size_t>(points.shape(0)), "points");
   if (points.shape(1) != 3) throw py::value_error("points must be m x 3");
+  const std::vector<double> p(points.data(), points.data() + points.size());
   quolvent::topo_points t;
   for (std::size_t i = 0; i + 2 < p.size(); i += 3) {
     t.east.push_back(p[i]);

@@ -5,12 +5,16 @@
 #include <bit>
 #include <cstdio>
 #include <cstring>
+#include <hwy/aligned_allocator.h>
 #include <memory>
+#include <new>
 #include <omp.h>
 
 #include "base/channels.hpp"
 #include "base/stop.hpp"
 #include "model/active_cells.hpp"
+#include "base/vector_target.hpp"
+#include "output/product_lanes.hpp"
 #include "wavelet/transform.hpp"
 
 static_assert(std::endian::native == std::endian::little,
@@ -226,33 +230,40 @@ std::vector<double> stored_matrix::row(int32_t i) const {
 
 namespace {
 
-// Columns of a block are taken eight at a time, the block padded with zero
-// columns to a multiple of eight, so that the innermost loop has a fixed
-// length and runs in vector registers.
+// Columns of a block are taken eight at a time: in the compressed products
+// eight cubes side by side (the last group of columns in 1, 2 or 4 when
+// fewer are left), in the uncompressed ones the block padded with zero
+// columns to a multiple of eight, so that the inner loops have a fixed
+// length and run in vector registers.
 constexpr std::size_t group = 8;
-// Rows that share one pass over a block of columns in the products of the
-// rows kept whole.
-constexpr std::size_t rows_per_pass = 6;
 
 std::size_t padded_width(int32_t k) {
   return (static_cast<std::size_t>(k) + group - 1) / group * group;
 }
 
-// padded: a block of rows x k values as rows x width, zeros to the right,
-// each value times scale[row] (scale nullptr: as it is).
-std::vector<double> padded(const double* block, std::size_t rows, int32_t k, std::size_t width,
-                           const double* scale) {
-  std::vector<double> out(rows * width, 0.0);
-  const std::size_t kk = static_cast<std::size_t>(k);
-  for (std::size_t r = 0; r < rows; ++r)
-    for (std::size_t j = 0; j < kk; ++j)
-      out[r * width + j] = (scale ? scale[r] : 1.0) * block[r * kk + j];
-  return out;
+// Cells, or places of a cube, that one step of a thread's loop covers:
+// about 256 KB of the block it reads, so that the block stays in cache
+// while every row passes over it (32 KB of the sums it writes).
+std::size_t cells_a_step(std::size_t width, std::size_t bytes) {
+  return std::max<std::size_t>(1, bytes / (width * sizeof(double)));
 }
 
-// add_group: out[0..8) += value * in[0..8).
-inline void add_group(double* out, double value, const double* in) {
-  for (std::size_t j = 0; j < group; ++j) out[j] += value * in[j];
+// columns_of: a block's columns [g0, g0 + columns) as rows x lanes values,
+// each row times scale[row] (scale nullptr: as it is), zeros to the right;
+// the rows of the calling thread's share of `parts`.
+void columns_of(const double* block, std::size_t k, std::size_t g0, std::size_t columns,
+                std::size_t lanes, std::size_t rows, const double* scale, std::size_t part,
+                std::size_t parts, double* out) {
+  const auto [first, last] = share_range(static_cast<int64_t>(rows), part, parts);
+  for (std::size_t r = static_cast<std::size_t>(first); r < static_cast<std::size_t>(last); ++r)
+    for (std::size_t j = 0; j < lanes; ++j)
+      out[r * lanes + j] = j < columns ? (scale ? scale[r] : 1.0) * block[r * k + g0 + j] : 0.0;
+}
+
+// thread_share: the calling thread's number and the team's size.
+std::pair<std::size_t, std::size_t> thread_share() {
+  return {static_cast<std::size_t>(omp_get_thread_num()),
+          static_cast<std::size_t>(omp_get_num_threads())};
 }
 
 }  // namespace
@@ -271,52 +282,53 @@ std::vector<double> stored_matrix::rdot(const std::vector<double>& v) const {
 
 std::vector<double> stored_matrix::dot_block(const double* models, int32_t k) const {
   const std::size_t n = static_cast<std::size_t>(m_.n), ndata = static_cast<std::size_t>(m_.ndata);
-  const std::size_t kk = static_cast<std::size_t>(k), width = k == 1 ? 1 : padded_width(k);
-  // G m = (R / w) (w m), w the weights: the stored rows against the weighted models.
-  const std::vector<double> x = padded(models, n, k, width, m_.weights.data());
+  const std::size_t kk = static_cast<std::size_t>(k);
+  const int64_t target = run_vector_target();
   std::vector<double> d(ndata * kk, 0.0);
   if (m_.compressed()) {
     // An orthogonal transform keeps dot products: the coefficients of each
-    // row against the coefficients of the weighted models, their cubes
-    // interleaved so that one kept position reads its neighbours.
+    // row against the coefficients of the weighted models (G m = (R / w) (w m),
+    // w the weights), a group of models' cubes side by side and transformed
+    // together, their lines shared among the threads.
     const std::size_t cube_size = static_cast<std::size_t>(c_.cube_size);
-    std::vector<double> cubes(cube_size * width);
+    for (std::size_t g0 = 0; g0 < kk; g0 += group) {
+      const std::size_t columns = std::min(group, kk - g0), lanes = std::bit_ceil(columns);
+      const auto cube = hwy::AllocateAligned<double>(cube_size * lanes);
+      if (!cube) throw std::bad_alloc();
+      const interleaved_cubes cubes = lanes_of_compression(c_, cube.get(), lanes);
+      const block_layout weighted{kk, columns, m_.weights.data()};
+      std::vector<double> sums(ndata * lanes);
 #pragma omp parallel
-    {
-      line_buffers lines;
-      std::vector<double> cube(cube_size), column(n);
-#pragma omp for schedule(static)
-      for (int32_t j = 0; j < k; ++j) {
-        std::fill(cube.begin(), cube.end(), 0.0);
-        for (std::size_t c = 0; c < n; ++c) column[c] = x[c * width + static_cast<std::size_t>(j)];
-        row_to_cube(c_, cells_, column.data(), m_.n, cube.data());
-        transform_cube(c_, cube.data(), +1, lines);
-        for (std::size_t p = 0; p < cube_size; ++p)
-          cubes[p * width + static_cast<std::size_t>(j)] = cube[p];
+      {
+        const auto [t, threads] = thread_share();
+        // Plane by plane: the cells laid in and the lines along z and x
+        // transformed while the plane is in cache; then the lines along y.
+        line_buffers lines;
+        lines.vector_target = target;
+        const int64_t planes = c_.ny;
+        const auto [y0, y1] = share_range(planes, t, threads);
+        for (int64_t y = y0; y < y1; ++y) {
+          const std::size_t plane = static_cast<std::size_t>(y), count = static_cast<std::size_t>(planes);
+          block_to_cubes(c_, cells_, models + g0, m_.n, weighted, cubes, plane, count);
+          transform_axis(c_.filters, cubes, 0, +1, plane, count, lines);
+          transform_axis(c_.filters, cubes, 1, +1, plane, count, lines);
+        }
+#pragma omp barrier
+        transform_axis(c_.filters, cubes, 2, +1, t, threads, lines);
+#pragma omp barrier
+        const auto [i0, i1] = share_range(m_.ndata, t, threads);
+        sparse_row_sums(target, m_.rows.data(), static_cast<std::size_t>(i0),
+                        static_cast<std::size_t>(i1), cube.get(), lanes,
+                        sums.data() + static_cast<std::size_t>(i0) * lanes);
       }
-    }
-#pragma omp parallel for schedule(static)
-    for (int32_t i = 0; i < m_.ndata; ++i) {
-      const compressed_row& r = m_.rows[static_cast<std::size_t>(i)];
-      double* out = d.data() + static_cast<std::size_t>(i) * kk;
-      if (k == 1) {
-        double s = 0.0;
-        for (std::size_t p = 0; p < r.idx.size(); ++p)
-          s += static_cast<double>(r.val[p]) * cubes[static_cast<std::size_t>(r.idx[p] - 1)];
-        out[0] = s;
-        continue;
-      }
-      for (std::size_t g0 = 0; g0 < width; g0 += group) {
-        double sum[group] = {};
-        for (std::size_t p = 0; p < r.idx.size(); ++p)
-          add_group(sum, static_cast<double>(r.val[p]),
-                    cubes.data() + static_cast<std::size_t>(r.idx[p] - 1) * width + g0);
-        for (std::size_t j = g0; j < std::min(g0 + group, kk); ++j) out[j] = sum[j - g0];
-      }
+      for (std::size_t i = 0; i < ndata; ++i)
+        std::copy_n(sums.data() + i * lanes, columns, d.data() + i * kk + g0);
     }
   } else if (k == 1) {
     // Eight partial sums, added in a fixed order: the loop vectorises, and a
     // datum doesn't depend on the thread that computes it.
+    std::vector<double> x(n);
+    for (std::size_t c = 0; c < n; ++c) x[c] = m_.weights[c] * models[c];
 #pragma omp parallel for schedule(static)
     for (int32_t i = 0; i < m_.ndata; ++i) {
       const float* row = m_.full.data() + static_cast<std::size_t>(i) * n;
@@ -332,116 +344,129 @@ std::vector<double> stored_matrix::dot_block(const double* models, int32_t k) co
     }
   } else {
     // The block of models is larger than a row (eight doubles a cell against
-    // one float), so a few rows share each pass over it. Each datum's sum
-    // still runs over the cells in order, the same bits as one row alone.
-    const int32_t tiles = (m_.ndata + rows_per_pass - 1) / rows_per_pass;
-#pragma omp parallel for schedule(static)
-    for (int32_t t = 0; t < tiles; ++t) {
-      const std::size_t first = static_cast<std::size_t>(t) * rows_per_pass;
-      const float* rows[rows_per_pass];
-      for (std::size_t r = 0; r < rows_per_pass; ++r)
-        rows[r] = m_.full.data() + std::min(first + r, ndata - 1) * n;  // the last pass repeats a row
-      for (std::size_t g0 = 0; g0 < width; g0 += group) {
-        double sum[rows_per_pass][group] = {};
-        for (std::size_t c = 0; c < n; ++c) {
-          const double* xc = x.data() + c * width + g0;
-          for (std::size_t r = 0; r < rows_per_pass; ++r)
-            add_group(sum[r], static_cast<double>(rows[r][c]), xc);
+    // one float): each thread takes its passes of a few rows over one stretch
+    // of cells after another, the stretch staying in cache. Each datum's sum
+    // still runs over the cells in order, the same bits whatever the threads.
+    const std::size_t width = padded_width(k);
+    const std::size_t passes = (ndata + rows_per_pass - 1) / rows_per_pass;
+    const std::size_t step = cells_a_step(width, 256 << 10);
+    std::vector<double> x(n * width), sums(passes * rows_per_pass * width, 0.0);
+#pragma omp parallel
+    {
+      const auto [t, threads] = thread_share();
+      columns_of(models, kk, 0, kk, width, n, m_.weights.data(), t, threads, x.data());
+#pragma omp barrier
+      const auto [first, last] = share_range(static_cast<int64_t>(passes), t, threads);
+      for (std::size_t c0 = 0; c0 < n; c0 += step)
+        for (std::size_t pass = static_cast<std::size_t>(first); pass < static_cast<std::size_t>(last); ++pass) {
+          const float* rows[rows_per_pass];
+          for (std::size_t r = 0; r < rows_per_pass; ++r)  // the last pass repeats a row
+            rows[r] = m_.full.data() + std::min(pass * rows_per_pass + r, ndata - 1) * n;
+          dense_pass_sums(target, rows, x.data(), width, c0, std::min(n, c0 + step),
+                          sums.data() + pass * rows_per_pass * width);
         }
-        for (std::size_t r = 0; r < rows_per_pass && first + r < ndata; ++r)
-          for (std::size_t j = g0; j < std::min(g0 + group, kk); ++j)
-            d[(first + r) * kk + j] = sum[r][j - g0];
-      }
     }
+    for (std::size_t i = 0; i < ndata; ++i) std::copy_n(sums.data() + i * width, kk, d.data() + i * kk);
   }
   return d;
 }
 
 std::vector<double> stored_matrix::rdot_block(const double* v, int32_t k) const {
   const std::size_t n = static_cast<std::size_t>(m_.n), ndata = static_cast<std::size_t>(m_.ndata);
-  const std::size_t kk = static_cast<std::size_t>(k), width = k == 1 ? 1 : padded_width(k);
-  const std::vector<double> w = padded(v, ndata, k, width, nullptr);
-  std::vector<double> g(n * width, 0.0);
+  const std::size_t kk = static_cast<std::size_t>(k);
+  const int64_t target = run_vector_target();
+  std::vector<double> out(n * kk);
   if (m_.compressed()) {
-    // The sum of the rows' coefficients weighted by v, then one inverse
-    // transform per column. Each thread sums its share of the rows into
-    // cubes of its own; they are added in thread order, so the result
-    // doesn't depend on which thread finishes first.
+    // The sum of the rows' coefficients weighted by v, then the inverse
+    // transform of each column's cube, a group of cubes side by side. The
+    // threads share the cube's places: each place sums the rows in order,
+    // whatever the number of threads.
     const std::size_t cube_size = static_cast<std::size_t>(c_.cube_size);
-    std::vector<std::vector<double>> parts;
+    for (std::size_t g0 = 0; g0 < kk; g0 += group) {
+      const std::size_t columns = std::min(group, kk - g0), lanes = std::bit_ceil(columns);
+      const auto cube = hwy::AllocateAligned<double>(cube_size * lanes);
+      if (!cube) throw std::bad_alloc();
+      const interleaved_cubes cubes = lanes_of_compression(c_, cube.get(), lanes);
+      std::vector<double> w(ndata * lanes);
+      const std::size_t step = cells_a_step(lanes, 256 << 10);
+      const int64_t steps = static_cast<int64_t>((cube_size + step - 1) / step);
 #pragma omp parallel
-    {
-#pragma omp single
-      parts.resize(static_cast<std::size_t>(omp_get_num_threads()));
-      std::vector<double>& cubes = parts[static_cast<std::size_t>(omp_get_thread_num())];
-      cubes.assign(cube_size * width, 0.0);
-#pragma omp for schedule(static)
-      for (int32_t i = 0; i < m_.ndata; ++i) {
-        const compressed_row& r = m_.rows[static_cast<std::size_t>(i)];
-        const double* wi = w.data() + static_cast<std::size_t>(i) * width;
-        for (std::size_t p = 0; p < r.idx.size(); ++p) {
-          const std::size_t place = static_cast<std::size_t>(r.idx[p] - 1) * width;
-          const double value = static_cast<double>(r.val[p]);
-          if (k == 1)
-            cubes[place] += value * wi[0];
-          else
-            for (std::size_t g0 = 0; g0 < width; g0 += group)
-              add_group(cubes.data() + place + g0, value, wi + g0);
+      {
+        const auto [t, threads] = thread_share();
+        columns_of(v, kk, g0, columns, lanes, ndata, nullptr, t, threads, w.data());
+        const auto [first, last] = share_range(steps, t, threads);
+        const std::size_t p0 = std::min(cube_size, static_cast<std::size_t>(first) * step);
+        const std::size_t p1 = std::min(cube_size, static_cast<std::size_t>(last) * step);
+        std::fill(cube.get() + p0 * lanes, cube.get() + p1 * lanes, 0.0);
+        std::vector<std::size_t> cursor(ndata);
+        for (std::size_t i = 0; i < ndata; ++i) {
+          const std::vector<int32_t>& idx = m_.rows[i].idx;
+          cursor[i] = static_cast<std::size_t>(
+              std::lower_bound(idx.begin(), idx.end(), static_cast<int64_t>(p0) + 1) - idx.begin());
         }
+#pragma omp barrier
+        for (int64_t s = first; s < last; ++s)
+          sparse_rows_add(target, m_.rows.data(), ndata, w.data(), lanes, cursor.data(),
+                          static_cast<int32_t>(std::min(cube_size, static_cast<std::size_t>(s + 1) * step)),
+                          cube.get());
+        line_buffers lines;
+        lines.vector_target = target;
+#pragma omp barrier
+        const int64_t planes = c_.padded_ny;
+        const auto [y0, y1] = share_range(planes, t, threads);
+        for (int64_t y = y0; y < y1; ++y)
+          for (int axis = 0; axis < 2; ++axis)
+            transform_axis(c_.filters, cubes, axis, -1, static_cast<std::size_t>(y),
+                           static_cast<std::size_t>(planes), lines);
+#pragma omp barrier
+        transform_axis(c_.filters, cubes, 2, -1, t, threads, lines);
+#pragma omp barrier
+        cubes_to_block(c_, cells_, out.data() + g0, m_.n, {kk, columns, m_.weights.data()}, cubes,
+                       t, threads);
       }
     }
-    std::vector<double>& total = parts[0];
-    for (std::size_t t = 1; t < parts.size(); ++t)
-      for (std::size_t p = 0; p < total.size(); ++p) total[p] += parts[t][p];
-#pragma omp parallel
-    {
-      line_buffers lines;
-      std::vector<double> cube(cube_size), column(n);
-#pragma omp for schedule(static)
-      for (int32_t j = 0; j < k; ++j) {
-        for (std::size_t p = 0; p < cube_size; ++p)
-          cube[p] = total[p * width + static_cast<std::size_t>(j)];
-        transform_cube(c_, cube.data(), -1, lines);
-        cube_to_row(c_, cells_, column.data(), m_.n, cube.data());
-        for (std::size_t c = 0; c < n; ++c) g[c * width + static_cast<std::size_t>(j)] = column[c];
-      }
-    }
-  } else {
+  } else if (k == 1) {
     // Each thread owns a stretch of cells and runs down the rows over it:
     // the stored rows are read along memory, and each cell's sum runs over
     // the data in order whatever the thread count.
 #pragma omp parallel
     {
-      const std::size_t threads = static_cast<std::size_t>(omp_get_num_threads());
-      const std::size_t t = static_cast<std::size_t>(omp_get_thread_num());
-      const std::size_t first = n * t / threads, last = n * (t + 1) / threads;
+      const auto [t, threads] = thread_share();
+      const auto [first, last] = share_range(m_.n, t, threads);
       for (std::size_t i = 0; i < ndata; ++i) {
         const float* row = m_.full.data() + i * n;
-        const double* wi = w.data() + i * width;
-        if (k == 1) {
-          const double scale = wi[0];
-          for (std::size_t c = first; c < last; ++c) g[c] += scale * static_cast<double>(row[c]);
-        } else if (i + rows_per_pass <= ndata) {
-          // A few rows in one pass over the thread's cells (their sums are
-          // eight doubles a cell), added in the rows' order as one at a time.
-          for (std::size_t c = first; c < last; ++c)
-            for (std::size_t g0 = 0; g0 < width; g0 += group) {
-              double* gc = g.data() + c * width + g0;
-              for (std::size_t r = 0; r < rows_per_pass; ++r)
-                add_group(gc, static_cast<double>(row[r * n + c]), wi + r * width + g0);
-            }
-          i += rows_per_pass - 1;
-        } else {
-          for (std::size_t c = first; c < last; ++c)
-            for (std::size_t g0 = 0; g0 < width; g0 += group)
-              add_group(g.data() + c * width + g0, static_cast<double>(row[c]), wi + g0);
-        }
+        for (std::size_t c = static_cast<std::size_t>(first); c < static_cast<std::size_t>(last); ++c)
+          out[c] += v[i] * static_cast<double>(row[c]);
       }
+      for (std::size_t c = static_cast<std::size_t>(first); c < static_cast<std::size_t>(last); ++c)
+        out[c] *= m_.weights[c];
+    }
+  } else {
+    // Each thread owns a stretch of cells, a few at a time so that their
+    // sums stay in cache, and runs down the rows over them a pass of a few
+    // rows at a time, the rows' order kept: each cell's sum runs over the
+    // data in order whatever the thread count.
+    const std::size_t width = padded_width(k);
+    const std::size_t passes = (ndata + rows_per_pass - 1) / rows_per_pass;
+    const std::size_t step = cells_a_step(width, 32 << 10);
+    std::vector<double> w(passes * rows_per_pass * width, 0.0), g(n * width, 0.0);
+    columns_of(v, kk, 0, kk, width, ndata, nullptr, 0, 1, w.data());
+#pragma omp parallel
+    {
+      const auto [t, threads] = thread_share();
+      const auto [first, last] = share_range(m_.n, t, threads);
+      for (std::size_t c0 = static_cast<std::size_t>(first); c0 < static_cast<std::size_t>(last); c0 += step)
+        for (std::size_t pass = 0; pass < passes; ++pass) {
+          const float* rows[rows_per_pass];
+          for (std::size_t r = 0; r < rows_per_pass; ++r)  // past the last row: a row times 0
+            rows[r] = m_.full.data() + std::min(pass * rows_per_pass + r, ndata - 1) * n;
+          dense_pass_add(target, rows, w.data() + pass * rows_per_pass * width, width, c0,
+                         std::min(static_cast<std::size_t>(last), c0 + step), g.data());
+        }
+      for (std::size_t c = static_cast<std::size_t>(first); c < static_cast<std::size_t>(last); ++c)
+        for (std::size_t j = 0; j < kk; ++j) out[c * kk + j] = g[c * width + j] * m_.weights[c];
     }
   }
-  std::vector<double> out(n * kk);
-  for (std::size_t c = 0; c < n; ++c)
-    for (std::size_t j = 0; j < kk; ++j) out[c * kk + j] = g[c * width + j] * m_.weights[c];
   return out;
 }
 

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
+#include <cstring>
 
 #include "base/format.hpp"
 #include "base/stop.hpp"
@@ -102,59 +103,124 @@ int row_map(const active_cells& cells, int64_t len) {
 
 }  // namespace
 
+interleaved_cubes lanes_of_compression(const compression& c, double* values, std::size_t lanes) {
+  interleaved_cubes cubes;
+  cubes.values = values;
+  cubes.lanes = lanes;
+  const int32_t extent[3] = {c.padded_nz, c.padded_nx, c.padded_ny}, used[3] = {c.nz, c.nx, c.ny};
+  for (int d = 0; d < 3; ++d) cubes.extent[d] = extent[d], cubes.used[d] = used[d];
+  return cubes;
+}
+
+std::pair<int64_t, int64_t> share_range(int64_t count, std::size_t part, std::size_t parts) {
+  const int64_t p = static_cast<int64_t>(part), q = static_cast<int64_t>(parts);
+  return {count * p / q, count * (p + 1) / q};
+}
+
+namespace {
+
+// copy_lanes: the values of one place, lanes of them (a call of the library's
+// copy would cost more than the copy for the usual counts).
+inline void copy_lanes(const double* in, double* out, std::size_t lanes) {
+  switch (lanes) {
+    case 1: *out = *in; break;
+    case 2: std::memcpy(out, in, 2 * sizeof(double)); break;
+    case 4: std::memcpy(out, in, 4 * sizeof(double)); break;
+    case 8: std::memcpy(out, in, 8 * sizeof(double)); break;
+    default: std::copy(in, in + lanes, out); break;
+  }
+}
+
+// for_each_column: f(i, j, column, cell) for each column of the mesh in the
+// share's planes: column, its first place in the cubes (lanes values a
+// place); cell, the index in cell order of its first cell.
+template <typename F>
+void for_each_column(const compression& c, const interleaved_cubes& cubes, std::size_t part,
+                     std::size_t parts, F f) {
+  const std::size_t zp = static_cast<std::size_t>(c.padded_nz);
+  const std::size_t plane = zp * static_cast<std::size_t>(c.padded_nx);
+  const auto [first, last] = share_range(c.ny, part, parts);
+  for (int64_t i = first; i < last; ++i)
+    for (int32_t j = 0; j < c.nx; ++j) {
+      const std::size_t y = static_cast<std::size_t>(i), x = static_cast<std::size_t>(j);
+      f(cubes.values + (x * zp + y * plane) * cubes.lanes,
+        static_cast<std::size_t>(c.nz) * (x + static_cast<std::size_t>(c.nx) * y));
+    }
+}
+
+}  // namespace
+
+void block_to_cubes(const compression& c, const active_cells& cells, const double* x,
+                    int64_t len, const block_layout& layout, const interleaved_cubes& cubes,
+                    std::size_t part, std::size_t parts) {
+  const int use_map = row_map(cells, len);
+  const std::size_t lanes = cubes.lanes, nz = static_cast<std::size_t>(c.nz);
+  const std::size_t columns = std::min(layout.columns, lanes);
+  const bool plain = !layout.scale && columns == lanes;
+  for_each_column(c, cubes, part, parts, [&](double* col, std::size_t cell) {
+    for (std::size_t k = 0; k < nz; ++k) {
+      double* out = col + k * lanes;
+      const int32_t at = use_map ? cells.active_map[cell + k] : 1;
+      if (at <= 0) {
+        std::fill(out, out + lanes, 0.0);
+        continue;
+      }
+      const std::size_t from = use_map ? static_cast<std::size_t>(at - 1) : cell + k;
+      const double* in = x + from * layout.stride;
+      if (plain) {
+        copy_lanes(in, out, lanes);
+        continue;
+      }
+      const double scale = layout.scale ? layout.scale[from] : 1.0;
+      for (std::size_t l = 0; l < columns; ++l) out[l] = scale * in[l];
+      std::fill(out + columns, out + lanes, 0.0);
+    }
+  });
+}
+
+void cubes_to_block(const compression& c, const active_cells& cells, double* x, int64_t len,
+                    const block_layout& layout, const interleaved_cubes& cubes, std::size_t part,
+                    std::size_t parts) {
+  const int use_map = row_map(cells, len);
+  const std::size_t lanes = cubes.lanes, nz = static_cast<std::size_t>(c.nz);
+  const std::size_t columns = std::min(layout.columns, lanes);
+  const bool plain = !layout.scale && columns == lanes;
+  for_each_column(c, cubes, part, parts, [&](const double* col, std::size_t cell) {
+    for (std::size_t k = 0; k < nz; ++k) {
+      const int32_t at = use_map ? cells.active_map[cell + k] : 1;
+      if (at <= 0) continue;
+      const std::size_t to = use_map ? static_cast<std::size_t>(at - 1) : cell + k;
+      const double* in = col + k * lanes;
+      double* out = x + to * layout.stride;
+      if (plain) {
+        copy_lanes(in, out, lanes);
+        continue;
+      }
+      const double scale = layout.scale ? layout.scale[to] : 1.0;
+      for (std::size_t l = 0; l < columns; ++l) out[l] = in[l] * scale;
+    }
+  });
+}
+
 void row_to_cube(const compression& c, const active_cells& cells, const double* x, int64_t len,
                  double* y) {
-  const int use_map = row_map(cells, len);
-  const int32_t ny = c.ny, nx = c.nx, nz = c.nz;
-  const int32_t padded_ny = c.padded_ny, padded_nx = c.padded_nx, padded_nz = c.padded_nz;
-  const std::size_t zp = static_cast<std::size_t>(padded_nz);
-  const std::size_t plane = zp * static_cast<std::size_t>(padded_nx);
-  std::size_t next = 0;  // plain copy: the next value of x
-  for (int32_t i = 1; i <= padded_ny; ++i) {
-    for (int32_t j = 1; j <= padded_nx; ++j) {
-      double* col =
-          y + static_cast<std::size_t>(j - 1) * zp + static_cast<std::size_t>(i - 1) * plane;
-      std::size_t k0 = 0;
-      if (i <= ny && j <= nx) {
-        if (use_map) {
-          const int32_t* map = cells.active_map.data() +
-                               static_cast<std::size_t>(nz) *
-                                   (static_cast<std::size_t>(j - 1) +
-                                    static_cast<std::size_t>(nx) * static_cast<std::size_t>(i - 1));
-          for (int32_t k = 0; k < nz; ++k) col[k] = (map[k] > 0) ? x[map[k] - 1] : 0.0;
-        } else {
-          for (int32_t k = 0; k < nz; ++k) col[k] = x[next++];
-        }
-        k0 = static_cast<std::size_t>(nz);
-      }
-      std::fill(col + k0, col + zp, 0.0);
+  block_to_cubes(c, cells, x, len, {}, lanes_of_compression(c, y, 1), 0, 1);
+  // The padding: past nz in the mesh's columns, whole columns beyond it.
+  const std::size_t zp = static_cast<std::size_t>(c.padded_nz);
+  for (int32_t i = 0; i < c.padded_ny; ++i)
+    for (int32_t j = 0; j < c.padded_nx; ++j) {
+      double* col = y + (static_cast<std::size_t>(j) + static_cast<std::size_t>(i) *
+                                                           static_cast<std::size_t>(c.padded_nx)) *
+                            zp;
+      std::fill(col + (i < c.ny && j < c.nx ? static_cast<std::size_t>(c.nz) : 0), col + zp, 0.0);
     }
-  }
 }
 
 void cube_to_row(const compression& c, const active_cells& cells, double* x, int64_t len,
                  const double* y) {
-  const int use_map = row_map(cells, len);
-  const int32_t ny = c.ny, nx = c.nx, nz = c.nz;
-  const int32_t padded_nx = c.padded_nx, padded_nz = c.padded_nz;
-  const std::size_t zp = static_cast<std::size_t>(padded_nz);
-  const std::size_t plane = zp * static_cast<std::size_t>(padded_nx);
-  std::size_t next = 0;
-  const int32_t* map = cells.active_map.data();
-  for (int32_t i = 1; i <= ny; ++i) {
-    for (int32_t j = 1; j <= nx; ++j) {
-      const double* col =
-          y + static_cast<std::size_t>(j - 1) * zp + static_cast<std::size_t>(i - 1) * plane;
-      for (int32_t k = 0; k < nz; ++k) {
-        if (use_map) {
-          if (*map > 0) x[*map - 1] = col[k];
-          ++map;
-        } else {
-          x[next++] = col[k];
-        }
-      }
-    }
-  }
+  // Only read: the cubes' values are written by block_to_cubes alone.
+  cubes_to_block(c, cells, x, len, {}, lanes_of_compression(c, const_cast<double*>(y), 1), 0,
+                 1);
 }
 
 void transform_cube(const compression& c, double* a, int32_t isign, line_buffers& lb) {
@@ -246,115 +312,167 @@ void filter_step(const transform_filters& filters, double* a, int32_t n, bool fo
 
 namespace {
 
-// axis_pass: the pass of transform_3d along one axis of a cube of extents
-// nn: lines of n values, `stride` apart within a line (1: the contiguous
-// lines, z), cut into `blocks` blocks of lines that are filtered each on its
-// own, so that any thread may take any block.
-struct axis_pass {
-  int64_t n = 0, stride = 1;
-  int64_t lines = 0;  // contiguous lines: how many
-  int64_t span = 0;   // strided lines: the values of one slab of them
-  std::size_t width = 0, block = 0, per_slab = 0;
-  int64_t blocks = 0;
-};
+// lines_per_block: along axis 0, how many lines of `lanes` values are put
+// side by side, z_block values wide; eight or more cubes' lines are side by
+// side already (1: in place).
+std::size_t lines_per_block(std::size_t lanes) {
+  return lanes >= 8 ? 1 : std::max<std::size_t>(1, z_block / lanes);
+}
 
-axis_pass pass_along(const int32_t nn[3], int d) {
-  axis_pass p;
-  p.n = nn[d];
-  for (int e = 0; e < d; ++e) p.stride *= nn[e];
-  const int64_t ntot = static_cast<int64_t>(nn[0]) * nn[1] * nn[2];
-  if (p.n <= 4 || ntot == 0) return p;  // left alone
-  if (p.stride == 1) {
-    // Contiguous lines, z_block of them side by side at a time.
-    p.block = z_block;
-    p.lines = ntot / p.n;
-    p.blocks = (p.lines + static_cast<int64_t>(z_block) - 1) / static_cast<int64_t>(z_block);
+// width_across: the lines side by side along axis 1 or 2.
+std::size_t width_across(const interleaved_cubes& cubes, int axis) {
+  std::size_t width = cubes.lanes;
+  for (int d = 0; d < axis; ++d) width *= static_cast<std::size_t>(cubes.extent[d]);
+  return width;
+}
+
+// fit_buffers: lb long enough for every block of transform_axis along axis.
+void fit_buffers(const interleaved_cubes& cubes, int axis, line_buffers& lb) {
+  const std::size_t ln = static_cast<std::size_t>(cubes.extent[axis]);
+  if (ln <= 4) return;
+  if (axis == 0) {
+    const std::size_t bw = lines_per_block(cubes.lanes) * cubes.lanes;
+    if (cubes.lanes < 8) grow(lb.wk, ln * bw);
+    grow(lb.wksp, ln * bw);
   } else {
-    // Strided lines lie side by side, `stride` of them in each slab.
-    p.width = static_cast<std::size_t>(p.stride);
-    p.block = lane_block(p.n, p.width);
-    p.span = p.n * p.stride;
-    p.per_slab = (p.width + p.block - 1) / p.block;
-    p.blocks = ntot / p.span * static_cast<int64_t>(p.per_slab);
+    grow(lb.wksp, ln * lane_block(cubes.extent[axis], width_across(cubes, axis)));
   }
-  return p;
 }
 
-// fit_buffers: lb long enough for every block of pass p.
-void fit_buffers(const axis_pass& p, line_buffers& lb) {
-  if (p.blocks == 0) return;
-  const std::size_t size = static_cast<std::size_t>(p.n) * p.block;
-  if (p.stride == 1) grow(lb.wk, size);
-  grow(lb.wksp, size);
-}
-
-// run_blocks: blocks [b0, b1) of pass p over the cube a, on lb (fitted).
-void run_blocks(const transform_filters& f, double* a, const axis_pass& p, bool forward,
-                int64_t target, line_buffers& lb, int64_t b0, int64_t b1) {
-  const int64_t n = p.n;
-  const std::size_t ln = static_cast<std::size_t>(n);
-  for (int64_t b = b0; b < b1; ++b) {
-    if (p.stride == 1) {
-      // A block of zeros (padding, mostly) stays zeros and is passed over.
-      double* wk = lb.wk.data();
-      const int64_t line = b * static_cast<int64_t>(z_block);
-      const std::size_t nb = static_cast<std::size_t>(
-          std::min<int64_t>(static_cast<int64_t>(z_block), p.lines - line));
-      const double* src = a + line * n;
-      bool any = false;
-      for (std::size_t l = 0; l < z_block; ++l)
-        for (std::size_t q = 0; q < ln; ++q) {
-          const double v = l < nb ? src[l * ln + q] : 0.0;
-          wk[q * z_block + l] = v;
-          any |= v != 0.0;
-        }
-      if (!any) continue;
-      lines_transform(target, f, wk, z_block, z_block, n, n, forward, lb.wksp.data());
-      double* dst = a + line * n;
-      for (std::size_t l = 0; l < nb; ++l)
-        for (std::size_t q = 0; q < ln; ++q) dst[l * ln + q] = wk[q * z_block + l];
-    } else {
-      const int64_t slab = b / static_cast<int64_t>(p.per_slab);
-      const std::size_t l0 =
-          static_cast<std::size_t>(b % static_cast<int64_t>(p.per_slab)) * p.block;
-      lines_transform(target, f, a + slab * p.span + static_cast<int64_t>(l0), p.width,
-                      std::min(p.block, p.width - l0), n, n, forward, lb.wksp.data());
-    }
-  }
+// axis_pieces: the count of the smallest shares of transform_axis along
+// axis: planes along axes 0 and 1, blocks of lines along axis 2.
+int64_t axis_pieces(const interleaved_cubes& cubes, int axis, bool forward) {
+  if (axis < 2) return forward ? cubes.used[2] : cubes.extent[2];
+  const int64_t n = cubes.extent[2];
+  if (n <= 4) return 1;
+  const std::size_t width = width_across(cubes, 2), bw = lane_block(n, width);
+  return static_cast<int64_t>((width + bw - 1) / bw);
 }
 
 }  // namespace
 
-void transform_3d(const transform_filters& f, double* a, const int32_t nn[3], int32_t isign,
-                  line_buffers& lb) {
+void transform_axis(const transform_filters& f, const interleaved_cubes& cubes, int axis,
+                    int32_t isign, std::size_t part, std::size_t parts, line_buffers& lb) {
+  const int64_t n = cubes.extent[axis];
+  const bool forward = isign >= 0;
+  const std::size_t ln = static_cast<std::size_t>(n), lanes = cubes.lanes;
+  // Forward, only the used places along the axis are read, in the used
+  // lines: the others are padding that no later axis reads.
+  const int64_t m = forward ? std::min<int64_t>(cubes.used[axis], n) : n;
+  const auto lines_of = [&](int d) { return forward ? cubes.used[d] : cubes.extent[d]; };
+  if (n <= 4) {
+    // Left alone; forward, the padding along the axis becomes the zeros it stands for.
+    if (!forward || m == n) return;
+    // Lines of `below` values a place, `row` of them after one another
+    // (those of one plane along z), `rows` such runs a plane apart.
+    std::size_t below = lanes;
+    for (int d = 0; d < axis; ++d) below *= static_cast<std::size_t>(cubes.extent[d]);
+    const int64_t row = axis == 0 ? lines_of(1) : 1, rows = axis == 2 ? 1 : lines_of(2);
+    const std::size_t apart = axis == 0 ? ln * below * static_cast<std::size_t>(cubes.extent[1])
+                                        : ln * below;
+    const auto [first, last] = share_range(rows, part, parts);
+    for (int64_t o = first; o < last; ++o)
+      for (int64_t r = 0; r < row; ++r) {
+        double* line = cubes.values + static_cast<std::size_t>(o) * apart +
+                       static_cast<std::size_t>(r) * ln * below;
+        std::fill(line + static_cast<std::size_t>(m) * below, line + ln * below, 0.0);
+      }
+    return;
+  }
   const int64_t target = target_of(lb);
-  for (int d = 0; d < 3; ++d) {
-    const axis_pass p = pass_along(nn, d);
-    fit_buffers(p, lb);
-    run_blocks(f, a, p, isign >= 0, target, lb, 0, p.blocks);
+  if (axis == 0) {
+    // Lines along memory: blocks of them put side by side in wk. A block of
+    // zeros (padding, mostly) stays zeros.
+    const std::size_t per_block = lines_per_block(lanes), bw = per_block * lanes;
+    const bool in_place = per_block == 1;
+    fit_buffers(cubes, axis, lb);
+    double* wk = lb.wk.data();
+    // The lines of a plane (y) in a row, a share being whole planes; done
+    // at once, whole planes make one run.
+    int64_t row = lines_of(1), rows = lines_of(2);
+    if (parts == 1 && row == cubes.extent[1]) row *= rows, rows = 1;
+    const int64_t blocks = (row + static_cast<int64_t>(per_block) - 1) / static_cast<int64_t>(per_block);
+    const auto [plane0, plane1] = share_range(rows, part, parts);
+    const int64_t first = plane0 * blocks, last = plane1 * blocks;
+    const std::size_t used = static_cast<std::size_t>(m);
+    for (int64_t job = first; job < last; ++job) {
+      const int64_t b0 = (job % blocks) * static_cast<int64_t>(per_block);
+      const std::size_t nb = static_cast<std::size_t>(std::min<int64_t>(per_block, row - b0));
+      double* src = cubes.values + static_cast<std::size_t>((job / blocks) * cubes.extent[1] + b0) * ln * lanes;
+      if (in_place) {
+        if (std::any_of(src, src + used * lanes, [](double v) { return v != 0.0; }))
+          lines_transform(target, f, src, lanes, lanes, n, m, forward, lb.wksp.data());
+        else
+          std::fill(src + used * lanes, src + ln * lanes, 0.0);
+        continue;
+      }
+      bool any = false;
+      for (std::size_t b = 0; b < per_block; ++b)
+        for (std::size_t p = 0; p < used; ++p)
+          for (std::size_t l = 0; l < lanes; ++l) {
+            const double v = b < nb ? src[(b * ln + p) * lanes + l] : 0.0;
+            wk[p * bw + b * lanes + l] = v;
+            any |= v != 0.0;
+          }
+      if (!any) {
+        for (std::size_t b = 0; b < nb; ++b)
+          std::fill(src + (b * ln + used) * lanes, src + (b + 1) * ln * lanes, 0.0);
+        continue;
+      }
+      lines_transform(target, f, wk, bw, bw, n, m, forward, lb.wksp.data());
+      for (std::size_t b = 0; b < nb; ++b)
+        for (std::size_t p = 0; p < ln; ++p)
+          for (std::size_t l = 0; l < lanes; ++l)
+            src[(b * ln + p) * lanes + l] = wk[p * bw + b * lanes + l];
+    }
+    return;
+  }
+  // Lines across memory lie side by side already, `width` of them: a block
+  // at a time.
+  const std::size_t width = width_across(cubes, axis), bw = lane_block(n, width);
+  const int64_t planes = axis == 1 ? lines_of(2) : 1;
+  fit_buffers(cubes, axis, lb);
+  const int64_t blocks = static_cast<int64_t>((width + bw - 1) / bw);
+  // Along x a share is whole planes, those of axis 0's share; along y, blocks.
+  const auto [plane0, plane1] = share_range(planes, part, parts);
+  const auto [first, last] =
+      axis == 1 ? std::pair{plane0 * blocks, plane1 * blocks} : share_range(blocks, part, parts);
+  for (int64_t job = first; job < last; ++job) {
+    const std::size_t l0 = static_cast<std::size_t>(job % blocks) * bw;
+    lines_transform(target, f, cubes.values + static_cast<std::size_t>(job / blocks) * width * ln + l0,
+                    width, std::min(bw, width - l0), n, m, forward, lb.wksp.data());
   }
 }
 
+void transform_3d(const transform_filters& f, double* a, const int32_t nn[3], int32_t isign,
+                  line_buffers& lb) {
+  interleaved_cubes cube;
+  cube.values = a;
+  for (int d = 0; d < 3; ++d) cube.extent[d] = cube.used[d] = nn[d];
+  for (int axis = 0; axis < 3; ++axis) transform_axis(f, cube, axis, isign, 0, 1, lb);
+}
+
 void transform_cube_parallel(const compression& c, double* a, int32_t isign) {
-  const int32_t nn[3] = {c.padded_nz, c.padded_nx, c.padded_ny};
-  const axis_pass passes[3] = {pass_along(nn, 0), pass_along(nn, 1), pass_along(nn, 2)};
+  interleaved_cubes cube = lanes_of_compression(c, a, 1);
+  for (int d = 0; d < 3; ++d) cube.used[d] = cube.extent[d];
   stop_latch latch;
 #pragma omp parallel
   {
     line_buffers lb;
     latch.run([&] {
-      for (const axis_pass& p : passes) fit_buffers(p, lb);
+      for (int axis = 0; axis < 3; ++axis) fit_buffers(cube, axis, lb);
     });
-    const int64_t target = target_of(lb);
-    // Every thread knows whether all could start before any pass begins.
+    // Every thread knows whether all could start before any axis begins.
 #pragma omp barrier
     if (!latch.stopped()) {
-      for (const axis_pass& p : passes) {
-        // Blocks handed out a few at a time: the blocks of padding cost
-        // nothing, so even shares of blocks would not be even shares of work.
+      for (int axis = 0; axis < 3; ++axis) {
+        // Pieces handed out a few at a time: the blocks of padding cost
+        // nothing, so even shares of pieces would not be even shares of work.
+        const int64_t pieces = axis_pieces(cube, axis, isign >= 0);
 #pragma omp for schedule(dynamic, 4)
-        for (int64_t b = 0; b < p.blocks; ++b)
-          run_blocks(c.filters, a, p, isign >= 0, target, lb, b, b + 1);
+        for (int64_t b = 0; b < pieces; ++b)
+          transform_axis(c.filters, cube, axis, isign, static_cast<std::size_t>(b),
+                         static_cast<std::size_t>(pieces), lb);
       }
     }
   }

@@ -5,7 +5,9 @@
 // 0-based place (k-1) + (j-1) padded_nz + (i-1) padded_nz padded_nx: z fastest, then x, then y.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <utility>
 #include <vector>
 
 #include "base/channels.hpp"
@@ -58,6 +60,73 @@ void row_to_cube(const compression& c, const active_cells& cells, const double* 
 // Fails: a len that is neither count stops with "size(x) /= # of cells".
 void cube_to_row(const compression& c, const active_cells& cells, double* x, int64_t len,
                  const double* y);
+
+// interleaved_cubes: `lanes` cubes of extent[0] x extent[1] x extent[2]
+// values (extent[0] fastest, as transform_3d's nn), side by side: value p of
+// cube l at values[p * lanes + l]. Only the first used[d] places along each
+// axis d hold values: a forward transform reads nothing beyond them.
+struct interleaved_cubes {
+  double* values = nullptr;
+  int32_t extent[3] = {0, 0, 0};
+  int32_t used[3] = {0, 0, 0};
+  std::size_t lanes = 1;
+};
+
+// lanes_of_compression: the interleaved cubes of c's padded cube, the mesh's
+// extents used, over values.
+interleaved_cubes lanes_of_compression(const compression& c, double* values, std::size_t lanes);
+
+// share_range: the first and one past the last of count items in share part
+// of parts (even shares in order, the larger ones last).
+std::pair<int64_t, int64_t> share_range(int64_t count, std::size_t part, std::size_t parts);
+
+// transform_axis
+// Given: the filters; interleaved cubes; an axis (0, 1, 2); isign >= 0
+//   forward, < 0 inverse; the share `part` of `parts` of the axis's lines
+//   to transform; the calling thread's line buffers.
+// Returns: the share's lines transformed in place by all the steps of
+//   transform_3d along the axis. Axes 0, 1, 2 in turn, each done in every
+//   share before the next starts, give each cube what transform_3d gives it,
+//   bit for bit (but for the sign of a zero); forward, the places beyond the
+//   used extents hold what zeros there would have given, whatever they held.
+//   How the lines are shared doesn't change a value. Along axes 0 and 1 a
+//   share is whole planes along axis 2 (of used[2] planes forward, extent[2]
+//   inverse), the same for both axes: a thread can run both on its share
+//   without waiting for the others, and plane by plane (parts: the count of
+//   planes) while the plane is in cache.
+// Fails: never.
+void transform_axis(const transform_filters& f, const interleaved_cubes& cubes, int axis,
+                    int32_t isign, std::size_t part, std::size_t parts, line_buffers& lb);
+
+// block_layout: how a block of rows holds the lanes of interleaved cubes:
+// lane l of cell c at x[c * stride + l] for l < columns (the cubes' other
+// lanes are 0 going in, left out coming back), times scale[c] either way
+// (scale nullptr: as they are).
+struct block_layout {
+  std::size_t stride = 1, columns = 1;
+  const double* scale = nullptr;
+};
+
+// block_to_cubes
+// Given: the compression record and the active cells; x, a block of rows of
+//   len values (len as row_to_cube takes it) laid out as `layout` says; the
+//   interleaved cubes of c (lanes_of_compression); the share part of parts
+//   of the mesh's planes (y).
+// Returns: each lane's row at its cells in the share's planes of its cube, 0
+//   at cells no row value addresses; places beyond the mesh left as they are.
+// Fails: a len that is neither count stops with "size(x) /= # of cells".
+void block_to_cubes(const compression& c, const active_cells& cells, const double* x,
+                    int64_t len, const block_layout& layout, const interleaved_cubes& cubes,
+                    std::size_t part, std::size_t parts);
+
+// cubes_to_block
+// Given: as block_to_cubes, x to fill.
+// Returns: the cells of the share's planes taken from the cubes into x
+//   (the mapping of block_to_cubes, as cube_to_row's).
+// Fails: as block_to_cubes.
+void cubes_to_block(const compression& c, const active_cells& cells, double* x, int64_t len,
+                    const block_layout& layout, const interleaved_cubes& cubes, std::size_t part,
+                    std::size_t parts);
 
 // transform_cube
 // Given: a, a cube of cube_size values; isign +1 forward, -1 inverse; the

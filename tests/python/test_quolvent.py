@@ -110,12 +110,12 @@ def test_products_against_the_dense_matrix(runs, name):
     np.testing.assert_allclose(g, dense.T @ v, rtol=1e-6, atol=1e-6 * np.abs(g).max())
     assert abs(v @ d - g @ model) <= 1e-10 * abs(v @ d)
     np.testing.assert_array_equal(v @ m, g)
-    # A block of 9 columns (one group of eight and a remainder) against the
+    # A block of 11 columns (one group of eight and a remainder) against the
     # single products, column by column.
-    models, vs = rng.random((m.ncells, 9)), rng.standard_normal((m.ndata, 9))
+    models, vs = rng.random((m.ncells, 11)), rng.standard_normal((m.ndata, 11))
     block, rblock = m @ models, m.T @ vs
-    assert block.shape == (m.ndata, 9) and rblock.shape == (m.ncells, 9)
-    for j in range(9):
+    assert block.shape == (m.ndata, 11) and rblock.shape == (m.ncells, 11)
+    for j in range(11):
         np.testing.assert_allclose(block[:, j], m @ models[:, j], rtol=1e-12,
                                    atol=1e-12 * np.abs(block[:, j]).max())
         np.testing.assert_allclose(rblock[:, j], m.T @ vs[:, j], rtol=1e-12,

@@ -492,3 +492,68 @@ TEST(TransformLanes, RowCoefficientsAndCompressRowAsOneAtATime) {
         }
       }
 }
+
+// Several rows transformed at once as interleaved cubes, in shares of the
+// lines as threads take them, on every target: each lane holds what the row
+// alone gives line by line, forward from cubes whose padding holds NaN, and
+// inverse, back to the rows through cubes_to_block.
+TEST(TransformLanes, InterleavedCubesAsEachRowAlone) {
+  const int32_t meshes[][3] = {{5, 3, 9}, {12, 20, 33}, {1, 3, 1}, {7, 1, 5}};
+  for (const char* name : all_wavelets)
+    for (const auto& m : meshes) {
+      const mesh_model mesh = qt::uniform_mesh(m[0], m[1], m[2], 1.0, 1.0, 1.0);
+      std::vector<int32_t> top(static_cast<std::size_t>(m[0]) * m[1], 0);
+      for (std::size_t c = 0; c < top.size(); ++c)
+        top[c] = static_cast<int32_t>((c * 5) % 3) % (m[2] + 1);
+      const active_cells cells = get_active_cells("null", mesh, top, run_log(nullptr));
+      compression c = qt::wavelet_of(name);
+      set_padded_extents(mesh, c);
+      const int32_t nn[3] = {c.padded_nz, c.padded_nx, c.padded_ny};
+      const std::size_t n = static_cast<std::size_t>(cells.nactive);
+      const std::size_t size = static_cast<std::size_t>(c.cube_size);
+      for (const std::size_t lanes : {1, 3, 8}) {
+        std::vector<double> block(n * lanes), coefficients(size * lanes);
+        for (std::size_t v = 0; v < block.size(); ++v) block[v] = v % 7 == 3 ? 0.0 : std::cos(0.9 * v * v);
+        for (std::size_t v = 0; v < coefficients.size(); ++v) coefficients[v] = std::sin(1.3 * v * v + 0.2);
+        std::vector<double> forward(size * lanes), inverse = coefficients, back(n * lanes);
+        for (std::size_t l = 0; l < lanes; ++l) {
+          std::vector<double> row(n), cube(size);
+          for (std::size_t k = 0; k < n; ++k) row[k] = block[k * lanes + l];
+          row_to_cube(c, cells, row.data(), static_cast<int64_t>(n), cube.data());
+          line_by_line(c.filters, cube.data(), nn, true);
+          for (std::size_t p = 0; p < size; ++p) forward[p * lanes + l] = cube[p];
+          for (std::size_t p = 0; p < size; ++p) cube[p] = coefficients[p * lanes + l];
+          line_by_line(c.filters, cube.data(), nn, false);
+          for (std::size_t p = 0; p < size; ++p) inverse[p * lanes + l] = cube[p];
+          cube_to_row(c, cells, row.data(), static_cast<int64_t>(n), cube.data());
+          for (std::size_t k = 0; k < n; ++k) back[k * lanes + l] = row[k];
+        }
+        for (int64_t t : vector_targets())
+          for (const std::size_t parts : {1, 3}) {
+            SCOPED_TRACE(testing::Message() << name << " " << m[0] << "x" << m[1] << "x" << m[2]
+                                            << " lanes " << lanes << " parts " << parts << " "
+                                            << vector_target_name(t));
+            line_buffers lb;
+            lb.vector_target = t;
+            std::vector<double> got(size * lanes, NAN), rows(n * lanes, NAN);
+            interleaved_cubes cubes = lanes_of_compression(c, got.data(), lanes);
+            for (std::size_t part = 0; part < parts; ++part)
+              block_to_cubes(c, cells, block.data(), static_cast<int64_t>(n), {lanes, lanes}, cubes,
+                             part, parts);
+            for (int axis = 0; axis < 3; ++axis)
+              for (std::size_t part = 0; part < parts; ++part)
+                transform_axis(c.filters, cubes, axis, 1, part, parts, lb);
+            EXPECT_TRUE(got == forward);
+            got = coefficients;
+            for (int axis = 0; axis < 3; ++axis)
+              for (std::size_t part = 0; part < parts; ++part)
+                transform_axis(c.filters, cubes, axis, -1, part, parts, lb);
+            EXPECT_TRUE(got == inverse);
+            for (std::size_t part = 0; part < parts; ++part)
+              cubes_to_block(c, cells, rows.data(), static_cast<int64_t>(n), {lanes, lanes}, cubes,
+                             part, parts);
+            EXPECT_TRUE(rows == back);
+          }
+      }
+    }
+}
