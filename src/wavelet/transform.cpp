@@ -158,6 +158,12 @@ void block_to_cubes(const compression& c, const active_cells& cells, const doubl
   const std::size_t columns = std::min(layout.columns, lanes);
   const bool plain = !layout.scale && columns == lanes;
   for_each_column(c, cubes, part, parts, [&](double* col, std::size_t cell) {
+    if (plain && lanes == 1) {  // one row as it is: the loop of every row's cube
+      const int32_t* map = cells.active_map.data() + cell;
+      for (std::size_t k = 0; k < nz; ++k)
+        col[k] = use_map ? (map[k] > 0 ? x[map[k] - 1] : 0.0) : x[cell + k];
+      return;
+    }
     for (std::size_t k = 0; k < nz; ++k) {
       double* out = col + k * lanes;
       const int32_t at = use_map ? cells.active_map[cell + k] : 1;
@@ -319,6 +325,36 @@ std::size_t lines_per_block(std::size_t lanes) {
   return lanes >= 8 ? 1 : std::max<std::size_t>(1, z_block / lanes);
 }
 
+// side_by_side: per_block lines of ln places (the first nb of them from
+// src, lanes values a place, L of them, or `lanes` when L is 0, so that the
+// usual single cube gets loops of fixed length) into wk, place after place,
+// the lines' lanes side by side; the first `used` places. Returns whether
+// any value is not 0.
+template <std::size_t L>
+bool side_by_side(const double* src, std::size_t ln, std::size_t used, std::size_t lanes,
+                  std::size_t per_block, std::size_t nb, double* wk) {
+  const std::size_t nl = L ? L : lanes, bw = per_block * nl;
+  bool any = false;
+  for (std::size_t b = 0; b < per_block; ++b)
+    for (std::size_t p = 0; p < used; ++p)
+      for (std::size_t l = 0; l < nl; ++l) {
+        const double v = b < nb ? src[(b * ln + p) * nl + l] : 0.0;
+        wk[p * bw + b * nl + l] = v;
+        any |= v != 0.0;
+      }
+  return any;
+}
+
+// back_in_line: the first nb lines of wk back into src, as side_by_side took them.
+template <std::size_t L>
+void back_in_line(const double* wk, std::size_t ln, std::size_t lanes, std::size_t per_block,
+                  std::size_t nb, double* src) {
+  const std::size_t nl = L ? L : lanes, bw = per_block * nl;
+  for (std::size_t b = 0; b < nb; ++b)
+    for (std::size_t p = 0; p < ln; ++p)
+      for (std::size_t l = 0; l < nl; ++l) src[(b * ln + p) * nl + l] = wk[p * bw + b * nl + l];
+}
+
 // width_across: the lines side by side along axis 1 or 2.
 std::size_t width_across(const interleaved_cubes& cubes, int axis) {
   std::size_t width = cubes.lanes;
@@ -406,24 +442,18 @@ void transform_axis(const transform_filters& f, const interleaved_cubes& cubes, 
           std::fill(src + used * lanes, src + ln * lanes, 0.0);
         continue;
       }
-      bool any = false;
-      for (std::size_t b = 0; b < per_block; ++b)
-        for (std::size_t p = 0; p < used; ++p)
-          for (std::size_t l = 0; l < lanes; ++l) {
-            const double v = b < nb ? src[(b * ln + p) * lanes + l] : 0.0;
-            wk[p * bw + b * lanes + l] = v;
-            any |= v != 0.0;
-          }
+      const bool any = lanes == 1 ? side_by_side<1>(src, ln, used, lanes, per_block, nb, wk)
+                                  : side_by_side<0>(src, ln, used, lanes, per_block, nb, wk);
       if (!any) {
         for (std::size_t b = 0; b < nb; ++b)
           std::fill(src + (b * ln + used) * lanes, src + (b + 1) * ln * lanes, 0.0);
         continue;
       }
       lines_transform(target, f, wk, bw, bw, n, m, forward, lb.wksp.data());
-      for (std::size_t b = 0; b < nb; ++b)
-        for (std::size_t p = 0; p < ln; ++p)
-          for (std::size_t l = 0; l < lanes; ++l)
-            src[(b * ln + p) * lanes + l] = wk[p * bw + b * lanes + l];
+      if (lanes == 1)
+        back_in_line<1>(wk, ln, lanes, per_block, nb, src);
+      else
+        back_in_line<0>(wk, ln, lanes, per_block, nb, src);
     }
     return;
   }
