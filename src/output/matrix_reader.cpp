@@ -395,20 +395,24 @@ std::vector<double> stored_matrix::rdot_block(const double* v, int32_t k) const 
         const auto [t, threads] = thread_share();
         columns_of(v, kk, g0, columns, lanes, ndata, nullptr, t, threads, w.data());
         const auto [first, last] = share_range(steps, t, threads);
-        const std::size_t p0 = std::min(cube_size, static_cast<std::size_t>(first) * step);
-        const std::size_t p1 = std::min(cube_size, static_cast<std::size_t>(last) * step);
-        std::fill(cube.get() + p0 * lanes, cube.get() + p1 * lanes, 0.0);
-        std::vector<std::size_t> cursor(ndata);
-        for (std::size_t i = 0; i < ndata; ++i) {
+        // Where each row's coefficients in the share begin (the first share:
+        // at their start, with no search through them).
+        std::vector<std::size_t> cursor(ndata, 0);
+        const int64_t p0 = std::min<int64_t>(c_.cube_size, first * static_cast<int64_t>(step));
+        for (std::size_t i = 0; p0 > 0 && i < ndata; ++i) {
           const std::vector<int32_t>& idx = m_.rows[i].idx;
-          cursor[i] = static_cast<std::size_t>(
-              std::lower_bound(idx.begin(), idx.end(), static_cast<int64_t>(p0) + 1) - idx.begin());
+          cursor[i] = static_cast<std::size_t>(std::lower_bound(idx.begin(), idx.end(), p0 + 1) -
+                                               idx.begin());
         }
 #pragma omp barrier
-        for (int64_t s = first; s < last; ++s)
+        for (int64_t s = first; s < last; ++s) {
+          // The stretch cleared just before its sums, while it is in cache.
+          const std::size_t begin = static_cast<std::size_t>(s) * step;
+          const std::size_t end = std::min(cube_size, begin + step);
+          std::fill(cube.get() + begin * lanes, cube.get() + end * lanes, 0.0);
           sparse_rows_add(target, m_.rows.data(), ndata, w.data(), lanes, cursor.data(),
-                          static_cast<int32_t>(std::min(cube_size, static_cast<std::size_t>(s + 1) * step)),
-                          cube.get());
+                          static_cast<int32_t>(end), cube.get());
+        }
         line_buffers lines;
         lines.vector_target = target;
 #pragma omp barrier

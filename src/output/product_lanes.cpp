@@ -108,8 +108,11 @@ void SparseRowsAdd(const compressed_row* rows, std::size_t nrows, const double* 
 // The uncompressed rows' values are made doubles this many cells at a
 // time, so that the inner loops read each as one broadcast from memory.
 constexpr std::size_t converted_cells = 256;
-using group_tag = hn::CappedTag<double, 8>;
 constexpr std::size_t group = 8;
+using group_tag = hn::CappedTag<double, group>;
+using group_vector = hn::Vec<group_tag>;
+// A group's values in vectors of `lanes`, nv of them.
+constexpr std::size_t lanes = hn::MaxLanes(group_tag()), nv = group / lanes;
 
 // Convert: cells [c, c + count) of each row as doubles, row r at [r * converted_cells].
 HWY_INLINE void Convert(const float* const* rows, std::size_t c, std::size_t count, double* out) {
@@ -118,16 +121,21 @@ HWY_INLINE void Convert(const float* const* rows, std::size_t c, std::size_t cou
       out[r * converted_cells + k] = static_cast<double>(rows[r][c + k]);
 }
 
+// LoadPass: the group's vectors of rows_per_pass rows of p, rows width apart.
+HWY_INLINE void LoadPass(const double* p, std::size_t width, group_vector (&out)[rows_per_pass][nv]) {
+  const group_tag d;
+  for (std::size_t r = 0; r < rows_per_pass; ++r)
+    for (std::size_t j = 0; j < nv; ++j) out[r][j] = hn::LoadU(d, p + r * width + j * lanes);
+}
+
 void DensePassSums(const float* const* rows, const double* x, std::size_t width, std::size_t c0,
                    std::size_t c1, double* sums) {
   const group_tag d;
-  using V = hn::Vec<group_tag>;
-  constexpr std::size_t lanes = hn::MaxLanes(d), nv = group / lanes;
+  using V = group_vector;
   HWY_ALIGN double values[rows_per_pass * converted_cells];
   for (std::size_t g0 = 0; g0 < width; g0 += group) {
     V s[rows_per_pass][nv];
-    for (std::size_t r = 0; r < rows_per_pass; ++r)
-      for (std::size_t j = 0; j < nv; ++j) s[r][j] = hn::LoadU(d, sums + r * width + g0 + j * lanes);
+    LoadPass(sums + g0, width, s);
     for (std::size_t b = c0; b < c1; b += converted_cells) {
       const std::size_t count = std::min(converted_cells, c1 - b);
       Convert(rows, b, count, values);
@@ -149,16 +157,14 @@ void DensePassSums(const float* const* rows, const double* x, std::size_t width,
 void DensePassAdd(const float* const* rows, const double* w, std::size_t width, std::size_t c0,
                   std::size_t c1, double* g) {
   const group_tag d;
-  using V = hn::Vec<group_tag>;
-  constexpr std::size_t lanes = hn::MaxLanes(d), nv = group / lanes;
+  using V = group_vector;
   HWY_ALIGN double values[rows_per_pass * converted_cells];
   for (std::size_t b = c0; b < c1; b += converted_cells) {
     const std::size_t count = std::min(converted_cells, c1 - b);
     Convert(rows, b, count, values);
     for (std::size_t g0 = 0; g0 < width; g0 += group) {
       V wv[rows_per_pass][nv];
-      for (std::size_t r = 0; r < rows_per_pass; ++r)
-        for (std::size_t j = 0; j < nv; ++j) wv[r][j] = hn::LoadU(d, w + r * width + g0 + j * lanes);
+      LoadPass(w + g0, width, wv);
       for (std::size_t k = 0; k < count; ++k) {
         double* gc = g + (b + k) * width + g0;
         V acc[nv];
