@@ -367,8 +367,8 @@ void fit_buffers(const interleaved_cubes& cubes, int axis, line_buffers& lb) {
   const std::size_t ln = static_cast<std::size_t>(cubes.extent[axis]);
   if (ln <= 4) return;
   if (axis == 0) {
-    const std::size_t bw = lines_per_block(cubes.lanes) * cubes.lanes;
-    if (cubes.lanes < 8) grow(lb.wk, ln * bw);
+    const std::size_t per_block = lines_per_block(cubes.lanes), bw = per_block * cubes.lanes;
+    if (per_block > 1) grow(lb.wk, ln * bw);
     grow(lb.wksp, ln * bw);
   } else {
     grow(lb.wksp, ln * lane_block(cubes.extent[axis], width_across(cubes, axis)));
