@@ -498,7 +498,7 @@ TEST(TransformLanes, RowCoefficientsAndCompressRowAsOneAtATime) {
 // alone gives line by line, forward from cubes whose padding holds NaN, and
 // inverse, back to the rows through cubes_to_block.
 TEST(TransformLanes, InterleavedCubesAsEachRowAlone) {
-  const int32_t meshes[][3] = {{5, 3, 9}, {12, 20, 33}, {1, 3, 1}, {7, 1, 5}};
+  const int32_t meshes[][3] = {{5, 3, 9}, {6, 5, 9}, {1, 3, 1}, {7, 1, 5}};
   for (const char* name : all_wavelets)
     for (const auto& m : meshes) {
       const mesh_model mesh = qt::uniform_mesh(m[0], m[1], m[2], 1.0, 1.0, 1.0);
