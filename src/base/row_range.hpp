@@ -39,6 +39,11 @@ inline row_range group_range(row_range rows, int32_t group) {
   return {rows.first / group, (rows.last - 1) / group + 1};
 }
 
+// group_rows: the data of group k (of group data) within rows.
+inline row_range group_rows(row_range rows, int32_t k, int32_t group) {
+  return {std::max(rows.first, k * group), std::min(rows.last, (k + 1) * group)};
+}
+
 // ends_group: datum i is the last of its group (of group data) within rows.
 inline bool ends_group(int32_t i, row_range rows, int32_t group) {
   return (i + 1) % group == 0 || i + 1 == rows.last;

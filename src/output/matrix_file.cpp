@@ -18,16 +18,6 @@ namespace quolvent {
 
 namespace {
 
-// file_out: the records straight into an output_file.
-class file_out : public record_out {
- public:
-  explicit file_out(output_file& f) : f_(f) {}
-  void write(const void* p, std::size_t bytes) override { f_.write(p, bytes); }
-
- private:
-  output_file& f_;
-};
-
 void put_marker(record_out& f, int64_t value) {
   const int32_t m = static_cast<int32_t>(value);
   f.write(&m, sizeof m);
@@ -157,19 +147,20 @@ void write_matrix_rows(record_out& f, const survey& s, const compression& c,
   for (int32_t i = 0; i < count; ++i) {
     out.check_interrupt();
     if (c.compressed) {
-      const compressed_row& rec = store.compressed_rows[static_cast<std::size_t>(i)];
-      const int32_t nnz = static_cast<int32_t>(rec.idx.size());
-      if (rec.val.size() != rec.idx.size()) stop_text("size(val) /= size(idx)");
-      write_record(f,
-                   {{&nnz, 4},
-                    {rec.idx.data(), 4 * rec.idx.size()},
-                    {rec.val.data(), 4 * rec.val.size()}},
-                   record_limit);
+      write_compressed_record(f, store.compressed_rows[static_cast<std::size_t>(i)], record_limit);
     } else {
       write_record(f, {{store.full_rows.data() + static_cast<std::size_t>(i) * len, 4 * len}},
                    record_limit);
     }
   }
+}
+
+void write_compressed_record(record_out& f, const compressed_row& rec, int64_t record_limit) {
+  const int32_t nnz = static_cast<int32_t>(rec.idx.size());
+  if (rec.val.size() != rec.idx.size()) stop_text("size(val) /= size(idx)");
+  write_record(f,
+               {{&nnz, 4}, {rec.idx.data(), 4 * rec.idx.size()}, {rec.val.data(), 4 * rec.val.size()}},
+               record_limit);
 }
 
 void write_matrix_tail(record_out& f, const survey& s,

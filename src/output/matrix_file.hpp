@@ -36,6 +36,16 @@ class record_out {
   virtual void write(const void* p, std::size_t bytes) = 0;
 };
 
+// file_out: the records straight into an output_file.
+class file_out : public record_out {
+ public:
+  explicit file_out(output_file& f) : f_(f) {}
+  void write(const void* p, std::size_t bytes) override { f_.write(p, bytes); }
+
+ private:
+  output_file& f_;
+};
+
 // write_record: one record made of the blocks in order, framed as
 // [i32 length][payload][i32 length]; above `limit` payload bytes it is split
 // into frames of exactly `limit` bytes and a last one of the rest, the signs
@@ -76,6 +86,7 @@ void say_writing_matrix(const run_log& out);
 //     padded extents, flag and weights).
 //   write_matrix_rows: the row records of the store, the data of `rows` in
 //     order, a checkpoint before each (out.check_interrupt).
+//   write_compressed_record: one row's record: its count, indices, values.
 //   write_matrix_tail: the last record, squared_sensitivity.
 void check_matrix_arrays(const survey& s, const compression& c, const matrix_store& store,
                          row_range rows, const std::vector<double>* squared_sensitivity);
@@ -84,6 +95,8 @@ void write_matrix_head(record_out& f, const survey& s, const compression& c, int
 void write_matrix_rows(record_out& f, const survey& s, const compression& c,
                        const matrix_store& store, row_range rows, const run_log& out,
                        int64_t record_limit = subrecord_limit);
+void write_compressed_record(record_out& f, const compressed_row& rec,
+                             int64_t record_limit = subrecord_limit);
 void write_matrix_tail(record_out& f, const survey& s,
                        const std::vector<double>& squared_sensitivity,
                        int64_t record_limit = subrecord_limit);

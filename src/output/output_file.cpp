@@ -42,6 +42,19 @@ void sync_directory(const std::string& name) {
   ::close(fd);
 }
 
+// start_device_write: the device starts on these bytes of fd now, without a
+// wait (bytes 0: to the end of the file).
+void start_device_write(int fd, int64_t offset, int64_t bytes) {
+#ifdef __linux__
+  ::sync_file_range(fd, static_cast<off_t>(offset), static_cast<off_t>(bytes),
+                    SYNC_FILE_RANGE_WRITE);
+#else
+  (void)fd;
+  (void)offset;
+  (void)bytes;
+#endif
+}
+
 }  // namespace
 
 output_file::output_file(const std::string& name, const char* mode) : name_(name) {
@@ -88,6 +101,11 @@ void output_file::sync() {
   if (std::fflush(f_) != 0) fail(errno);
   if (::fsync(::fileno(f_)) != 0) fail(errno);
   synced_ = true;
+}
+
+void output_file::start_writeback() {
+  if (std::fflush(f_) != 0) fail(errno);
+  start_device_write(::fileno(f_), 0, 0);
 }
 
 void output_file::finish() {
@@ -146,13 +164,7 @@ void output_part::write_at(int64_t offset, const void* p, std::size_t bytes) con
 }
 
 void output_part::start_writeback(int64_t offset, int64_t bytes) const {
-#ifdef __linux__
-  ::sync_file_range(fd_, static_cast<off_t>(offset), static_cast<off_t>(bytes),
-                    SYNC_FILE_RANGE_WRITE);
-#else
-  (void)offset;
-  (void)bytes;
-#endif
+  start_device_write(fd_, offset, bytes);
 }
 
 void output_part::finish() {

@@ -34,6 +34,10 @@ class output_file {
   void line(std::string_view text);
   // sync: every byte written so far on the device. Fails: as write.
   void sync();
+  // start_writeback: every byte written so far handed to the system, and the
+  // device started on it without a wait, so that the sync at the end finds
+  // little left to do. Fails: as write.
+  void start_writeback();
   // finish: syncs, takes the permissions, closes; the file waits under its
   // temporary name. Fails: as close.
   void finish();

@@ -89,6 +89,7 @@ void store_sink::put(thread_part& t, int32_t datum, const double* row, double te
       compress_row(c_, s_.cells, row, s_.n, rec, part.nnz, s_.datum_kinds[d], part.ws);
   if (exact_error_row(datum)) row_exact_[d] = stored_row_error(c_, s_.cells, row, s_.n, rec, part.ws);
   data_comp_[d] = dot_compressed(test_model_w_, rec);
+  if (ordered_) ordered_->row_done(datum);
 }
 
 void store_sink::put_record(thread_part& t, int32_t datum, compressed_row&& rec, double bound,
@@ -104,6 +105,7 @@ void store_sink::put_record(thread_part& t, int32_t datum, compressed_row&& rec,
   if (exact_error_row(datum))
     row_exact_[d] = stored_row_error(c_, s_.cells, row, s_.n, stored, part.ws);
   data_comp_[d] = dot_compressed(test_model_w_, stored);
+  if (ordered_) ordered_->row_done(datum);
 }
 
 void store_sink::close_thread(thread_part& t) {

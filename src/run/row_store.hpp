@@ -2,7 +2,8 @@
 // whole land in full_rows, or, given a streamed matrix file, straight in
 // their records of the file (each thread's row buffer written out as the
 // row is done); compressed rows go through compress_row into their
-// records, with the datum of the test model from the row before and after
+// records (given an ordered matrix file, each into the file once every
+// earlier datum's is made), with the datum of the test model from the row before and after
 // compression and the relative error of the stored row (the compression
 // check).
 #pragma once
@@ -15,6 +16,7 @@
 #include "base/row_range.hpp"
 #include "model/model.hpp"
 #include "output/matrix_file.hpp"
+#include "output/ordered_matrix.hpp"
 #include "sens/row_sink.hpp"
 #include "wavelet/compression.hpp"
 
@@ -29,10 +31,11 @@ class store_sink : public row_sink {
       : store_sink(s, c, store, all_rows(s.obs.ndata)) {}
   store_sink(const survey& s, const compression& c, matrix_store& store, row_range rows)
       : s_(s), c_(c), store_(store), rows_(rows) {}
-  // Rows kept whole go to `file` (which outlives the sink) as they are made.
+  // Rows kept whole go to `file`, compressed records to `ordered` (each
+  // outlives the sink), as they are made.
   store_sink(const survey& s, const compression& c, matrix_store& store, row_range rows,
-             const streamed_matrix* file)
-      : s_(s), c_(c), store_(store), rows_(rows), file_(file) {}
+             const streamed_matrix* file, ordered_matrix* ordered = nullptr)
+      : s_(s), c_(c), store_(store), rows_(rows), file_(file), ordered_(ordered) {}
 
   void begin(int32_t n, int32_t ndata, const char* alloc_name) override;
   double test_model() const override;
@@ -75,6 +78,7 @@ class store_sink : public row_sink {
   matrix_store& store_;
   row_range rows_;
   const streamed_matrix* file_ = nullptr;
+  ordered_matrix* ordered_ = nullptr;
   std::vector<double> test_model_w_, data_full_, data_comp_, row_bound_, row_exact_;
   int64_t nnz_ = 0;
   std::mutex lock_;

@@ -212,17 +212,23 @@ void run_pipeline(const run_params& params, phase_clock& clock, run_log& out,
   const row_range rows = group.rows(s.obs.ndata);
   const std::string matrix_path = output_path(options, "dulmarok.mtx");
   check_output_room(s, c, matrix_path, out, rows.count());
-  // Rows kept whole go to the matrix file as they are made; compressed rows
-  // are held in memory (they are small) until it is written.
+  // Rows kept whole go to the matrix file as they are made. Compressed rows
+  // are held in memory (they are small); a process that writes the whole
+  // file puts each record in as soon as every earlier one is made, and frees
+  // it unless the uncompress stage reads it again.
   matrix_store store = c.compressed ? make_matrix_store(c, s.n, rows.count()) : matrix_store{};
   output_file* matrix = nullptr;
   std::unique_ptr<streamed_matrix> streamed;
+  std::unique_ptr<ordered_matrix> ordered;
   if (!c.compressed) {
     if (leads) matrix = &outputs.open(matrix_path, "wb");
     streamed = group.open_streamed_matrix(matrix, s, c);
+  } else {
+    ordered = group.open_ordered_matrix(outputs, matrix_path, s, c, store,
+                                        !params.write_diagnostics);
   }
   {
-    store_sink sink(s, c, store, rows, streamed.get());
+    store_sink sink(s, c, store, rows, streamed.get(), ordered.get());
     row_sums sums;
     if (options.engine != nullptr) {
       options.engine->make_rows(s, grid, c, sink, rows, sums, out);
@@ -268,8 +274,14 @@ void run_pipeline(const run_params& params, phase_clock& clock, run_log& out,
   if (leads)
     write_sensitivity_model(mean_sensitivity, s.mesh, s.top_index,
                             outputs.open(output_path(options, "sensitivity.txt"), "w"));
-  if (c.compressed && leads) matrix = &outputs.open(matrix_path, "wb");
-  group.write_matrix(matrix, s, c, store, rows, squared_sensitivity, out, streamed.get());
+  if (ordered) {
+    say_writing_matrix(out);
+    ordered->finish(squared_sensitivity, out);
+  } else {
+    if (c.compressed && leads) matrix = &outputs.open(matrix_path, "wb");
+    group.write_matrix(matrix, s, c, store, rows, squared_sensitivity, out, streamed.get());
+  }
+  ordered.reset();
   streamed.reset();
   std::vector<double>().swap(squared_sensitivity);
 

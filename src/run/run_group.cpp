@@ -13,6 +13,14 @@ std::unique_ptr<streamed_matrix> solo_group::open_streamed_matrix(output_file* f
   return streamed;
 }
 
+std::unique_ptr<ordered_matrix> solo_group::open_ordered_matrix(output_set& outputs,
+                                                                const std::string& path,
+                                                                const survey& s,
+                                                                const compression& c,
+                                                                matrix_store& store, bool release) {
+  return std::make_unique<ordered_matrix>(outputs.open(path, "wb"), s, c, store, 1, release);
+}
+
 void solo_group::write_matrix(output_file* file, const survey& s, const compression& c,
                               matrix_store& store, row_range,
                               const std::vector<double>& squared_sensitivity, const run_log& out,

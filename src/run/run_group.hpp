@@ -22,7 +22,9 @@
 #include "base/stop.hpp"
 #include "model/model.hpp"
 #include "output/matrix_file.hpp"
+#include "output/ordered_matrix.hpp"
 #include "output/output_file.hpp"
+#include "output/run_folder.hpp"
 #include "wavelet/compression.hpp"
 
 namespace quolvent {
@@ -74,6 +76,18 @@ class run_group {
   virtual std::unique_ptr<streamed_matrix> open_streamed_matrix(output_file* file,
                                                                 const survey& s,
                                                                 const compression& c) = 0;
+  //   open_ordered_matrix: before the rows of a compressed run, its matrix
+  //   file at path opened in outputs, records 1 to 6 written, for the
+  //   records to go in as the rows are made (release: each freed from the
+  //   store once written); nullptr where the records are written after the
+  //   rows, by write_matrix. A group of several processes keeps to that:
+  //   each process's place in the file follows from the sizes of every
+  //   earlier process's records, known only when they are all made.
+  virtual std::unique_ptr<ordered_matrix> open_ordered_matrix(output_set&, const std::string&,
+                                                              const survey&, const compression&,
+                                                              matrix_store&, bool) {
+    return nullptr;
+  }
   //   write_matrix: the matrix file written (as the function of that name):
   //   records 1 to 6 and the last by the first process, the rows of each
   //   process by that process; squared_sensitivity is read on the first process only.
@@ -108,6 +122,9 @@ class solo_group : public run_group {
   void gather_rows(std::vector<double>&, row_range) override {}
   std::unique_ptr<streamed_matrix> open_streamed_matrix(output_file* file, const survey& s,
                                                         const compression& c) override;
+  std::unique_ptr<ordered_matrix> open_ordered_matrix(output_set& outputs, const std::string& path,
+                                                      const survey& s, const compression& c,
+                                                      matrix_store& store, bool release) override;
   void write_matrix(output_file* file, const survey& s, const compression& c,
                     matrix_store& store, row_range rows,
                     const std::vector<double>& squared_sensitivity, const run_log& out,

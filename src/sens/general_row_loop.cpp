@@ -123,49 +123,55 @@ void general_row_loop(const survey& s, row_sink& sink, row_range rows, row_sums&
     thread_rows t;
     loop.latch.run([&] { begin_thread_rows(sink, n, "kernel g", "kernel", t); });
 
-    // Whole groups of rows to each thread, in one block: a group's sums are
-    // made in datum order by one thread.
-    const row_range mine = split_rows(rows, omp_get_thread_num(), omp_get_num_threads(), group);
-    loop.latch.run([&] { sink.claim_rows(mine); });
-    for (int32_t i = mine.first + 1; i <= mine.last; ++i) {
-      if (loop.latch.stopped()) continue;
-      loop.latch.run([&] {
-        out.check_interrupt();
-        const std::size_t d = static_cast<std::size_t>(i - 1);
-        double* g = t.g.data();
-        const double oy = obs.northing[d], ox = obs.easting[d], oz = z0 - obs.elevation[d];
-        if (per_datum_dir)
-          ws.dir = field_directions(obs.incl, obs.decl, obs.datum_aincl[d], obs.datum_adecl[d]);
-        // Each finished row of columns, while in cache: the datum of the test
-        // model from the row before the weighting (summed in cell order), the
-        // group's sums of |row| before the weighting and of the weighted row
-        // squared, and the weighted row into the store's column.
-        double full = 0.0;
-        double* avg = t.avg.data();
-        double* sq = t.sq.data();
-        float* col = sink.full_column(*t.part, i - 1);
-        const auto finish = [&](std::size_t begin, std::size_t end) {
-          if (test_model != 0.0) {
-            for (std::size_t k = begin; k < end; ++k) full += test_model * g[k];
-          }
-          for (std::size_t k = begin; k < end; ++k) {
-            avg[k] += std::fabs(g[k]);
-            const double v = g[k] / weights[k];
-            g[k] = v;
-            sq[k] += v * v;
-          }
-          if (col != nullptr) {
-            for (std::size_t k = begin; k < end; ++k) col[k] = static_cast<float>(g[k]);
-          }
-        };
-        prism_row(ws, obs.geomag, yn, xn, zn, ny, nx, nz, top, i, oy, ox, oz, g, len, out, finish);
-        if (col == nullptr)
-          sink.put(*t.part, i - 1, g, full);
-        else
-          sink.full_done(*t.part, i - 1);
-        loop.progress.row_done();
-        if (ends_group(i - 1, mine, group)) end_group(loop, t);
-      });
+    // Whole groups of rows to each thread, dealt in turn, so that the rows
+    // are made near datum order (the sink may write them out in that order
+    // as they come): a group's sums are made in datum order by one thread.
+    const row_range groups = group_range(rows, group);
+    for (int32_t grp = groups.first + omp_get_thread_num(); grp < groups.last;
+         grp += omp_get_num_threads()) {
+      const row_range mine = group_rows(rows, grp, group);
+      loop.latch.run([&] { sink.claim_rows(mine); });
+      for (int32_t i = mine.first + 1; i <= mine.last; ++i) {
+        if (loop.latch.stopped()) continue;
+        loop.latch.run([&] {
+          out.check_interrupt();
+          const std::size_t d = static_cast<std::size_t>(i - 1);
+          double* g = t.g.data();
+          const double oy = obs.northing[d], ox = obs.easting[d], oz = z0 - obs.elevation[d];
+          if (per_datum_dir)
+            ws.dir = field_directions(obs.incl, obs.decl, obs.datum_aincl[d], obs.datum_adecl[d]);
+          // Each finished row of columns, while in cache: the datum of the test
+          // model from the row before the weighting (summed in cell order), the
+          // group's sums of |row| before the weighting and of the weighted row
+          // squared, and the weighted row into the store's column.
+          double full = 0.0;
+          double* avg = t.avg.data();
+          double* sq = t.sq.data();
+          float* col = sink.full_column(*t.part, i - 1);
+          const auto finish = [&](std::size_t begin, std::size_t end) {
+            if (test_model != 0.0) {
+              for (std::size_t k = begin; k < end; ++k) full += test_model * g[k];
+            }
+            for (std::size_t k = begin; k < end; ++k) {
+              avg[k] += std::fabs(g[k]);
+              const double v = g[k] / weights[k];
+              g[k] = v;
+              sq[k] += v * v;
+            }
+            if (col != nullptr) {
+              for (std::size_t k = begin; k < end; ++k) col[k] = static_cast<float>(g[k]);
+            }
+          };
+          prism_row(ws, obs.geomag, yn, xn, zn, ny, nx, nz, top, i, oy, ox, oz, g, len, out,
+                    finish);
+          if (col == nullptr)
+            sink.put(*t.part, i - 1, g, full);
+          else
+            sink.full_done(*t.part, i - 1);
+          loop.progress.row_done();
+          if (ends_group(i - 1, mine, group)) end_group(loop, t);
+        });
+      }
     }
     end_thread_rows(loop, sink, t);
   }

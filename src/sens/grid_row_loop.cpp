@@ -198,44 +198,48 @@ void grid_row_loop(const survey& s, const grid_survey& grid, row_sink& sink, row
     loop.latch.run([&] { begin_thread_rows(sink, n, "kernel2 g", "kernel2", t); });
     const int64_t target = run_vector_target();
 
-    // Whole groups of rows to each thread, in one block: a group's sums are
-    // made in datum order by one thread.
-    const row_range mine = split_rows(rows, omp_get_thread_num(), omp_get_num_threads(), group);
-    loop.latch.run([&] { sink.claim_rows(mine); });
-    for (int32_t i = mine.first; i < mine.last; ++i) {
-      if (loop.latch.stopped()) continue;
-      loop.latch.run([&] {
-        out.check_interrupt();
-        const std::size_t id = static_cast<std::size_t>(i);
-        // The sub-block of this datum: a datum north of the reference
-        // reads the cube further south.
-        const std::size_t base =
-            (static_cast<std::size_t>(plan.iy[id] + hy) * static_cast<std::size_t>(nx2) +
-             static_cast<std::size_t>(plan.ix[id] + hx)) *
-            col_stride;
+    // Whole groups of rows to each thread, dealt in turn (as in the general
+    // loop): a group's sums are made in datum order by one thread.
+    const row_range groups = group_range(rows, group);
+    for (int32_t grp = groups.first + omp_get_thread_num(); grp < groups.last;
+         grp += omp_get_num_threads()) {
+      const row_range mine = group_rows(rows, grp, group);
+      loop.latch.run([&] { sink.claim_rows(mine); });
+      for (int32_t i = mine.first; i < mine.last; ++i) {
+        if (loop.latch.stopped()) continue;
+        loop.latch.run([&] {
+          out.check_interrupt();
+          const std::size_t id = static_cast<std::size_t>(i);
+          // The sub-block of this datum: a datum north of the reference
+          // reads the cube further south.
+          const std::size_t base =
+              (static_cast<std::size_t>(plan.iy[id] + hy) * static_cast<std::size_t>(nx2) +
+               static_cast<std::size_t>(plan.ix[id] + hx)) *
+              col_stride;
 
-        // Copy the active cells, weighted, with the sums on the way; a row
-        // kept whole goes straight to its place in the store.
-        float* column = sink.full_column(*t.part, i);
-        double* g = t.g.data();
-        const grid_copy_in in{cube + base, line_stride, col_stride, top_index.data(),
-                              ny,          nx,          nz,         weights};
-        grid_copy_row(target, in, t.avg.data(), t.sq.data(), column != nullptr ? nullptr : g,
-                      column);
+          // Copy the active cells, weighted, with the sums on the way; a row
+          // kept whole goes straight to its place in the store.
+          float* column = sink.full_column(*t.part, i);
+          double* g = t.g.data();
+          const grid_copy_in in{cube + base, line_stride, col_stride, top_index.data(),
+                                ny,          nx,          nz,         weights};
+          grid_copy_row(target, in, t.avg.data(), t.sq.data(), column != nullptr ? nullptr : g,
+                        column);
 
-        // A row through the sink: the test datum is that of the unweighted row.
-        if (column == nullptr) {
-          double full = 0.0;
-          if (test_model != 0.0) {
-            for (std::size_t k = 0; k < nn; ++k) full += test_model * (g[k] * weights[k]);
+          // A row through the sink: the test datum is that of the unweighted row.
+          if (column == nullptr) {
+            double full = 0.0;
+            if (test_model != 0.0) {
+              for (std::size_t k = 0; k < nn; ++k) full += test_model * (g[k] * weights[k]);
+            }
+            sink.put(*t.part, i, g, full);
+          } else {
+            sink.full_done(*t.part, i);
           }
-          sink.put(*t.part, i, g, full);
-        } else {
-          sink.full_done(*t.part, i);
-        }
-        loop.progress.row_done();
-        if (ends_group(i, mine, group)) end_group(loop, t);
-      });
+          loop.progress.row_done();
+          if (ends_group(i, mine, group)) end_group(loop, t);
+        });
+      }
     }
     end_thread_rows(loop, sink, t);
   }

@@ -2,15 +2,20 @@
 // whole file read back by the tests' own reader; the text files line by line.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
 #include <filesystem>
 #include <functional>
+#include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "model/model.hpp"
 #include "output/diagnostic_files.hpp"
 #include "output/matrix_file.hpp"
 #include "output/output_file.hpp"
+#include "output/ordered_matrix.hpp"
 #include "output/output_room.hpp"
 #include "support/matrix_reader.hpp"
 #include "support/test_support.hpp"
@@ -101,6 +106,74 @@ TEST(MatrixFile, ChainedFileReadsBackAndItsSizeIsKnownAhead) {
   const auto u = static_cast<int64_t>(file_bytes("u.mtx").size());
   EXPECT_EQ(matrix_file_bytes(s, none, [&](int32_t) { return uncompressed_row_payload(s.n); }), u);
   EXPECT_EQ(predicted_matrix_bytes(s, none), u);
+}
+
+// Rows finished out of datum order by 4 threads (each record made just
+// before its row is done, in frames of at most 40 bytes so that long records
+// are chained): the file the records went into as they came is the same to
+// the byte as the one written after the rows, with every record freed from
+// the store when asked. A row that never came: a stop, and no file.
+TEST(MatrixFile, RecordsInAsTheRowsComeMakeTheSameFile) {
+  qt::scratch_dir dir;
+  dir.cd();
+  qt::capture cap;
+  obs_set obs = qt::field(90, 0, 90, 0);
+  constexpr int ndata = 150;
+  for (int i = 0; i < ndata; ++i) qt::add_datum(obs, 0.0, 100.0 + i, 51.0);
+  const std::vector<int32_t> tops(12, 0);
+  const std::vector<double> weights(36, 2.0), sq(36, 3.5);
+  const auto s =
+      qt::make_survey(qt::uniform_mesh(4, 3, 3, 5, 10, 2, -10, 100, 50), obs, tops, weights);
+  compression c;
+  c.compressed = true, c.filter_length = 2, c.padded_ny = c.padded_nx = c.padded_nz = 4,
+  c.filter = {0.7, 0.7};
+  matrix_store made;
+  for (int i = 0; i < ndata; ++i) {
+    compressed_row& g = made.compressed_rows.emplace_back();
+    for (int k = 0; k < (i * 7) % 13; ++k) g.idx.push_back(k * 3 + i % 3), g.val.push_back(0.5f * k - i);
+  }
+  matrix_store copy = made;
+  put_in_place("after.mtx",
+               [&](output_file& f) { write_matrix(f, s, c, copy, 1, sq, cap.out, 40); });
+  std::vector<int32_t> order(ndata);
+  for (int i = 0; i < ndata; ++i) order[static_cast<std::size_t>(i)] = i;
+  std::shuffle(order.begin(), order.end(), std::mt19937(7));
+  for (const bool release : {false, true}) {
+    matrix_store store;
+    store.compressed_rows.resize(ndata);
+    output_file f("during.mtx", "wb");
+    ordered_matrix m(f, s, c, store, 1, release, 40);
+    std::atomic<int> next{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+      threads.emplace_back([&] {
+        for (int k; (k = next++) < ndata;) {
+          const auto i = static_cast<std::size_t>(order[static_cast<std::size_t>(k)]);
+          store.compressed_rows[i] = made.compressed_rows[i];
+          m.row_done(static_cast<int32_t>(i));
+        }
+      });
+    for (auto& t : threads) t.join();
+    m.finish(sq, cap.out);
+    f.place();
+    EXPECT_EQ(file_bytes("during.mtx"), file_bytes("after.mtx")) << release;
+    EXPECT_EQ(std::count_if(store.compressed_rows.begin(), store.compressed_rows.end(),
+                            [](const compressed_row& g) { return g.idx.capacity() > 0; }),
+              release ? 0 : std::count_if(made.compressed_rows.begin(), made.compressed_rows.end(),
+                                          [](const compressed_row& g) { return !g.idx.empty(); }));
+  }
+  matrix_store store;
+  store.compressed_rows.resize(ndata);
+  {
+    output_file f("missing.mtx", "wb");
+    ordered_matrix m(f, s, c, store, 1, true, 40);
+    for (int i = 0; i < ndata; ++i)
+      if (i != 77) m.row_done(i);
+    EXPECT_THROW(m.row_done(ndata), quolvent::stop);
+    EXPECT_THROW(m.finish(sq, cap.out), quolvent::stop);
+  }
+  EXPECT_FALSE(fs::exists("missing.mtx"));
+  EXPECT_EQ(qt::temporary_outputs(dir.path.string()), std::vector<std::string>{});
 }
 
 // An output replaces a file of its name only when closed; a stop that

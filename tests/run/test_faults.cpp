@@ -69,28 +69,38 @@ bool writing(const qt::child_program& c) {
 
 // A file size limit (`ulimit -f`, SIGXFSZ at its default) that the matrix file
 // of an uncompressed run passes as its rows go in (before the sensitivity
-// model is written), and one the sensitivity model of a compressed run passes
-// (before its matrix file is written): status 1, the file named with the
-// system's reason, each output not completed kept as it was.
+// model is written), one the sensitivity model of a compressed run of 2 data
+// passes (before the last record of its smaller matrix file is written), and
+// one a larger compressed matrix file passes while its records go in during
+// the rows:
+// status 1, the file named with the system's reason, each output not
+// completed kept as it was.
 TEST(Faults, WriteThatFailsLeavesTheEarlierFile) {
   const struct {
     rlim_t limit;
     const char* wavelet;
     const char* failing;
-  } cases[] = {{64 << 10, "NONE", "dulmarok.mtx"},       // model 30 KB, matrix 450 KB
-               {16 << 10, "daub2", "sensitivity.txt"}};  // the log stays below both
+    int nx, ny, nz, nd;
+  } cases[] = {{64 << 10, "NONE", "dulmarok.mtx", 18, 16, 8, 48},      // model 30 KB, matrix 450 KB
+               {28 << 10, "daub2", "sensitivity.txt", 18, 16, 8, 2},   // matrix 25 KB before its last
+                                                                        // record; the log below all
+               {1 << 20, "daub2", "dulmarok.mtx", 40, 40, 20, 600}};   // matrix 4.9 MB
   for (const auto& k : cases) {
     qt::scratch_dir d("qfault");
     put_earlier(d);
-    const auto r = run_with(d, k.wavelet, [&] {
-      qt::as_in_a_terminal();
-      const rlimit lim{k.limit, k.limit};
-      setrlimit(RLIMIT_FSIZE, &lim);
-    });
+    qt::write_flat_survey(d, k.nx, k.ny, k.nz, k.nd, true, k.wavelet);
+    const auto r = qt::start_program(d.path.string(), {"run.inp", "2"}, [&] {
+                     qt::as_in_a_terminal();
+                     const rlimit lim{k.limit, k.limit};
+                     setrlimit(RLIMIT_FSIZE, &lim);
+                   }).wait();
     const std::string report = std::string("ERROR: cannot write ") + k.failing +
                                ": File too large\n       (an earlier " + k.failing +
                                ", if any, is left as it was)";
     expect_stopped(d, r, 1, report);
+    // The matrix file fails while the rows are made.
+    if (std::string(k.failing) == "dulmarok.mtx")
+      EXPECT_EQ(r.screen.find(" 100."), std::string::npos) << r.screen;
   }
 }
 
@@ -126,7 +136,7 @@ TEST(Faults, InterruptLeavesTheEarlierOutputs) {
     EXPECT_EQ(r.status, 128 + SIGKILL);
     // Killed while the rows go into the matrix file: its temporary file.
     const auto left = qt::temporary_outputs(d);
-    EXPECT_EQ(left.size(), k.streamed ? 1u : 0u);
+    EXPECT_EQ(left.size(), 1u);
     ASSERT_EQ(qt::run_program(d.path.string(), {"run.inp", "2"}).status, 0);
     EXPECT_EQ(qt::temporary_outputs(d), std::vector<std::string>{});
     const std::string log = qt::read_file(d.file("quolvent.log"));
