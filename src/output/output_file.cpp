@@ -70,7 +70,9 @@ output_file::output_file(const std::string& name, const char* mode) : name_(name
     ::close(fd);
     fail(err);
   }
-  std::setvbuf(f_, nullptr, _IOFBF, 1 << 20);
+  constexpr std::size_t buffer_bytes = std::size_t{1} << 20;
+  buffer_ = std::make_unique_for_overwrite<char[]>(buffer_bytes);
+  std::setvbuf(f_, buffer_.get(), _IOFBF, buffer_bytes);
 }
 
 output_file::~output_file() {

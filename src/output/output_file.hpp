@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -66,6 +67,9 @@ class output_file {
  private:
   std::string name_;
   std::string temp_;  // empty once renamed (or removed)
+  // The stream's buffer: given a size but no buffer, the C library keeps its
+  // own 4 KB one, and a 400 MB matrix would go to the disk in 100,000 writes.
+  std::unique_ptr<char[]> buffer_;
   std::FILE* f_ = nullptr;
   bool synced_ = false;
   [[noreturn]] void fail(int err);
