@@ -36,6 +36,7 @@ Seeds give the same faults on the same sources. Standard library only.
 """
 
 import argparse
+import fnmatch
 import hashlib
 import json
 import os
@@ -250,10 +251,15 @@ def fault_sites(path, rng):
     return sites
 
 
-def all_faults(rng):
+def all_faults(rng, only=()):
+    """Every fault of the code, shuffled; only: path patterns (fnmatch, from
+    the repository root) that a file must match, none for every file."""
     faults = []
     for top in CODE_DIRS:
         for path in sorted((ROOT / top).rglob("*")):
+            name = path.relative_to(ROOT).as_posix()
+            if only and not any(fnmatch.fnmatch(name, p) for p in only):
+                continue
             if path.suffix in CXX_SUFFIXES or path.suffix == ".py":
                 for site in fault_sites(path, rng):
                     faults.append((path, *site))
@@ -389,10 +395,12 @@ def main():
     parser.add_argument("--build", default="build-mutate", help="build folder, relative to the repository (default build-mutate)")
     parser.add_argument("--jobs", type=int, default=2)
     parser.add_argument("--list", action="store_true", help="print the first COUNT faults of the seed and stop")
+    parser.add_argument("--only", nargs="+", default=[], metavar="PATTERN",
+                        help="faults only in files matching these patterns (e.g. 'src/base/parallel_sort.*')")
     args = parser.parse_args()
     if args.list:
         rng = random.Random(args.seed)
-        for path, start, end, replacement, kind in all_faults(rng)[:args.count]:
+        for path, start, end, replacement, kind in all_faults(rng, args.only)[:args.count]:
             print(f"{kind:<10} {planted(path, start, end, replacement, rng)[1]}")
         return
 
@@ -428,7 +436,7 @@ def main():
     device = shutil.which("nvidia-smi") is not None and subprocess.run(
         ["nvidia-smi", "-L"], capture_output=True).returncode == 0
     rng = random.Random(args.seed)
-    faults = all_faults(rng)
+    faults = all_faults(rng, args.only)
     killers = {}
     killed, survivors, skipped = 0, [], {}
     counted = 0
