@@ -120,15 +120,12 @@ std::pair<int64_t, int64_t> share_range(int64_t count, std::size_t part, std::si
 namespace {
 
 // copy_lanes: the values of one place, lanes of them (a call of the library's
-// copy would cost more than the copy for the usual counts).
+// copy would cost more than the copy of the one value of a row's cube).
 inline void copy_lanes(const double* in, double* out, std::size_t lanes) {
-  switch (lanes) {
-    case 1: *out = *in; break;
-    case 2: std::memcpy(out, in, 2 * sizeof(double)); break;
-    case 4: std::memcpy(out, in, 4 * sizeof(double)); break;
-    case 8: std::memcpy(out, in, 8 * sizeof(double)); break;
-    default: std::copy(in, in + lanes, out); break;
-  }
+  if (lanes == 1)
+    *out = *in;
+  else
+    std::copy(in, in + lanes, out);
 }
 
 // for_each_column: f(i, j, column, cell) for each column of the mesh in the

@@ -11,6 +11,7 @@
 
 #include "output/matrix_reader.hpp"
 #include "support/layout_runs.hpp"
+#include "support/matrix_reader.hpp"
 
 using namespace quolvent;
 
@@ -44,6 +45,14 @@ TEST(MatrixProducts, BlocksAgainstRowsSingleProductsAndThreadCounts) {
     const stored_matrix m(dir.file("dulmarok.mtx"));
     const std::size_t n = static_cast<std::size_t>(m.contents().n);
     const std::size_t ndata = static_cast<std::size_t>(m.contents().ndata);
+    // The fields a caller reads, against the tests' own reader of the file.
+    const std::vector<std::string> recs = matrix_records(dir.file("dulmarok.mtx"));
+    const matrix_header h = header_of(recs);
+    EXPECT_EQ(m.contents().ndata, h.ndata);
+    EXPECT_EQ(m.contents().n, h.n);
+    EXPECT_EQ(m.contents().padded_nz, h.nzp);
+    EXPECT_EQ(m.contents().flag, values_of<int32_t>(recs[5], 0, 1)[0]);
+    EXPECT_TRUE(m.contents().weights == values_of<double>(recs[5], 4, n));
     std::vector<std::vector<double>> rows;
     for (std::size_t i = 0; i < ndata; ++i) rows.push_back(m.row(static_cast<int32_t>(i)));
     // Eleven columns: a group of eight and one of three, its cubes four wide.
