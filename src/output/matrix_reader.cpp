@@ -237,6 +237,26 @@ namespace {
 // length and run in vector registers.
 constexpr std::size_t group = 8;
 
+// column_group: the cubes of a group of a block's columns, side by side:
+// columns of them in lanes (the next power of two) places a value.
+struct column_group {
+  std::size_t columns, lanes;
+  hwy::AlignedFreeUniquePtr<double[]> values;
+  interleaved_cubes cubes;
+};
+
+// cubes_of_group: the group of the columns from g0 of a block of kk, at most
+// `group` of them. Fails: std::bad_alloc.
+column_group cubes_of_group(const compression& c, std::size_t g0, std::size_t kk) {
+  column_group g;
+  g.columns = std::min(group, kk - g0);
+  g.lanes = std::bit_ceil(g.columns);
+  g.values = hwy::AllocateAligned<double>(static_cast<std::size_t>(c.cube_size) * g.lanes);
+  if (!g.values) throw std::bad_alloc();
+  g.cubes = lanes_of_compression(c, g.values.get(), g.lanes);
+  return g;
+}
+
 std::size_t padded_width(int32_t k) {
   return (static_cast<std::size_t>(k) + group - 1) / group * group;
 }
@@ -290,12 +310,9 @@ std::vector<double> stored_matrix::dot_block(const double* models, int32_t k) co
     // row against the coefficients of the weighted models (G m = (R / w) (w m),
     // w the weights), a group of models' cubes side by side and transformed
     // together, their lines shared among the threads.
-    const std::size_t cube_size = static_cast<std::size_t>(c_.cube_size);
     for (std::size_t g0 = 0; g0 < kk; g0 += group) {
-      const std::size_t columns = std::min(group, kk - g0), lanes = std::bit_ceil(columns);
-      const auto cube = hwy::AllocateAligned<double>(cube_size * lanes);
-      if (!cube) throw std::bad_alloc();
-      const interleaved_cubes cubes = lanes_of_compression(c_, cube.get(), lanes);
+      const column_group grp = cubes_of_group(c_, g0, kk);
+      const std::size_t columns = grp.columns, lanes = grp.lanes;
       const block_layout weighted{kk, columns, m_.weights.data()};
       std::vector<double> sums(ndata * lanes);
 #pragma omp parallel
@@ -309,16 +326,16 @@ std::vector<double> stored_matrix::dot_block(const double* models, int32_t k) co
         const auto [y0, y1] = share_range(planes, t, threads);
         for (int64_t y = y0; y < y1; ++y) {
           const std::size_t plane = static_cast<std::size_t>(y), count = static_cast<std::size_t>(planes);
-          block_to_cubes(c_, cells_, models + g0, m_.n, weighted, cubes, plane, count);
-          transform_axis(c_.filters, cubes, 0, +1, plane, count, lines);
-          transform_axis(c_.filters, cubes, 1, +1, plane, count, lines);
+          block_to_cubes(c_, cells_, models + g0, m_.n, weighted, grp.cubes, plane, count);
+          transform_axis(c_.filters, grp.cubes, 0, +1, plane, count, lines);
+          transform_axis(c_.filters, grp.cubes, 1, +1, plane, count, lines);
         }
 #pragma omp barrier
-        transform_axis(c_.filters, cubes, 2, +1, t, threads, lines);
+        transform_axis(c_.filters, grp.cubes, 2, +1, t, threads, lines);
 #pragma omp barrier
         const auto [i0, i1] = share_range(m_.ndata, t, threads);
         sparse_row_sums(target, m_.rows.data(), static_cast<std::size_t>(i0),
-                        static_cast<std::size_t>(i1), cube.get(), lanes,
+                        static_cast<std::size_t>(i1), grp.values.get(), lanes,
                         sums.data() + static_cast<std::size_t>(i0) * lanes);
       }
       for (std::size_t i = 0; i < ndata; ++i)
@@ -383,10 +400,8 @@ std::vector<double> stored_matrix::rdot_block(const double* v, int32_t k) const 
     // whatever the number of threads.
     const std::size_t cube_size = static_cast<std::size_t>(c_.cube_size);
     for (std::size_t g0 = 0; g0 < kk; g0 += group) {
-      const std::size_t columns = std::min(group, kk - g0), lanes = std::bit_ceil(columns);
-      const auto cube = hwy::AllocateAligned<double>(cube_size * lanes);
-      if (!cube) throw std::bad_alloc();
-      const interleaved_cubes cubes = lanes_of_compression(c_, cube.get(), lanes);
+      const column_group grp = cubes_of_group(c_, g0, kk);
+      const std::size_t columns = grp.columns, lanes = grp.lanes;
       std::vector<double> w(ndata * lanes);
       const std::size_t step = cells_a_step(lanes, 256 << 10);
       const int64_t steps = static_cast<int64_t>((cube_size + step - 1) / step);
@@ -409,9 +424,9 @@ std::vector<double> stored_matrix::rdot_block(const double* v, int32_t k) const 
           // The stretch cleared just before its sums, while it is in cache.
           const std::size_t begin = static_cast<std::size_t>(s) * step;
           const std::size_t end = std::min(cube_size, begin + step);
-          std::fill(cube.get() + begin * lanes, cube.get() + end * lanes, 0.0);
+          std::fill(grp.values.get() + begin * lanes, grp.values.get() + end * lanes, 0.0);
           sparse_rows_add(target, m_.rows.data(), ndata, w.data(), lanes, cursor.data(),
-                          static_cast<int32_t>(end), cube.get());
+                          static_cast<int32_t>(end), grp.values.get());
         }
         line_buffers lines;
         lines.vector_target = target;
@@ -420,13 +435,13 @@ std::vector<double> stored_matrix::rdot_block(const double* v, int32_t k) const 
         const auto [y0, y1] = share_range(planes, t, threads);
         for (int64_t y = y0; y < y1; ++y)
           for (int axis = 0; axis < 2; ++axis)
-            transform_axis(c_.filters, cubes, axis, -1, static_cast<std::size_t>(y),
+            transform_axis(c_.filters, grp.cubes, axis, -1, static_cast<std::size_t>(y),
                            static_cast<std::size_t>(planes), lines);
 #pragma omp barrier
-        transform_axis(c_.filters, cubes, 2, -1, t, threads, lines);
+        transform_axis(c_.filters, grp.cubes, 2, -1, t, threads, lines);
 #pragma omp barrier
-        cubes_to_block(c_, cells_, out.data() + g0, m_.n, {kk, columns, m_.weights.data()}, cubes,
-                       t, threads);
+        cubes_to_block(c_, cells_, out.data() + g0, m_.n, {kk, columns, m_.weights.data()},
+                       grp.cubes, t, threads);
       }
     }
   } else if (k == 1) {
