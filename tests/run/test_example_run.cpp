@@ -1,8 +1,9 @@
 // Whole runs of the bundled example: the files the user gets, the log lines,
 // and the matrix file read back by the tests' own reader and checked against
-// rows computed here.
+// rows computed here; a survey of a single datum likewise.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <regex>
 
 #include "model/mesh.hpp"
@@ -110,4 +111,29 @@ TEST(ExampleRun, CompressedRunWritesEveryFileAndItsReport) {
   EXPECT_GT(ratio / r.logged("Predicted compression  ratio:"), 0.5);
   EXPECT_GT(r.logged("achieved relative error:"), 0.0);
   EXPECT_LT(r.logged("achieved relative error:"), 0.1);
+}
+
+// A survey of one datum, scattered and on a cell centre (the regular-grid
+// loop's kind of point): its one row record is that datum's row computed
+// here, to the file's 32-bit rounding.
+TEST(SmallRuns, OneDatumsMatrixIsItsRow) {
+  for (const bool regular : {false, true}) {
+    SCOPED_TRACE(regular);
+    qt::scratch_dir d("qone");
+    qt::write_flat_survey(d, 6, 5, 4, 1, regular, "NONE");
+    ASSERT_EQ(qt::run_program(d.path.string(), {"run.inp", "2"}).status, 0);
+    qt::capture cap;
+    const mesh_model mesh = read_mesh(d.file("mesh.txt"));
+    const obs_set obs = read_data_file(d.file("obs.mag"));
+    const std::size_t n = 6 * 5 * 4;
+    const std::vector<double> g =
+        qt::kernel_row(mesh, obs, std::vector<int32_t>(6 * 5, 0), 1, cap.out);
+    const auto recs = matrix_records(d.file("dulmarok.mtx"));
+    ASSERT_EQ(recs.size(), 8u);
+    ASSERT_EQ(recs[6].size(), 4 * n);
+    const auto stored = values_of<float>(recs[6], 0, n);
+    double top = 0.0;
+    for (double v : g) top = std::max(top, std::fabs(v));
+    for (std::size_t k = 0; k < n; ++k) EXPECT_NEAR(stored[k], g[k], 1e-6 * top) << k;
+  }
 }
