@@ -44,14 +44,14 @@ namespace quolvent {
 
 namespace {
 
-// alloc_report: an allocation without a report of its own: say so plainly
-// and stop.
-[[noreturn]] void alloc_report() {
+// memory_stop: the stop of an allocation without a report of its own: it
+// says so plainly.
+stop memory_stop() {
   stop s;
   s.screen_lines = {"", "ERROR: not enough memory for this run.", ""};
   s.log_lines = s.screen_lines;
   s.kind = stop_kind::memory;
-  throw s;
+  return s;
 }
 
 constexpr const char* program_name = "quolvent";
@@ -356,7 +356,7 @@ void execute_run(int argc, char** argv, run_log& out, const run_options& options
     sum.wavelet = params.wavelet;
     run_pipeline(params, clock, out, options, sum, group);
   } catch (const std::bad_alloc&) {
-    alloc_report();
+    throw memory_stop();
   }
 
   sum.phase_seconds.emplace_back("TOTAL", clock.phase_timer("TOTAL", -1, out.screen(), out.log()));
@@ -410,11 +410,7 @@ int run_command_line(int argc, char** argv, std::FILE* screen, const run_options
     deliver(s);
   } catch (const std::bad_alloc&) {
     // Before the pipeline, or while a stop was being made.
-    try {
-      alloc_report();
-    } catch (const stop& s) {
-      deliver(s);
-    }
+    deliver(memory_stop());
   }
   out.close_log();
   if (screen) std::fflush(screen);
