@@ -195,10 +195,8 @@ void write_matrix(output_file& f, const survey& s, const compression& c,
 
 streamed_matrix::streamed_matrix(output_file& whole, const survey& s, const compression& c,
                                  int64_t record_limit)
-    : s_(s), c_(c), limit_(record_limit), whole_(&whole), temporary_(whole.temporary()) {
-  head_bytes_ = matrix_head_bytes(s, c, limit_);
-  row_bytes_ = framed_bytes(uncompressed_row_payload(s.n), limit_);
-  part_.emplace(whole.name(), temporary_);
+    : streamed_matrix(whole.name(), whole.temporary(), s, c, record_limit) {
+  whole_ = &whole;
 }
 
 streamed_matrix::streamed_matrix(const std::string& path, const std::string& temporary,
